@@ -1,0 +1,19 @@
+// One message as a plain record, for callers that fill it and pass it by reference.
+#pragma once
+
+namespace QMErrors {
+
+/// The record never owns its buffers: both belong to the caller, who also sets their sizes before
+/// a message is read into it.
+struct QMMessagePacketT {
+  int nType = 0;
+  int nCode = 0;
+  unsigned short nID = 0;
+  int nVal = 0;
+  char* pString = nullptr;               ///< main text; null counts as empty
+  unsigned short nStringSize = 0;        ///< capacity of pString in bytes, NUL included
+  char* pQualifier = nullptr;            ///< second text; null counts as empty
+  unsigned short nQualifierSize = 0;     ///< capacity of pQualifier in bytes, NUL included
+};
+
+}  // namespace QMErrors

@@ -1,0 +1,503 @@
+#include "qmutils/concurrency/QMThreadC.h"
+
+#include <mutex>
+#include <new>
+#include <ostream>
+#include <vector>
+
+#include "qmutils/foundation/LogLine.h"
+#include "qmutils/foundation/PointerText.h"
+#include "qmutils/platform/clock.h"
+#include "qmutils/platform/error.h"
+#include "qmutils/platform/thread.h"
+#include "qmutils/platform/waitable.h"
+
+using namespace qm::platform;
+
+namespace {
+
+using SectionUser = QMCriticalSectionC::QMCriticalSectionUserC;
+
+constexpr DWORD kPoolTimeoutMs = 60000;
+constexpr DWORD kAllOnes = 0xFFFFFFFFu;
+constexpr DWORD kSleepSliceMs = 10000;
+constexpr DWORD kStopStepMs = 200;
+constexpr int kStopStepsPerLogLine = 10;
+constexpr int kStartPolls = 100;
+constexpr DWORD kStartPollMs = 100;
+constexpr unsigned kTraceLevel = 20;
+
+constexpr const char* kStart = "QMThreadC::start(): ";
+constexpr const char* kStop = "QMThreadC::stop(): ";
+
+bool tracing() { return QMLogStreamC::GetDebugLevel() >= kTraceLevel; }
+
+const char* osErrorText() { return QMErrToStr(QMErrors::lastOsError()); }
+
+/// A line without a level prefix.
+template <class... Parts>
+void logPlain(unsigned level, const Parts&... parts) {
+  QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
+  log.SetMessageLevel(level);
+  (log << ... << parts) << std::endl;
+}
+
+/// Keeps the first result that is not success.
+void remember(QMErrors::QMErrorT& first, QMErrors::QMErrorT result) {
+  if (first == QMErrors::NoError) first = result;
+}
+
+}  // namespace
+
+struct QMThreadC::ControlC {
+  std::atomic<void*> thread{nullptr};
+  std::atomic<void*> endEvent{nullptr};
+  std::atomic<DWORD> threadId{0};
+  std::atomic<bool> deleted{false};
+  std::atomic<bool> finished{true};
+  const char* name;
+  DWORD stopTimeoutMs;
+  bool autoDelete;
+  std::mutex starting;  // held by start() until handle and identifier are stored
+
+  ControlC(const char* threadName, DWORD timeoutMs, bool deletesItself)
+      : name(threadName != nullptr ? threadName : "Unknown"),
+        stopTimeoutMs(timeoutMs),
+        autoDelete(deletesItself) {}
+  ControlC(const ControlC&) = delete;
+  ControlC& operator=(const ControlC&) = delete;
+  ~ControlC() {
+    closeThread();
+    if (endEvent != nullptr) closeHandle(endEvent);
+  }
+
+  bool isAlive() const {
+    void* const handle = thread;
+    return handle != nullptr && wait(handle, 0) == WAIT_TIMEOUT;
+  }
+
+  bool endSignalled() const { return wait(endEvent, 0) != WAIT_TIMEOUT; }
+
+  void closeThread() {
+    void* const handle = thread.exchange(nullptr);
+    if (handle != nullptr) closeHandle(handle);
+  }
+
+  QMErrors::QMErrorT create(const std::shared_ptr<ControlC>& self, QMThreadC* object);
+  QMErrors::QMErrorT awaitBegin() const;
+  QMErrors::QMErrorT notifyEnd() const;
+  void awaitEnd() const;
+};
+
+namespace {
+
+/// What a new thread is given; it owns both.
+template <class ControlPtr>
+struct Launch {
+  ControlPtr control;
+  QMThreadC* object;
+};
+
+}  // namespace
+
+// --- the pool -----------------------------------------------------------------------------------
+
+QMThreadC* QMThreadC::m_pThreads = nullptr;
+
+// Never destroyed: threads may outlive main().
+QMCriticalSectionC& QMThreadC::m_PoolCS() {
+  static QMCriticalSectionC* const section = new QMCriticalSectionC;
+  return *section;
+}
+
+QMThreadC::QMThreadC(const char* name, QMThreadC* parent, DWORD stopTimeoutMs, int autoDelete)
+    : m_pParent(parent),
+      m_pControl(std::make_shared<ControlC>(name, stopTimeoutMs, autoDelete != 0)) {
+  SectionUser user(&m_PoolCS());
+  if (user.EnterCriticalSection("QMThreadC::QMThreadC():", kPoolTimeoutMs) != QMErrors::NoError) {
+    return;  // reported by the section; the thread works, but stopAll() does not know it
+  }
+  QMThreadC** link = &m_pThreads;
+  while (*link != nullptr) {
+    m_pPrevious = *link;
+    link = &(*link)->m_pNext;
+  }
+  *link = this;
+}
+
+QMThreadC::~QMThreadC() {
+  (void)RemoveThread(0);
+  if (!m_pControl->deleted) (void)stop();
+  m_pControl->closeThread();
+}
+
+bool QMThreadC::IsPooled() const {
+  const QMThreadC* member = m_pThreads;
+  while (member != nullptr && member != this) member = member->m_pNext;
+  return member != nullptr;
+}
+
+void QMThreadC::Unlink() {
+  (m_pPrevious != nullptr ? m_pPrevious->m_pNext : m_pThreads) = m_pNext;
+  if (m_pNext != nullptr) m_pNext->m_pPrevious = m_pPrevious;
+  m_pNext = m_pPrevious = nullptr;
+}
+
+QMErrors::QMErrorT QMThreadC::RemoveThread(int deleteIt) {
+  QMErrors::QMErrorT left;
+  {
+    SectionUser user(&m_PoolCS());
+    const QMErrors::QMErrorT entered =
+        user.EnterCriticalSection("QMThreadC::RemoveThread(): ", kPoolTimeoutMs);
+    if (entered != QMErrors::NoError) {
+      qm::logWarning(0,
+                     "QMThreadC::RemoveThread(): failed to obtain lock so not removing thread from "
+                     "pool - this could result in memory leaks! Reason for failure:",
+                     QMErrToStr(entered));
+      return entered;
+    }
+    if (IsPooled()) Unlink();
+    left = user.LeaveCriticalSection("QMThreadC::RemoveThread(): ");
+    if (left != QMErrors::NoError) {
+      qm::logWarning(0,
+                     "QMThreadC::RemoveThread(): failed to leave lock! Deleting thread as it is "
+                     "removed from the pool - this could result in memory leaks! Reason for "
+                     "failure:",
+                     QMErrToStr(left));
+    }
+  }
+  // A thread that removes itself is alive as long as it is here.
+  while (GetThreadID() != currentThreadId() && IsStopping()) sleep(100, false);
+  if (deleteIt != 0) delete this;
+  return left;
+}
+
+QMThreadC* QMThreadC::FindChild(QMThreadC* after) {
+  SectionUser user(&m_PoolCS());
+  if (user.EnterCriticalSection("QMThreadC::FindChild(): ", kPoolTimeoutMs) != QMErrors::NoError) {
+    return nullptr;
+  }
+  QMThreadC* member = after != nullptr ? after->m_pNext : m_pThreads;
+  while (member != nullptr && member->GetParent() != this) member = member->m_pNext;
+  return member;
+}
+
+// --- starting -----------------------------------------------------------------------------------
+
+QMErrors::QMErrorT QMThreadC::run() {
+  qm::logError("QMThreadC::run", "No thread body for: ", GetSafeThreadName());
+  return QMErrors::NoThreadBodyCode;
+}
+
+DWORD QMThreadC::ThreadWrapper(void* argument) {
+  const std::unique_ptr<Launch<ControlPtr>> launch(static_cast<Launch<ControlPtr>*>(argument));
+  ControlC& control = *launch->control;
+  QMThreadC* const object = launch->object;
+  { const std::lock_guard handleIsStored(control.starting); }
+  (void)object->SleepEx(0, false);
+  const QMErrors::QMErrorT result = object->run();
+  if (control.autoDelete) {
+    qm::logInfo(kTraceLevel, "QMThreadC::ThreadWrapper(): ",
+                "automatically deleting thread object: ", control.name);
+    control.deleted = true;
+    delete object;
+  }
+  control.finished = true;
+  return static_cast<DWORD>(result);
+}
+
+QMErrors::QMErrorT QMThreadC::start() {
+  const ControlPtr control = m_pControl;
+  return control->create(control, this);
+}
+
+QMErrors::QMErrorT QMThreadC::ControlC::create(const ControlPtr& self, QMThreadC* object) {
+  {
+    const std::lock_guard guard(starting);
+    if (endEvent == nullptr) endEvent = createEvent(true, false);
+    if (endEvent == nullptr) {
+      qm::logError(kStart, "while creating m_hEndEvent: ", osErrorText());
+      return QMErrors::ResourceAllocationFailed;
+    }
+    if (!isAlive()) {
+      closeThread();
+      finished = false;
+      resetEvent(endEvent);
+      auto launch = std::unique_ptr<Launch<ControlPtr>>(new (std::nothrow)
+                                                            Launch<ControlPtr>{self, object});
+      if (launch != nullptr) {
+        DWORD id = 0;
+        thread = startThread(&QMThreadC::ThreadWrapper, launch.get(), &id);
+        threadId = id;
+        if (thread != nullptr) (void)launch.release();
+      } else {
+        setLastError(ERROR_NOT_ENOUGH_MEMORY);
+      }
+    }
+    if (thread == nullptr) {
+      finished = true;
+      qm::logError(kStart, "_beginthreadex() failed: ", osErrorText());
+      return QMErrors::ResourceAllocationFailed;
+    }
+  }
+  // From here on the thread may end and delete its object.
+  qm::logInfo(1, kStart, "_beginthreadex() succeeded for Thread: ", name, ", id = 0x", std::hex,
+              threadId.load());
+  if (tracing()) {
+    qm::logInfo(kTraceLevel, kStart, "waiting for thread: ", name, ", id = 0x", std::hex,
+                threadId.load(), " to begin.");
+  }
+  return awaitBegin();
+}
+
+QMErrors::QMErrorT QMThreadC::ControlC::awaitBegin() const {
+  for (int poll = 0; poll < kStartPolls; ++poll) {
+    if (finished || isAlive()) return QMErrors::NoError;
+    sleep(kStartPollMs, false);
+  }
+  if (finished) return QMErrors::NoError;
+  qm::logError(kStart, "thread ", name, ", id = 0x", std::hex, threadId.load(),
+               " failed to start");
+  return QMErrors::FailedToStartThread;
+}
+
+// --- stopping -----------------------------------------------------------------------------------
+
+QMErrors::QMErrorT QMThreadC::NotifyEnd() { return m_pControl->notifyEnd(); }
+
+QMErrors::QMErrorT QMThreadC::ControlC::notifyEnd() const {
+  void* const event = endEvent;
+  if (event == nullptr || !setEvent(event)) {
+    const QMErrors::QMErrorT reason =
+        event == nullptr ? QMErrors::ResourceAllocationFailed : QMErrors::lastOsError();
+    qm::logError("QMThreadC::NotifyEnd(): ", "m_hEndEvent = ", qm::PointerText(event).view(), ", ",
+                 event == nullptr ? "invalid handle." : QMErrToStr(reason));
+    return reason;
+  }
+  for (;;) {
+    const DWORD previous = resumeThread(thread);
+    if (previous == kAllOnes) return QMErrors::FailedToResumeThread;
+    if (previous <= 1) return QMErrors::NoError;
+    qm::logInfo(kTraceLevel, "QMThreadC::NotifyEnd(): ", "suspendCount for :", name,
+                " is: ", previous);
+  }
+}
+
+QMErrors::QMErrorT QMThreadC::stop() {
+  const ControlPtr control = m_pControl;
+  return Stop(control, this);
+}
+
+/// `object` is only compared; it may be deleted by its own thread at any moment.
+QMErrors::QMErrorT QMThreadC::Stop(const ControlPtr& control, const QMThreadC* object) {
+  if (control->thread != nullptr && control->threadId == currentThreadId() && !control->deleted) {
+    qm::logWarning(kTraceLevel, kStop, "Cannot stop() thread from within itself ignoring request");
+    return QMErrors::NoError;
+  }
+  QMErrors::QMErrorT first = StopChildren(object);
+  if (control->isAlive()) {
+    const QMErrors::QMErrorT notified = control->notifyEnd();
+    remember(first, notified);
+    if (notified != QMErrors::NoError) return first;
+  }
+  control->awaitEnd();
+  control->closeThread();
+  if (control->endEvent != nullptr) resetEvent(control->endEvent);
+  return first;
+}
+
+/// Signals all children before it stops any of them.
+QMErrors::QMErrorT QMThreadC::StopChildren(const QMThreadC* parent) {
+  struct Child {
+    ControlPtr control;
+    const QMThreadC* object;
+  };
+  std::vector<Child> children;
+  QMErrors::QMErrorT first = QMErrors::NoError;
+  {
+    SectionUser user(&m_PoolCS());
+    const QMErrors::QMErrorT entered = user.EnterCriticalSection(kStop, kPoolTimeoutMs);
+    if (entered != QMErrors::NoError) return entered;
+    for (QMThreadC* member = m_pThreads; member != nullptr; member = member->m_pNext) {
+      if (member->GetParent() != parent) continue;
+      remember(first, member->NotifyEnd());
+      children.push_back({member->m_pControl, member});
+      sleep(0, false);
+    }
+  }
+  for (const Child& child : children) {
+    remember(first, Stop(child.control, child.object));
+    sleep(0, false);
+  }
+  return first;
+}
+
+void QMThreadC::ControlC::awaitEnd() const {
+  const Deadline deadline = Deadline::after(stopTimeoutMs);
+  for (int step = 1; !deleted && isAlive(); ++step) {
+    if (deadline.passed()) {
+      logPlain(0, kStop,
+               "ERROR: Could not stop thread. Thread being killed, this could leave dangling "
+               "resources.");
+      logPlain(0, kStop, "DON'T KNOW HOW TO KILL THREADS!!!!!!!");
+      return;
+    }
+    if (step % kStopStepsPerLogLine == 0) {
+      logPlain(kTraceLevel, kStop, "Waiting for thread ", name, " id 0x", std::hex,
+               threadId.load(), " to die...");
+    }
+    (void)wait(thread, kStopStepMs);
+  }
+}
+
+QMErrors::QMErrorT QMThreadC::stopAll() {
+  std::vector<ControlPtr> controls;
+  std::vector<const QMThreadC*> objects;
+  {
+    SectionUser user(&m_PoolCS());
+    const QMErrors::QMErrorT entered = user.EnterCriticalSection(kStop, kPoolTimeoutMs);
+    if (entered != QMErrors::NoError) return entered;
+    for (QMThreadC* member = m_pThreads; member != nullptr; member = member->m_pNext) {
+      if (!member->bIsParent()) continue;
+      controls.push_back(member->m_pControl);
+      objects.push_back(member);
+    }
+  }
+  QMErrors::QMErrorT first = QMErrors::NoError;
+  for (std::size_t i = 0; i < controls.size(); ++i) {
+    remember(first, Stop(controls[i], objects[i]));
+    sleep(0, false);
+  }
+  return first;
+}
+
+// --- fields -------------------------------------------------------------------------------------
+
+DWORD QMThreadC::GetThreadID() const { return m_pControl->threadId; }
+void* QMThreadC::GetThread() const { return m_pControl->thread; }
+void* QMThreadC::GetEndEvent() const { return m_pControl->endEvent; }
+const char* QMThreadC::GetSafeThreadName() const { return m_pControl->name; }
+
+bool QMThreadC::IsAlive() const { return m_pControl->isAlive(); }
+
+bool QMThreadC::IsDead() const {
+  void* const handle = GetThread();
+  return handle != nullptr && wait(handle, 0) == WAIT_OBJECT_0;
+}
+
+bool QMThreadC::IsEndEventSignalled() const { return m_pControl->endSignalled(); }
+bool QMThreadC::IsStopping() const { return IsEndEventSignalled() && IsAlive(); }
+
+// --- waits --------------------------------------------------------------------------------------
+
+DWORD QMThreadC::SleepEx(DWORD milliseconds, bool alertable) const {
+  DWORD remaining = milliseconds;
+  for (;;) {
+    const DWORD slice = remaining < kSleepSliceMs ? remaining : kSleepSliceMs;
+    const DWORD result = sleep(slice, alertable);
+    if (IsEndEventSignalled()) return kAllOnes;
+    if (milliseconds != INFINITE) remaining -= slice;
+    if (result != 0 || remaining == 0) return result;
+  }
+}
+
+DWORD QMThreadC::WaitForSingleObject(void* handle, DWORD timeoutMs) const {
+  void* const endEvent = GetEndEvent();
+  void* const handles[] = {handle, endEvent};
+  return waitAny(handles, endEvent != nullptr ? 2 : 1, timeoutMs);
+}
+
+namespace {
+
+void traceWaiting(const char* label, const char* name, DWORD id, DWORD count, void* const* handles,
+                  const char* open, const char* close, DWORD timeoutMs) {
+  if (!tracing()) return;
+  QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
+  log.SetMessageLevel(kTraceLevel);
+  log._LogInfo();
+  log << label << name << ", id=0x" << std::hex << id << std::dec << " waiting on " << count
+      << open;
+  for (DWORD i = 0; i < count; ++i) {
+    log << (i == 0 ? "" : ", ") << qm::PointerText(handles[i]).view();
+  }
+  log << close << timeoutMs << std::endl;
+}
+
+void traceReturning(const char* label, const char* name, DWORD id, DWORD count, bool all,
+                    DWORD result) {
+  if (!tracing()) return;
+  QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
+  log.SetMessageLevel(kTraceLevel);
+  log._LogInfo();
+  log << label << name << ", id=0x" << std::hex << id << std::dec << " returning: ";
+  for (DWORD i = 0; i < count; ++i) {
+    if (result == WAIT_OBJECT_0 + i || (all && result == WAIT_OBJECT_0)) {
+      log << " Object " << i << " was signalled ";
+    } else if (result == WAIT_ABANDONED_0 + i) {
+      log << " Object " << i << " was abandoned ";
+    }
+  }
+  if (result == WAIT_TIMEOUT) log << " Timed out ";
+  log << std::endl;
+}
+
+}  // namespace
+
+DWORD QMThreadC::WaitForMultipleObjects(DWORD count, void* const* handles, bool waitAll,
+                                        DWORD timeoutMs) const {
+  const char* const label = waitAll ? "QMThreadC::WaitForMultipleObjects( ALL ): "
+                                    : "QMThreadC::WaitForMultipleObjects( ANY ): ";
+  const char* const name = GetSafeThreadName();
+  const DWORD id = GetThreadID();
+  traceWaiting(label, name, id, count, handles, waitAll ? " objects: " : " objects[",
+               waitAll ? ", timeout = " : "], timeout = ", timeoutMs);
+  DWORD result = WAIT_OBJECT_0;
+  DWORD traced = count;
+  if (waitAll) {
+    const Deadline deadline = Deadline::after(timeoutMs);
+    for (DWORD i = 0; i < count && result == WAIT_OBJECT_0; ++i) {
+      result = WaitForSingleObject(handles[i], deadline.remainingMs());
+    }
+  } else {
+    void* waited[MAXIMUM_WAIT_OBJECTS];
+    void* const endEvent = GetEndEvent();
+    const DWORD all = endEvent != nullptr ? count + 1 : count;
+    if (all <= MAXIMUM_WAIT_OBJECTS && handles != nullptr) {
+      for (DWORD i = 0; i < count; ++i) waited[i] = handles[i];
+      if (endEvent != nullptr) waited[count] = endEvent;
+    }
+    result = waitAny(handles != nullptr ? waited : nullptr, all, timeoutMs);
+    traced = all;
+  }
+  traceReturning(label, name, id, traced, waitAll, result);
+  return result;
+}
+
+// --- operations of the system on the thread -----------------------------------------------------
+
+DWORD QMThreadC::SuspendThread() {
+  const DWORD previous = suspendThread(GetThread());
+  if (previous == kAllOnes) {
+    qm::logError("QMThreadC::SuspendThread(): ", "suspend failed on thread: ", GetSafeThreadName(),
+                 " Reason: ", osErrorText());
+  }
+  return previous;
+}
+
+DWORD QMThreadC::ResumeThread() {
+  const DWORD previous = resumeThread(GetThread());
+  if (previous == kAllOnes) {
+    qm::logError("QMThreadC::ResumeThread(): ", "resume failed on thread: ", GetSafeThreadName(),
+                 " Reason: ", osErrorText());
+  }
+  return previous;
+}
+
+int QMThreadC::SetThreadPriority(int priority) { return SetThreadPriority(GetThread(), priority); }
+
+int QMThreadC::SetThreadPriority(void* handle, int priority) {
+  if (setThreadPriority(handle, priority)) return 1;
+  qm::logError("QMThreadC::SetThreadPriority(): ", "SetThreadPriority failed on thread: ",
+               GetSafeThreadName(), ", Reason: ", osErrorText());
+  return 0;
+}

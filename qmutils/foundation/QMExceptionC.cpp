@@ -1,0 +1,3 @@
+#include "qmutils/foundation/QMExceptionC.h"
+
+QMExceptionC::~QMExceptionC() = default;

@@ -1,0 +1,14 @@
+// Wall-clock arithmetic in milliseconds since 1601, local time. Any thread may call it. The wall
+// clock jumps when it is set; intervals are measured with RealSecondsC.
+#pragma once
+
+#include <cstdint>
+
+#include "qmutils/platform/export.h"
+
+class QMUTILS_API QMTimeC {
+ public:
+  static std::int64_t GetTimeMS();
+  /// a - b
+  static std::int64_t Difference(std::int64_t a, std::int64_t b) { return a - b; }
+};

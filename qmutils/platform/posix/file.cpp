@@ -1,0 +1,303 @@
+#include "qmutils/platform/file.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "qmutils/platform/clock.h"
+#include "qmutils/platform/error.h"
+#include "qmutils/platform/posix/descriptor.h"
+#include "qmutils/platform/posix/errno_translation.h"
+#include "qmutils/platform/posix/file_marks.h"
+#include "qmutils/platform/posix/native_path.h"
+#include "qmutils/platform/posix/unix_time.h"
+
+namespace qm::platform {
+
+namespace {
+
+constexpr mode_t kAnyWrite = S_IWUSR | S_IWGRP | S_IWOTH;
+
+/// A file is read-only when nobody may write it, or when this caller may not. The first counts for
+/// the superuser too, whom the permissions would not stop.
+bool isReadOnly(const char* path, const struct stat& status) noexcept {
+  return (status.st_mode & kAnyWrite) == 0 || faccessat(AT_FDCWD, path, W_OK, AT_EACCESS) != 0;
+}
+
+bool isFolder(const struct stat& status) noexcept { return S_ISDIR(status.st_mode); }
+
+bool sameFile(const struct stat& a, const struct stat& b) noexcept {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+bool writeAll(int descriptor, const char* data, std::size_t size) noexcept {
+  while (size > 0) {
+    const ssize_t written = write(descriptor, data, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    data += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+bool copyContent(int from, int to) noexcept {
+  char buffer[32 * 1024];
+  for (;;) {
+    const ssize_t got = read(from, buffer, sizeof buffer);
+    if (got == 0) return true;
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0 || !writeAll(to, buffer, static_cast<std::size_t>(got))) return false;
+  }
+}
+
+/// Opens a file for reading and asks for its status; folders fail with 5. Never waits for the other
+/// end of a pipe.
+Descriptor openForReading(const char* path, struct stat* status) noexcept {
+  Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file.isOpen()) {
+    failOnPath(path);
+  } else if (fstat(file.get(), status) != 0) {
+    failWithErrno(errno);
+    file.reset();
+  } else if (isFolder(*status)) {
+    failWith(ERROR_ACCESS_DENIED);
+    file.reset();
+  }
+  return file;
+}
+
+Descriptor openForCopying(const char* path, bool mustBeNew, const struct stat& source) noexcept {
+  // Not truncated yet: the target may be the source itself.
+  const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (mustBeNew ? O_EXCL : 0);
+  Descriptor file(open(path, flags, S_IRUSR | S_IWUSR));
+  struct stat status;
+  if (!file.isOpen()) {
+    if (errno == EEXIST) {
+      failWith(ERROR_FILE_EXISTS);
+    } else {
+      failOnPath(path);
+    }
+  } else if (fstat(file.get(), &status) != 0) {
+    failWithErrno(errno);
+    file.reset();
+  } else if (sameFile(status, source)) {
+    failWith(ERROR_SHARING_VIOLATION);
+    file.reset();
+  }
+  return file;
+}
+
+/// Follows symbolic links, also to a file that does not exist yet; false with the last error set.
+bool resolveLinks(NativePath* path) noexcept {
+  constexpr int kMaxLinks = 40;
+  for (int links = 0; links < kMaxLinks; ++links) {
+    char target[PATH_MAX];
+    const ssize_t length = readlink(path->c_str(), target, sizeof target - 1);
+    if (length < 0) return errno == EINVAL || errno == ENOENT || failOnPath(path->c_str());
+    target[length] = '\0';
+    const char* separator = target[0] == '/' ? nullptr : std::strrchr(path->c_str(), '/');
+    const std::size_t kept =
+        separator == nullptr ? 0 : static_cast<std::size_t>(separator - path->c_str()) + 1;
+    if (kept + static_cast<std::size_t>(length) >= PATH_MAX) {
+      return failWith(ERROR_FILENAME_EXCED_RANGE);
+    }
+    std::memcpy(path->data() + kept, target, static_cast<std::size_t>(length) + 1);
+  }
+  return failWithErrno(ELOOP);
+}
+
+/// Gives the file mode and owner of the one it replaces. Only the superuser can give a file away;
+/// for others a foreign target becomes theirs, with the group kept where they belong to it.
+bool takeModeAndOwner(int file, const struct stat& target) noexcept {
+  struct stat own;
+  if (fstat(file, &own) != 0) return failWithErrno(errno);
+  mode_t mode = target.st_mode & 07777;
+  const bool differs = own.st_uid != target.st_uid || own.st_gid != target.st_gid;
+  if (differs && fchown(file, target.st_uid, target.st_gid) != 0 &&
+      fchown(file, static_cast<uid_t>(-1), target.st_gid) != 0) {
+    mode &= 0777;
+  }
+  return fchmod(file, mode) == 0 || failWithErrno(errno);
+}
+
+/// Moves `temporary` over `target` when a symbolic link leads to another file system, where a
+/// rename cannot go: copies it beside the target first.
+bool replaceAcrossFileSystems(const char* temporary, const char* target) noexcept {
+  struct stat source;
+  const Descriptor from = openForReading(temporary, &source);
+  if (!from.isOpen()) return false;
+  char beside[PATH_MAX + 8];
+  std::snprintf(beside, sizeof beside, "%s.XXXXXX", target);
+  const Descriptor to(mkostemp(beside, O_CLOEXEC));
+  if (!to.isOpen()) return failOnPath(target);
+  if (copyContent(from.get(), to.get()) && takeModeAndOwner(to.get(), source) &&
+      fsync(to.get()) == 0 && rename(beside, target) == 0) {
+    unlink(temporary);
+    return true;
+  }
+  const int error = errno;
+  unlink(beside);
+  return failWithErrno(error);
+}
+
+}  // namespace
+
+std::string nativePath(const char* path) { return NativePath(path).c_str(); }
+
+std::FILE* openFile(const char* path, const char* mode) noexcept {
+  const NativePath native(path);
+  if (!native.ok()) return nullptr;
+  if (mode == nullptr || *mode == '\0') {
+    failWith(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  char closeOnExec[32];
+  std::snprintf(closeOnExec, sizeof closeOnExec, "%ce%s", mode[0], mode + 1);
+  FilePtr file(std::fopen(native.c_str(), closeOnExec));
+  struct stat status;
+  if (file == nullptr) {
+    failOnPath(native.c_str());
+  } else if (fstat(fileno(file.get()), &status) == 0 && isFolder(status)) {
+    failWith(ERROR_ACCESS_DENIED);
+    file.reset();
+  }
+  return file.release();
+}
+
+std::FILE* createFileExclusively(const char* path) noexcept {
+  const NativePath native(path);
+  if (!native.ok()) return nullptr;
+  Descriptor file(open(native.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+  if (!file.isOpen()) {
+    if (errno == EEXIST) {
+      failWith(ERROR_FILE_EXISTS);
+    } else {
+      failOnPath(native.c_str());
+    }
+    return nullptr;
+  }
+  std::FILE* stream = fdopen(file.get(), "w");
+  if (stream == nullptr) {
+    failWithErrno(errno);
+    unlink(native.c_str());
+    return nullptr;
+  }
+  file.release();
+  return stream;
+}
+
+DWORD fileAttributes(const char* path) noexcept {
+  const NativePath native(path);
+  if (!native.ok()) return INVALID_FILE_ATTRIBUTES;
+  struct stat status;
+  if (stat(native.c_str(), &status) != 0) {
+    failOnPath(native.c_str());
+    return INVALID_FILE_ATTRIBUTES;
+  }
+  DWORD attributes = readMarks(native.c_str());
+  if (isFolder(status)) {
+    attributes |= FILE_ATTRIBUTE_DIRECTORY;
+  } else if (isReadOnly(native.c_str(), status)) {
+    attributes |= FILE_ATTRIBUTE_READONLY;
+  }
+  return attributes == 0 ? FILE_ATTRIBUTE_NORMAL : attributes;
+}
+
+bool setFileAttributes(const char* path, DWORD attributes) noexcept {
+  const NativePath native(path);
+  if (!native.ok()) return false;
+  struct stat status;
+  if (stat(native.c_str(), &status) != 0) return failOnPath(native.c_str());
+  const bool wasReadOnly = (status.st_mode & kAnyWrite) == 0;
+  const bool makeReadOnly = (attributes & FILE_ATTRIBUTE_READONLY) != 0 && !isFolder(status);
+  // A mark can only be written while the file is writable.
+  if (wasReadOnly && !makeReadOnly && chmod(native.c_str(), status.st_mode | S_IWUSR) != 0) {
+    return failWithErrno(errno);
+  }
+  if (!writeMarks(native.c_str(), attributes)) return false;
+  if (makeReadOnly && !wasReadOnly && chmod(native.c_str(), status.st_mode & ~kAnyWrite) != 0) {
+    return failWithErrno(errno);
+  }
+  return true;
+}
+
+bool deleteFile(const char* path) noexcept {
+  const NativePath native(path);
+  if (!native.ok()) return false;
+  return unlink(native.c_str()) == 0 || failOnPath(native.c_str());
+}
+
+bool copyFile(const char* from, const char* to, bool failIfExists) noexcept {
+  const NativePath source(from);
+  if (!source.ok()) return false;
+  const NativePath target(to);
+  if (!target.ok()) return false;
+  struct stat status;
+  const Descriptor in = openForReading(source.c_str(), &status);
+  if (!in.isOpen()) return false;
+  Descriptor out = openForCopying(target.c_str(), failIfExists, status);
+  if (!out.isOpen()) return false;
+  const timespec times[] = {status.st_atim, status.st_mtim};
+  bool copied = ftruncate(out.get(), 0) == 0 && copyContent(in.get(), out.get()) &&
+                copyMarks(in.get(), out.get()) && fchmod(out.get(), status.st_mode & 0777) == 0 &&
+                futimens(out.get(), times) == 0;
+  // Some file systems report a full disk only when the file is closed.
+  if (copied) copied = close(out.release()) == 0;
+  if (copied) return true;
+  const int error = errno;
+  unlink(target.c_str());
+  return failWithErrno(error);
+}
+
+bool lastWriteTime(const char* path, FILETIME* time) noexcept {
+  const NativePath native(path);
+  if (!native.ok()) return false;
+  struct stat status;
+  if (!openForReading(native.c_str(), &status).isOpen()) return false;
+  *time = fileTimeFromTicks(ticksFromTimespec(status.st_mtim));
+  return true;
+}
+
+bool createDirectory(const char* path) noexcept {
+  const NativePath native(path);
+  if (!native.ok()) return false;
+  return mkdir(native.c_str(), 0777) == 0 || failOnPath(native.c_str());
+}
+
+bool mayReplaceFile(const char* target) noexcept {
+  const NativePath native(target);
+  if (!native.ok()) return false;
+  struct stat status;
+  if (stat(native.c_str(), &status) != 0) return errno == ENOENT || failOnPath(native.c_str());
+  // Only a regular file may be replaced: not a folder, and not a device by a file of its name.
+  return (S_ISREG(status.st_mode) && !isReadOnly(native.c_str(), status)) ||
+         failWith(ERROR_ACCESS_DENIED);
+}
+
+bool replaceFile(const char* temporary, const char* target) noexcept {
+  const NativePath source(temporary);
+  if (!source.ok()) return false;
+  NativePath destination(target);
+  if (!destination.ok() || !mayReplaceFile(target) || !resolveLinks(&destination)) return false;
+  struct stat status;
+  if (stat(destination.c_str(), &status) == 0) {
+    const Descriptor file(open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.isOpen()) return failOnPath(source.c_str());
+    if (!takeModeAndOwner(file.get(), status)) return false;
+  }
+  if (rename(source.c_str(), destination.c_str()) == 0) return true;
+  if (errno == EXDEV) return replaceAcrossFileSystems(source.c_str(), destination.c_str());
+  return failOnPath(destination.c_str());
+}
+
+bool flushToDisk(std::FILE* file) noexcept {
+  return (std::fflush(file) == 0 && fsync(fileno(file)) == 0) || failWithErrno(errno);
+}
+
+}  // namespace qm::platform

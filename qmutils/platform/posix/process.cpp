@@ -1,0 +1,329 @@
+#include "qmutils/platform/process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "qmutils/platform/error.h"
+#include "qmutils/platform/file.h"
+#include "qmutils/platform/module.h"
+#include "qmutils/platform/posix/command_line.h"
+#include "qmutils/platform/posix/errno_translation.h"
+#include "qmutils/platform/posix/wait_object.h"
+#include "qmutils/platform/waitable.h"
+
+extern char** environ;
+
+namespace qm::platform {
+
+using namespace posix;
+
+namespace {
+
+// The C library's header for these two cannot be linked from C++ everywhere.
+int openPidfd(pid_t pid) noexcept { return static_cast<int>(syscall(SYS_pidfd_open, pid, 0)); }
+int killThroughPidfd(int pidfd) noexcept {
+  return static_cast<int>(syscall(SYS_pidfd_send_signal, pidfd, SIGKILL, nullptr, 0));
+}
+
+/// A child as the watcher sees it: its pidfd, and the objects behind the two handles.
+struct Child {
+  int pidfd = -1;
+  WaitObject* process = nullptr;
+  WaitObject* mainThread = nullptr;
+  // Guarded by the dispatcher's lock:
+  bool ended = false;
+  std::optional<DWORD> forcedCode;
+
+  Child() = default;
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child() {
+    if (pidfd >= 0) close(pidfd);
+  }
+};
+
+DWORD exitCodeOf(const siginfo_t& info) noexcept {
+  const auto status = static_cast<DWORD>(info.si_status);
+  return info.si_code == CLD_EXITED ? status : 128 + status;
+}
+
+/// One thread collects the ends of all children and signals their handles.
+class ChildWatcher {
+ public:
+  /// Null when the system refuses; the next launch tries again. Never destroyed: children may
+  /// outlive main().
+  static ChildWatcher* instance() noexcept {
+    static constinit std::mutex mutex;
+    static constinit ChildWatcher* watcher = nullptr;
+    const std::lock_guard lock(mutex);
+    if (watcher == nullptr) watcher = create();
+    return watcher;
+  }
+
+  bool watch(Child* child) noexcept {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.ptr = child;
+    return epoll_ctl(epoll_, EPOLL_CTL_ADD, child->pidfd, &event) == 0;
+  }
+
+ private:
+  explicit ChildWatcher(int epoll) noexcept : epoll_(epoll) {}
+
+  static ChildWatcher* create() noexcept {
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    if (epoll < 0) return nullptr;
+    try {
+      auto watcher = std::unique_ptr<ChildWatcher>(new ChildWatcher(epoll));
+      // The program's signals are for its own threads.
+      sigset_t all;
+      sigset_t before;
+      sigfillset(&all);
+      pthread_sigmask(SIG_SETMASK, &all, &before);
+      std::thread([self = watcher.get()] { self->run(); }).detach();
+      pthread_sigmask(SIG_SETMASK, &before, nullptr);
+      return watcher.release();
+    } catch (...) {
+      close(epoll);
+      return nullptr;
+    }
+  }
+
+  void run() noexcept {
+    for (;;) {
+      epoll_event event;
+      if (epoll_wait(epoll_, &event, 1, -1) == 1) collect(static_cast<Child*>(event.data.ptr));
+    }
+  }
+
+  void collect(Child* child) noexcept {
+    siginfo_t info{};
+    if (waitid(P_PIDFD, static_cast<id_t>(child->pidfd), &info, WEXITED) != 0 && errno == EINTR) {
+      return;
+    }
+    epoll_ctl(epoll_, EPOLL_CTL_DEL, child->pidfd, nullptr);
+    DispatcherLock lock;
+    WakeList wakes;
+    child->ended = true;
+    const DWORD code = child->forcedCode.value_or(exitCodeOf(info));
+    for (WaitObject* object : {child->mainThread, child->process}) {
+      object->exitCode = code;
+      signalObject(object, lock, wakes);
+      unpin(object);
+    }
+    lock.unlock();
+    wakes.wakeAll();
+  }
+
+  const int epoll_;
+};
+
+bool isProgramFile(const std::string& path) noexcept {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+/// Where a program named on a command line lies: a name without a folder is looked for beside the
+/// running program, in the current folder, and along PATH. Empty when there is none.
+std::string findProgram(const std::string& name) {
+  const std::string native = nativePath(name.c_str());
+  if (native.find('/') != std::string::npos) return isProgramFile(native) ? native : std::string();
+  std::string own = modulePath(nullptr);
+  own.resize(own.find_last_of('/') + 1);
+  std::vector<std::string> folders{own, "./"};
+  const char* path = std::getenv("PATH");
+  std::string_view rest = path == nullptr ? "" : path;
+  while (!rest.empty()) {
+    const std::size_t end = std::min(rest.find(':'), rest.size());
+    folders.push_back(std::string(rest.substr(0, end)) + "/");
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  for (const std::string& folder : folders) {
+    if (isProgramFile(folder + native)) return folder + native;
+  }
+  return {};
+}
+
+/// The program's path and its arguments, the program's name as written being the first; empty when
+/// no reading of the command line names a program.
+struct Launch {
+  std::string path;
+  std::vector<std::string> arguments;
+};
+
+Launch resolveLaunch(const char* commandLine) {
+  for (const CommandReading& reading : readCommand(commandLine)) {
+    std::string path = findProgram(reading.program);
+    if (path.empty()) continue;
+    Launch launch{std::move(path), {reading.program}};
+    for (std::string& argument : splitArguments(reading.rest)) {
+      launch.arguments.push_back(std::move(argument));
+    }
+    return launch;
+  }
+  return {};
+}
+
+/// Spawns with only the standard descriptors, default signals and a process group of its own; gives
+/// an errno value.
+int spawn(const Launch& launch, bool detached, pid_t* pid) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : launch.arguments) {
+    arguments.push_back(const_cast<char*>(argument.c_str()));
+  }
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  int error = posix_spawn_file_actions_init(&actions);
+  if (error != 0) return error;
+  error = posix_spawnattr_init(&attributes);
+  if (error == 0) {
+    if (detached) posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    sigset_t signals;
+    sigfillset(&signals);
+    posix_spawnattr_setsigdefault(&attributes, &signals);
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&attributes, &signals);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF |
+                                              POSIX_SPAWN_SETSIGMASK);
+    error = posix_spawn(pid, launch.path.c_str(), &actions, &attributes, arguments.data(), environ);
+    posix_spawnattr_destroy(&attributes);
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  return error;
+}
+
+DWORD launchError(int error) noexcept {
+  return error == ENOEXEC || error == ELIBBAD ? ERROR_BAD_EXE_FORMAT : lastErrorFromErrno(error);
+}
+
+void applyPriorityClass(pid_t pid, DWORD flags) noexcept {
+  int nice = 0;
+  if ((flags & IDLE_PRIORITY_CLASS) != 0) nice = 19;
+  if ((flags & HIGH_PRIORITY_CLASS) != 0) nice = -10;
+  if ((flags & REALTIME_PRIORITY_CLASS) != 0) nice = -20;
+  if (nice != 0) (void)setpriority(PRIO_PROCESS, static_cast<id_t>(pid), nice);
+}
+
+void killUnwatched(pid_t pid) noexcept {
+  kill(pid, SIGKILL);
+  while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+void dropHandles(const ProcessInformation& information) noexcept {
+  if (information.process != nullptr) closeHandle(information.process);
+  if (information.mainThread != nullptr) closeHandle(information.mainThread);
+}
+
+/// Launches into `child`, whose two objects exist already.
+bool launchChild(const Launch& launch, DWORD flags, ChildWatcher& watcher, Child* child,
+                 pid_t* pid) {
+  const int error = spawn(launch, (flags & DETACHED_PROCESS) != 0, pid);
+  if (error != 0) return failWith(launchError(error));
+  applyPriorityClass(*pid, flags);
+  child->pidfd = openPidfd(*pid);
+  {
+    DispatcherLock lock;
+    ++child->process->pins;
+    ++child->mainThread->pins;
+  }
+  if (child->pidfd >= 0 && watcher.watch(child)) return true;
+  const DWORD number = lastErrorFromErrno(errno);
+  killUnwatched(*pid);
+  DispatcherLock lock;
+  unpin(child->process);
+  unpin(child->mainThread);
+  return failWith(number);
+}
+
+/// With the dispatcher's lock held: the child of a process handle, or null with the last error 6.
+Child* childOf(WaitObject* object) noexcept {
+  if (object == nullptr) return nullptr;
+  if (kindOf(object->word.load(std::memory_order_relaxed)) != Kind::Process) {
+    setLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+  }
+  return static_cast<Child*>(object->attachment.get());
+}
+
+}  // namespace
+
+bool createProcess(const char* commandLine, DWORD creationFlags, WORD /*showState*/,
+                   ProcessInformation* information) noexcept try {
+  *information = {};
+  const Launch launch = resolveLaunch(commandLine == nullptr ? "" : commandLine);
+  if (launch.path.empty()) return failWith(ERROR_FILE_NOT_FOUND);
+  ChildWatcher* watcher = ChildWatcher::instance();
+  if (watcher == nullptr) return failWith(ERROR_NOT_ENOUGH_MEMORY);
+  auto child = std::make_shared<Child>();
+  ProcessInformation result;
+  child->process = newObject(Kind::Process, 0, &result.process);
+  child->mainThread = newObject(Kind::Process, 0, &result.mainThread);
+  if (child->process == nullptr || child->mainThread == nullptr) {
+    dropHandles(result);
+    return failWith(ERROR_NOT_ENOUGH_MEMORY);
+  }
+  {
+    DispatcherLock lock;
+    child->process->attachment = child;
+    child->mainThread->attachment = child;
+  }
+  pid_t pid = 0;
+  if (!launchChild(launch, creationFlags, *watcher, child.get(), &pid)) {
+    const DWORD number = lastError();
+    dropHandles(result);
+    return failWith(number);
+  }
+  result.processId = static_cast<DWORD>(pid);
+  result.threadId = static_cast<DWORD>(pid);
+  *information = result;
+  return true;
+} catch (const std::bad_alloc&) {
+  return failWith(ERROR_NOT_ENOUGH_MEMORY);
+}
+
+bool processExitCode(HANDLE process, DWORD* code) noexcept {
+  DispatcherLock lock;
+  WaitObject* object = resolve(process);
+  if (childOf(object) == nullptr) return false;
+  *code = object->exitCode;
+  return true;
+}
+
+bool terminateProcess(HANDLE process, DWORD exitCode) noexcept {
+  DispatcherLock lock;
+  Child* child = childOf(resolve(process));
+  if (child == nullptr) return false;
+  if (child->ended) return failWith(ERROR_ACCESS_DENIED);
+  child->forcedCode = exitCode;
+  if (killThroughPidfd(child->pidfd) == 0) return true;
+  const int error = errno;
+  child->forcedCode.reset();
+  return failWith(error == ESRCH ? ERROR_ACCESS_DENIED : lastErrorFromErrno(error));
+}
+
+DWORD currentProcessId() noexcept { return static_cast<DWORD>(getpid()); }
+
+}  // namespace qm::platform

@@ -1,0 +1,276 @@
+#include "qmutils/platform/thread.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <climits>
+#include <new>
+
+#include "qmutils/platform/error.h"
+#include "qmutils/platform/posix/errno_translation.h"
+#include "qmutils/platform/posix/suspension.h"
+#include "qmutils/platform/posix/wait_object.h"
+#include "qmutils/platform/waitable.h"
+
+namespace qm::platform {
+
+using namespace posix;
+
+namespace {
+
+constexpr DWORD kFailed = 0xFFFFFFFFu;
+constexpr std::uint32_t kMaximumSuspendCount = 127;
+
+/// What a new thread needs of its starter; lies on the starter's stack until the thread has begun.
+struct StartRequest {
+  ThreadRecord* record;
+  WaitObject* object;
+  ThreadEntry entry;
+  void* argument;
+  DWORD* id;
+  FutexWord begun{0};
+};
+
+void* threadMain(void* argument) {
+  auto* request = static_cast<StartRequest*>(argument);
+  WaitObject* object = request->object;
+  const ThreadEntry entry = request->entry;
+  void* const entryArgument = request->argument;
+  adoptThreadRecord(request->record);
+  if (request->id != nullptr) *request->id = request->record->threadId;
+  FutexWord* begun = &request->begun;
+  begun->store(1, std::memory_order_release);
+  futexWake(begun, 1);
+  const DWORD exitCode = entry(entryArgument);
+  endCurrentThread(object, exitCode);
+  return nullptr;
+}
+
+int createDetached(StartRequest& request) noexcept {
+  pthread_attr_t attributes;
+  int error = pthread_attr_init(&attributes);
+  if (error != 0) return error;
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_t thread;
+  error = pthread_create(&thread, &attributes, threadMain, &request);
+  pthread_attr_destroy(&attributes);
+  return error;
+}
+
+/// With the dispatcher's lock held: the running thread of a handle, or null with the last error 6
+/// (no thread) or 5 (it has ended).
+ThreadRecord* runningThread(HANDLE thread) noexcept {
+  WaitObject* object = resolve(thread);
+  if (object == nullptr) return nullptr;
+  if (kindOf(object->word.load(std::memory_order_relaxed)) != Kind::Thread) {
+    setLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+  }
+  if (object->thread == nullptr) setLastError(ERROR_ACCESS_DENIED);
+  return object->thread;
+}
+
+/// The nearest scheduling weight; a system that refuses it leaves the thread as it was.
+void applyPriority(DWORD threadId, int priority) noexcept {
+  const int nice = priority <= -15 ? 19 : priority >= 15 ? -15 : -5 * priority;
+  (void)setpriority(PRIO_PROCESS, threadId, nice);
+}
+
+bool isPriority(int priority) noexcept {
+  return (priority >= THREAD_PRIORITY_LOWEST && priority <= THREAD_PRIORITY_HIGHEST) ||
+         priority == THREAD_PRIORITY_IDLE || priority == THREAD_PRIORITY_TIME_CRITICAL;
+}
+
+/// Runs the calls queued for this thread; false when there was none.
+bool runQueuedCalls(ThreadRecord& record) noexcept {
+  QueuedCall* calls;
+  {
+    DispatcherLock lock;
+    calls = record.firstCall;
+    record.firstCall = record.lastCall = nullptr;
+    record.sleepingAlertable = calls == nullptr;
+    record.parking.store(0, std::memory_order_relaxed);
+  }
+  if (calls == nullptr) return false;
+  while (calls != nullptr) {
+    QueuedCall* next = calls->next;
+    calls->call(calls->argument);
+    delete calls;
+    calls = next;
+  }
+  return true;
+}
+
+DWORD alertableSleep(const Deadline& deadline) noexcept {
+  ThreadRecord& record = currentThread();
+  for (;;) {
+    if (runQueuedCalls(record)) return WAIT_IO_COMPLETION;
+    if (deadline.passed()) break;
+    while (record.parking.load(std::memory_order_acquire) == 0 && !deadline.passed()) {
+      futexWait(record.parking, 0, deadline);
+    }
+  }
+  DispatcherLock lock;
+  record.sleepingAlertable = false;
+  return 0;
+}
+
+}  // namespace
+
+HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id) noexcept {
+  if (!prepareSuspension()) {
+    setLastError(lastErrorFromErrno(errno));
+    return nullptr;
+  }
+  HANDLE handle = nullptr;
+  WaitObject* object = newObject(Kind::Thread, 0, &handle);
+  if (object == nullptr) return nullptr;
+  ThreadRecord* record = newThreadRecord();
+  int error = ENOMEM;
+  if (record != nullptr) {
+    {
+      DispatcherLock lock;
+      object->thread = record;
+      ++object->pins;
+    }
+    StartRequest request{record, object, entry, argument, id};
+    error = createDetached(request);
+    if (error == 0) {
+      while (request.begun.load(std::memory_order_acquire) == 0) {
+        futexWait(request.begun, 0, Deadline::after(INFINITE));
+      }
+      return handle;
+    }
+    DispatcherLock lock;
+    object->thread = nullptr;
+    unpin(object);
+    record->gone = true;
+    ++record->pins;
+    unpinThreadRecord(record);
+  }
+  closeHandle(handle);
+  setLastError(lastErrorFromErrno(error));
+  return nullptr;
+}
+
+bool threadExitCode(HANDLE thread, DWORD* code) noexcept {
+  DispatcherLock lock;
+  WaitObject* object = resolve(thread);
+  if (object == nullptr) return false;
+  if (kindOf(object->word.load(std::memory_order_relaxed)) != Kind::Thread) {
+    setLastError(ERROR_INVALID_HANDLE);
+    return false;
+  }
+  *code = object->exitCode;
+  return true;
+}
+
+DWORD suspendThread(HANDLE thread) noexcept {
+  ThreadRecord* record;
+  std::uint32_t previous;
+  bool self;
+  {
+    DispatcherLock lock;
+    record = runningThread(thread);
+    if (record == nullptr) return kFailed;
+    self = record == &currentThread();
+    if ((record->suspension.load(std::memory_order_relaxed) & kCountMask) >=
+        kMaximumSuspendCount) {
+      setLastError(ERROR_SIGNAL_REFUSED);
+      return kFailed;
+    }
+    previous = record->suspension.fetch_add(1, std::memory_order_acq_rel);
+    if (!self && (previous & kParked) == 0) signalSuspension(*record);
+    ++record->pins;
+  }
+  if (self) {
+    parkWhileSuspended(*record);
+  } else {
+    awaitParked(*record);
+  }
+  DispatcherLock lock;
+  const bool ended = record->gone;
+  unpinThreadRecord(record);
+  if (!ended) return previous & kCountMask;
+  setLastError(ERROR_ACCESS_DENIED);
+  return kFailed;
+}
+
+DWORD resumeThread(HANDLE thread) noexcept {
+  DispatcherLock lock;
+  WaitObject* object = resolve(thread);
+  if (object == nullptr) return kFailed;
+  ThreadRecord* record = runningThread(thread);
+  if (record == nullptr) {
+    return kindOf(object->word.load(std::memory_order_relaxed)) == Kind::Thread ? 0 : kFailed;
+  }
+  FutexWord& word = record->suspension;
+  std::uint32_t seen = word.load(std::memory_order_relaxed);
+  do {
+    if ((seen & kCountMask) == 0) return 0;
+  } while (!word.compare_exchange_weak(seen, seen - 1, std::memory_order_acq_rel));
+  futexWake(&word, INT_MAX);
+  return seen & kCountMask;
+}
+
+bool setThreadPriority(HANDLE thread, int priority) noexcept {
+  if (!isPriority(priority)) {
+    setLastError(ERROR_INVALID_PARAMETER);
+    return false;
+  }
+  DispatcherLock lock;
+  ThreadRecord* record = runningThread(thread);
+  if (record == nullptr) return false;
+  record->priority.store(priority, std::memory_order_relaxed);
+  applyPriority(record->threadId, priority);
+  return true;
+}
+
+int threadPriority(HANDLE thread) noexcept {
+  DispatcherLock lock;
+  const ThreadRecord* record = runningThread(thread);
+  return record == nullptr ? THREAD_PRIORITY_ERROR_RETURN
+                           : record->priority.load(std::memory_order_relaxed);
+}
+
+int currentThreadPriority() noexcept {
+  return currentThread().priority.load(std::memory_order_relaxed);
+}
+
+bool queueAsyncCall(HANDLE thread, AsyncCall call, void* argument) noexcept {
+  auto* queued = new (std::nothrow) QueuedCall{call, argument, nullptr};
+  if (queued == nullptr) {
+    setLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return false;
+  }
+  DispatcherLock lock;
+  ThreadRecord* record = runningThread(thread);
+  if (record == nullptr) {
+    lock.unlock();
+    delete queued;
+    return false;
+  }
+  (record->lastCall != nullptr ? record->lastCall->next : record->firstCall) = queued;
+  record->lastCall = queued;
+  if (record->sleepingAlertable) {
+    record->parking.store(1, std::memory_order_release);
+    futexWake(&record->parking, 1);
+  }
+  return true;
+}
+
+DWORD sleep(DWORD milliseconds, bool alertable) noexcept {
+  if (alertable) return alertableSleep(Deadline::after(milliseconds));
+  if (milliseconds == 0) {
+    sched_yield();
+    return 0;
+  }
+  const FutexWord nobodyWakes{0};
+  const Deadline deadline = Deadline::after(milliseconds);
+  while (!deadline.passed()) futexWait(nobodyWakes, 0, deadline);
+  return 0;
+}
+
+}  // namespace qm::platform

@@ -1,0 +1,135 @@
+#include "qmutils/platform/posix/thread_record.h"
+
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "qmutils/platform/posix/suspension.h"
+#include "qmutils/platform/posix/wait_object.h"
+
+namespace qm::platform {
+namespace posix {
+namespace {
+
+// Read by a signal handler, so it must be reachable without a call that allocates.
+[[gnu::tls_model("initial-exec")]] constinit thread_local ThreadRecord* ownRecord = nullptr;
+
+constinit ThreadRecord* firstFreeRecord = nullptr;  // guarded by the dispatcher's lock
+
+/// Ends the record of a thread that the platform did not start, when that thread ends.
+struct ForeignThreadEnd {
+  bool armed = false;
+  ~ForeignThreadEnd() {
+    if (armed && ownRecord != nullptr) endCurrentThread(nullptr, 0);
+  }
+};
+thread_local ForeignThreadEnd foreignThreadEnd;
+
+void reset(ThreadRecord& record) noexcept {
+  record.threadId = 0;
+  record.parking.store(0, std::memory_order_relaxed);
+  record.suspension.store(0, std::memory_order_relaxed);
+  record.deferral.store(0, std::memory_order_relaxed);
+  record.suspensionPending.store(false, std::memory_order_relaxed);
+  record.priority.store(THREAD_PRIORITY_NORMAL, std::memory_order_relaxed);
+  record.gone = false;
+}
+
+void recycle(ThreadRecord* record) noexcept {
+  record->nextFree = firstFreeRecord;
+  firstFreeRecord = record;
+}
+
+/// In the child of a fork the calling thread has another identifier.
+void renumberAfterFork() noexcept {
+  if (ownRecord != nullptr) ownRecord->threadId = static_cast<DWORD>(syscall(SYS_gettid));
+}
+
+DWORD systemThreadId() noexcept {
+  static const int registered = pthread_atfork(nullptr, nullptr, renumberAfterFork);
+  (void)registered;
+  return static_cast<DWORD>(syscall(SYS_gettid));
+}
+
+/// A record for a thread that others started. Such a thread cannot go on without one, and the few
+/// bytes are not to be had only when the process is at its end anyway.
+ThreadRecord& makeForeignRecord() noexcept {
+  ThreadRecord* record = new (std::nothrow) ThreadRecord;
+  if (record == nullptr) std::abort();
+  record->threadId = systemThreadId();
+  ownRecord = record;
+  foreignThreadEnd.armed = true;
+  return *record;
+}
+
+}  // namespace
+
+ThreadRecord& currentThread() noexcept {
+  ThreadRecord* record = ownRecord;
+  return record != nullptr ? *record : makeForeignRecord();
+}
+
+void adoptThreadRecord(ThreadRecord* record) noexcept {
+  record->threadId = systemThreadId();
+  ownRecord = record;
+}
+
+ThreadRecord* newThreadRecord() noexcept {
+  {
+    DispatcherLock lock;
+    if (firstFreeRecord != nullptr) {
+      ThreadRecord* record = firstFreeRecord;
+      firstFreeRecord = record->nextFree;
+      reset(*record);
+      return record;
+    }
+  }
+  return new (std::nothrow) ThreadRecord;
+}
+
+ThreadRecord* currentThreadIfKnown() noexcept { return ownRecord; }
+
+void endCurrentThread(WaitObject* threadObject, DWORD exitCode) noexcept {
+  ThreadRecord* record = ownRecord;
+  abandonOwned(*record);
+  // It must not park any more, as nobody could resume it.
+  record->deferral.fetch_add(1, std::memory_order_relaxed);
+  WakeList wakes;
+  QueuedCall* calls;
+  {
+    DispatcherLock lock;
+    calls = record->firstCall;
+    record->firstCall = record->lastCall = nullptr;
+    record->gone = true;
+    record->suspension.fetch_or(kEnded, std::memory_order_release);
+    if (threadObject != nullptr) {
+      threadObject->exitCode = exitCode;
+      threadObject->thread = nullptr;
+      signalObject(threadObject, lock, wakes);
+      unpin(threadObject);
+    }
+  }
+  wakes.wakeAll();
+  futexWake(&record->suspension, INT32_MAX);
+  while (calls != nullptr) {
+    QueuedCall* next = calls->next;
+    delete calls;
+    calls = next;
+  }
+  ownRecord = nullptr;
+  DispatcherLock lock(DispatcherLock::kThreadIsEnding);
+  if (record->pins == 0) recycle(record);
+}
+
+void unpinThreadRecord(ThreadRecord* record) noexcept {
+  if (--record->pins == 0 && record->gone) recycle(record);
+}
+
+}  // namespace posix
+
+DWORD currentThreadId() noexcept { return posix::currentThread().threadId; }
+
+}  // namespace qm::platform

@@ -1,0 +1,147 @@
+#include "qmutils/platform/watched_file.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "qmutils/platform/posix/descriptor.h"
+#include "qmutils/platform/posix/errno_translation.h"
+#include "qmutils/platform/posix/native_path.h"
+
+namespace qm::platform {
+
+namespace {
+
+/// File systems whose files other machines may move: their changes are not reported here.
+bool isRemote(int descriptor) noexcept {
+  struct statfs status;
+  if (fstatfs(descriptor, &status) != 0) return true;
+  switch (static_cast<unsigned>(status.f_type)) {
+    case 0x6969:      // NFS
+    case 0x517B:      // SMB
+    case 0xFF534D42:  // CIFS
+    case 0xFE534D42:  // SMB 2
+    case 0x01021997:  // 9P
+    case 0x65735546:  // FUSE
+    case 0x00C36400:  // Ceph
+    case 0x5346414F:  // AFS
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+/// The open file and what is known about its name. With a notifier, a change of the name shows as
+/// an event of the file itself (deleted, renamed, replaced: its link count changes or it moves) or
+/// of a folder above it (moved); asking for events costs one call that finds nothing, a third of
+/// looking the name up. Names whose meaning can change without such an event (relative ones, ones
+/// through symbolic links, ones on other machines) are looked up each time.
+struct WatchedAppendFile::Watch {
+  explicit Watch(const char* path) noexcept : path(path) {}
+
+  bool open() noexcept {
+    if (!path.ok()) return false;
+    file = Descriptor(
+        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666));
+    if (!file.isOpen()) return failOnPath(path.c_str());
+    if (fstat(file.get(), &identity) != 0) return failWithErrno(errno);
+    startNotifier();
+    return true;
+  }
+
+  bool nameLeadsHere() const noexcept {
+    struct stat now;
+    return stat(path.c_str(), &now) == 0 && now.st_dev == identity.st_dev &&
+           now.st_ino == identity.st_ino;
+  }
+
+  /// True when something may have happened to the name since the last call.
+  bool mayHaveChanged() const noexcept {
+    if (!notifier.isOpen()) return true;
+    alignas(inotify_event) char events[4096];
+    bool changed = false;
+    for (;;) {
+      const ssize_t got = read(notifier.get(), events, sizeof events);
+      if (got > 0) {
+        changed = true;
+      } else if (got == 0 || errno != EINTR) {
+        return changed || got == 0 || errno != EAGAIN;
+      }
+    }
+  }
+
+  void startNotifier() noexcept {
+    if (path.c_str()[0] != '/' || isRemote(file.get())) return;
+    Descriptor started(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!started.isOpen() || !watchName(started.get())) return;
+    // What happened between opening and watching left no event.
+    if (nameLeadsHere()) notifier = std::move(started);
+  }
+
+  /// Watches the file and every folder above it; false when a part of the name is a link or cannot
+  /// be watched.
+  bool watchName(int inotify) noexcept {
+    char part[PATH_MAX];
+    std::strcpy(part, path.c_str());
+    std::uint32_t mask = IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
+    while (part[0] != '\0') {
+      if (inotify_add_watch(inotify, part, mask | IN_DONT_FOLLOW) < 0) return false;
+      struct stat status;
+      if (lstat(part, &status) != 0 || S_ISLNK(status.st_mode)) return false;
+      mask = IN_MOVE_SELF | IN_DELETE_SELF;
+      *std::strrchr(part, '/') = '\0';
+    }
+    return true;
+  }
+
+  NativePath path;
+  Descriptor file;
+  Descriptor notifier;
+  struct stat identity {};
+};
+
+WatchedAppendFile::WatchedAppendFile() noexcept = default;
+WatchedAppendFile::~WatchedAppendFile() = default;
+
+bool WatchedAppendFile::open(const char* path) noexcept {
+  watch_.reset(new (std::nothrow) Watch(path));
+  if (watch_ == nullptr) return failWith(ERROR_NOT_ENOUGH_MEMORY);
+  if (watch_->open()) return true;
+  watch_.reset();
+  return false;
+}
+
+void WatchedAppendFile::close() noexcept { watch_.reset(); }
+
+bool WatchedAppendFile::isOpen() const noexcept { return watch_ != nullptr; }
+
+bool WatchedAppendFile::stillNamed() noexcept {
+  return watch_ != nullptr && (!watch_->mayHaveChanged() || watch_->nameLeadsHere());
+}
+
+bool WatchedAppendFile::isEmpty() const noexcept {
+  struct stat status;
+  return watch_ != nullptr && fstat(watch_->file.get(), &status) == 0 && status.st_size == 0;
+}
+
+bool WatchedAppendFile::append(std::string_view text) noexcept {
+  if (watch_ == nullptr) return failWith(ERROR_INVALID_HANDLE);
+  while (!text.empty()) {
+    const ssize_t written = write(watch_->file.get(), text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return failWithErrno(errno);
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+}  // namespace qm::platform

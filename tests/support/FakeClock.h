@@ -1,0 +1,31 @@
+// A clock that stands still until a test moves it, installed for the life of the object.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "qmutils/platform/clock.h"
+
+namespace qmtest {
+
+class FakeClock : public qm::platform::TimeSource {
+ public:
+  FakeClock();
+  ~FakeClock() override;
+  FakeClock(const FakeClock&) = delete;
+  FakeClock& operator=(const FakeClock&) = delete;
+
+  void advanceMs(std::int64_t milliseconds) noexcept;
+  /// Sets the wall clock (UTC); the monotonic clock does not move.
+  void setUtc(const SYSTEMTIME& utc) noexcept;
+
+  std::int64_t monotonicNanoseconds() noexcept override { return nanoseconds_.load(); }
+  std::uint64_t utcTicks() noexcept override { return ticks_.load(); }
+
+ private:
+  std::atomic<std::int64_t> nanoseconds_{1'000'000'000'000};
+  std::atomic<std::uint64_t> ticks_;
+  qm::platform::TimeSource* former_;
+};
+
+}  // namespace qmtest

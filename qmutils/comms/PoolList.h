@@ -2,10 +2,10 @@
 //
 // Every function is called with the pool's mutex held, except count(). Its owner may be killed
 // between any two instructions, so each change has one store that decides: before it the change has
-// not happened, after it it has, and repair() finds the rest. The section may hold anything (another
-// program's error, a torn write): each index is checked, each walk ends after 200 steps, byte 255 of
-// a text is its end. A list that contradicts itself is reported as Damaged; after repair() it never
-// does.
+// not happened, after it it has, and repair() finds the rest. The section may hold anything
+// (another program's error, a torn write): each index is checked, each walk ends after 200 steps,
+// byte 255 of a text is its end. A list that contradicts itself is reported as Damaged; after
+// repair() it never does.
 //
 // A walk costs one step a message; nothing allocates, waits or fails otherwise.
 #pragma once
@@ -49,7 +49,8 @@ enum class PoolStep : int {
 extern void (*poolStepHook)(PoolStep step);
 
 inline void poolStep(PoolStep step) {
-  if (poolStepHook != nullptr) [[unlikely]] poolStepHook(step);
+  if (poolStepHook != nullptr) [[unlikely]]
+    poolStepHook(step);
 }
 
 enum class PoolAppend { Added, Full, Damaged };

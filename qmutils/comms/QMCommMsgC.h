@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <istream>
 #include <ostream>
+#include <string_view>
 
 #include "qmutils/foundation/QMErrors.h"
 #include "qmutils/foundation/QMStringStream.h"
@@ -86,6 +87,8 @@ class QMUTILS_API QMCommMsgC {
   QMErrors::QMErrorT Clone(const QMCommMsgC& other);
   QMErrors::QMErrorT DuplicateString(const char* source, qm::SharedText* target,
                                      std::uint16_t* length) noexcept;
+  QMErrors::QMErrorT StoreText(const char* source, qm::SharedText* target,
+                               std::uint16_t* length) noexcept;
 
   static void eatXMLwhite(std::istream& is);
   static int isXMLwhite(char c) noexcept;

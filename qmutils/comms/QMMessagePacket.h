@@ -10,10 +10,10 @@ struct QMMessagePacketT {
   int nCode = 0;
   unsigned short nID = 0;
   int nVal = 0;
-  char* pString = nullptr;               ///< main text; null counts as empty
-  unsigned short nStringSize = 0;        ///< capacity of pString in bytes, NUL included
-  char* pQualifier = nullptr;            ///< second text; null counts as empty
-  unsigned short nQualifierSize = 0;     ///< capacity of pQualifier in bytes, NUL included
+  char* pString = nullptr;            ///< main text; null counts as empty
+  unsigned short nStringSize = 0;     ///< capacity of pString in bytes, NUL included
+  char* pQualifier = nullptr;         ///< second text; null counts as empty
+  unsigned short nQualifierSize = 0;  ///< capacity of pQualifier in bytes, NUL included
 };
 
 }  // namespace QMErrors

@@ -30,8 +30,7 @@ class MessageWriter {
     return append(digits, static_cast<std::size_t>(end - digits), true);
   }
   bool text(const char* text, bool separator) noexcept {
-    return text == nullptr ? append("", 0, separator)
-                           : append(text, std::strlen(text), separator);
+    return text == nullptr ? append("", 0, separator) : append(text, std::strlen(text), separator);
   }
 
  private:
@@ -98,7 +97,8 @@ void WorkText::split() noexcept {
   string = qualifier = length == 0 ? 0 : static_cast<unsigned char>(text[length - 1]);
   char* at = text;
   for (std::size_t found = 1; found <= kSeparators; ++found) {
-    at = static_cast<char*>(std::memchr(at, kSeparator, static_cast<std::size_t>(text + length - at)));
+    at = static_cast<char*>(
+        std::memchr(at, kSeparator, static_cast<std::size_t>(text + length - at)));
     if (at == nullptr) return;
     *at++ = ' ';
     if (found == kSeparators - 1) string = static_cast<std::size_t>(at - text);
@@ -152,8 +152,8 @@ QMErrors::QMErrorT QMCreateMessage(int type, int code, unsigned short id, int va
   return QMErrors::NoError;
 }
 
-QMErrors::QMErrorT QMCreateMessageFromPacket(const QMErrors::QMMessagePacketT& packet,
-                                             char* buffer, unsigned short bufferSize) {
+QMErrors::QMErrorT QMCreateMessageFromPacket(const QMErrors::QMMessagePacketT& packet, char* buffer,
+                                             unsigned short bufferSize) {
   return QMCreateMessage(packet.nType, packet.nCode, packet.nID, packet.nVal, packet.pString,
                          packet.pQualifier, buffer, bufferSize);
 }

@@ -27,8 +27,7 @@ QMUTILS_API QMErrors::QMErrorT QMCreateMessage(int type, int code, unsigned shor
 
 /// The same from a record.
 QMUTILS_API QMErrors::QMErrorT QMCreateMessageFromPacket(const QMErrors::QMMessagePacketT& packet,
-                                                         char* buffer,
-                                                         unsigned short bufferSize);
+                                                         char* buffer, unsigned short bufferSize);
 
 /// Reads a text of at most 1023 characters, single-byte or UTF-16 behind the mark FF FE. Missing
 /// numbers are 0; numbers beyond 32 bits wrap around, `id` is narrowed to 16. With fewer than five

@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <new>
 #include <optional>
 
 #include "qmutils/comms/PoolList.h"
+#include "qmutils/comms/PoolNames.h"
+#include "qmutils/foundation/Immortal.h"
 #include "qmutils/foundation/QMDBprintf.h"
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
@@ -22,12 +23,6 @@ namespace {
 using platform::Deadline;
 using platform::SharedObjects;
 using QMErrors::QMErrorT;
-
-constexpr platform::SharedObjectNames kNames = {
-    "Selvane_Comms_Mutex", "Selvane_Comms_Event", "Selvane_Comms_Queue", "Selvane_Comms_Doorbells",
-    "Selvane_Comms_Users"};
-constexpr platform::SharedSectionKind kSectionKind = {sizeof(PoolSection),
-                                                      offsetof(PoolSection, magic), kPoolMagic};
 
 constexpr DWORD kOpenMs = 20'000;
 constexpr DWORD kCloseMs = 2'000;
@@ -63,7 +58,7 @@ class TimeLimit {
   std::optional<Deadline> deadline_;
 };
 
-/// The process's place in the pool. Never destroyed: threads may use it until the very end.
+/// The process's place in the pool.
 class Connection {
  public:
   static Connection& instance() noexcept;
@@ -84,8 +79,6 @@ class Connection {
   DWORD osError() const noexcept { return osError_.load(std::memory_order_relaxed); }
 
  private:
-  Connection() noexcept = default;
-
   bool isConnected() const noexcept { return connected_.load() && objects_.isOpen(); }
   void startAfreshInCopy() noexcept;
   void endCalls() noexcept;
@@ -108,7 +101,7 @@ class Connection {
   void purge() noexcept;
   void dump() noexcept;
 
-  SharedObjects objects_{kNames, kSectionKind};
+  SharedObjects objects_{kPoolObjectNames, kPoolSectionKind};
   std::mutex openClose_;
   DWORD process_ = 0;
   std::atomic<bool> connected_{false};
@@ -140,9 +133,8 @@ QMErrorT codeOfFailedWait(DWORD waitResult) noexcept {
 }
 
 Connection& Connection::instance() noexcept {
-  alignas(Connection) static std::byte storage[sizeof(Connection)];
-  static Connection* const connection = new (storage) Connection;
-  return *connection;
+  static Immortal<Connection> connection;
+  return connection.value;
 }
 
 void Connection::noteOsError() noexcept {

@@ -42,8 +42,6 @@ class LogFileWriter {
   void write(unsigned int level, const char* text, const LogFileStyle& style);
 
  private:
-  friend struct QMLogFileTestAccess;
-
   bool fileExists() noexcept;
   bool openFile() noexcept;
   SharedText changeDay(unsigned int level, const LogFileStyle& style);

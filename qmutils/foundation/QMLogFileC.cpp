@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <ostream>
 
 #include "qmutils/foundation/Immortal.h"
@@ -10,7 +11,10 @@
 #include "qmutils/foundation/LogStamp.h"
 #include "qmutils/foundation/QMErrors.h"
 #include "qmutils/foundation/SharedText.h"
+#include "qmutils/foundation/ShortLock.h"
 #include "qmutils/platform/prompt.h"
+#include "qmutils/platform/suspension_deferral.h"
+#include "qmutils/platform/thread.h"
 #include "qmutils/platform/waitable.h"
 
 namespace {
@@ -33,7 +37,7 @@ struct Log {
   QMLogFileC* headerSource = nullptr;
 
   void createMutex() {
-    const std::lock_guard guard(mutexCreation);
+    const qm::ShortLock lock(mutexCreation);
     if (mutex.load() == nullptr) mutex = qm::platform::createMutex(false);
   }
 };
@@ -43,10 +47,11 @@ Log& theLog() {
   return log.value;
 }
 
-/// Holds the log's mutex while it lives; a wait that fails is reported on standard error.
+/// Holds the log's mutex while it lives; a wait that fails is reported on standard error. The
+/// thread cannot be suspended meanwhile, which would stop every other thread at its next line.
 class LogLock {
  public:
-  LogLock() noexcept : result_(qm::platform::wait(theLog().mutex.load(), kLockTimeoutMs)) {
+  LogLock() noexcept : result_(take()) {
     if (result_ == WAIT_TIMEOUT) {
       const qm::SharedText name = theLog().writer.name();
       std::fprintf(stderr,
@@ -65,8 +70,25 @@ class LogLock {
 
   /// Also when a thread ended without leaving it: what it wrote is whole lines.
   bool isHeld() const noexcept { return result_ == WAIT_OBJECT_0 || result_ == WAIT_ABANDONED; }
+  /// For what may take long.
+  void allowSuspension() noexcept { deferral_.reset(); }
 
  private:
+  /// A line takes about a microsecond, waking a blocked thread ten times as long, and a mutex that
+  /// is handed to a blocked thread blocks the next one too. So a thread looks again for some
+  /// microseconds before it blocks.
+  static DWORD take() noexcept {
+    constexpr int kTries = 100;
+    const HANDLE mutex = theLog().mutex.load();
+    for (int i = 0; i < kTries; ++i) {
+      const DWORD result = qm::platform::wait(mutex, 0);
+      if (result != WAIT_TIMEOUT) return result;
+      qm::platform::sleep(0, false);
+    }
+    return qm::platform::wait(mutex, kLockTimeoutMs);
+  }
+
+  std::optional<qm::platform::SuspensionDeferral> deferral_{std::in_place};
   DWORD result_;
 };
 
@@ -139,9 +161,10 @@ unsigned int QMLogFileC::GetDebugLevel() { return debugLevel.load(std::memory_or
 
 void QMLogFileC::DebugOut(unsigned int level, int mode, char* text) {
   if (!theLog().writer.isNamed() || text == nullptr) return;
-  const LogLock lock;
+  LogLock lock;
   if (!lock.isHeld()) return;
-  if ((mode & kToFile) != 0) WriteToFile(level, text);
+  if ((mode & kToFile) != 0) writeLine(level, text);
+  lock.allowSuspension();
   if ((mode & kToImmediate) != 0) WriteToImmediate(level, text);
   if ((mode & kToSystem) != 0) WriteToSystem(level, text);
   if ((mode & kToUser) != 0) WriteToUser(level, text);
@@ -150,7 +173,11 @@ void QMLogFileC::DebugOut(unsigned int level, int mode, char* text) {
 void QMLogFileC::WriteToFile(unsigned int level, char* text) {
   if (!theLog().writer.isNamed() || text == nullptr) return;
   const LogLock lock;
-  if (!lock.isHeld()) return;
+  if (lock.isHeld()) writeLine(level, text);
+}
+
+/// With the mutex held.
+void QMLogFileC::writeLine(unsigned int level, const char* text) noexcept {
   const qm::LogFileStyle style{m_bTagLog, m_bTagLogShowDate, m_bTeeCerr, extraHeaderInfo};
   try {
     theLog().writer.write(level, text, style);

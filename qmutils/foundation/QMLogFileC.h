@@ -73,8 +73,7 @@ class QMUTILS_API QMLogFileC {
   QMLogStreamC m_Log;  ///< for a derived class's own lines
 
  private:
-  friend struct QMLogFileTestAccess;
-
   static void PSetName(const char* name, bool autoDelete, bool dailyLog);
   static const char* extraHeaderInfo();
+  static void writeLine(unsigned int level, const char* text) noexcept;
 };

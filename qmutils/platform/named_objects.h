@@ -59,7 +59,7 @@ struct Wakes {
 class SharedObjects {
  public:
   SharedObjects(const SharedObjectNames& names, const SharedSectionKind& kind) noexcept;
-  /// Closes, giving up the mutex.
+  /// Closes. No thread of the process may own the mutex.
   ~SharedObjects();
   SharedObjects(const SharedObjects&) = delete;
   SharedObjects& operator=(const SharedObjects&) = delete;
@@ -79,8 +79,8 @@ class SharedObjects {
   bool openSection() noexcept;
 
   /// Closes everything. With `keepMutex`, the calling thread owns the mutex and goes on owning it
-  /// until it ends (then the next to take it sees it abandoned) or opens again; without, nobody of
-  /// this process owns it. The last user to close leaves nothing behind.
+  /// until it ends (then the next to take it sees it abandoned) or opens again; without, no thread
+  /// of the process may own it. The last user to close leaves nothing behind.
   void close(bool keepMutex) noexcept;
 
   /// True from a successful openMutex() to close().

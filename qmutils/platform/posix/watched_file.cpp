@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -64,19 +65,16 @@ struct WatchedAppendFile::Watch {
            now.st_ino == identity.st_ino;
   }
 
-  /// True when something may have happened to the name since the last call.
+  /// True when something may have happened to the name since the last call. Asks how much there is
+  /// to read, which is the cheapest question, and reads the events only to be rid of them.
   bool mayHaveChanged() const noexcept {
     if (!notifier.isOpen()) return true;
+    int pending = 0;
+    if (ioctl(notifier.get(), FIONREAD, &pending) == 0 && pending == 0) return false;
     alignas(inotify_event) char events[4096];
-    bool changed = false;
-    for (;;) {
-      const ssize_t got = read(notifier.get(), events, sizeof events);
-      if (got > 0) {
-        changed = true;
-      } else if (got == 0 || errno != EINTR) {
-        return changed || got == 0 || errno != EAGAIN;
-      }
+    while (read(notifier.get(), events, sizeof events) > 0) {
     }
+    return true;
   }
 
   void startNotifier() noexcept {

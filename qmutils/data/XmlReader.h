@@ -1,0 +1,52 @@
+// Reads one element from a stream into a QMXmlC tree. Internal to the data floor.
+#pragma once
+
+#include <istream>
+#include <streambuf>
+#include <string>
+#include <string_view>
+
+#include "qmutils/data/QMXmlC.h"
+
+namespace qm {
+
+/// How the name of an element must not begin: written back it would start a comment.
+inline constexpr std::string_view kCommentMark = "!--";
+
+class XmlReader {
+ public:
+  XmlReader(std::istream& is, QMXmlC& root);
+
+  /// 0; 2007 when the data ends inside a comment; 9204; 2001. Reports a failure once.
+  QMErrors::QMErrorT read() noexcept;
+
+ private:
+  /// What follows in an element's content.
+  enum class Next { EndTag, Child };
+
+  QMErrors::QMErrorT readElements();
+  QMErrors::QMErrorT readStartTag(QMXmlC& node, bool* selfClosed);
+  QMErrors::QMErrorT readName(std::string* name);
+  QMErrors::QMErrorT readProperty(QMXmlC& node);
+  QMErrors::QMErrorT readContent(QMXmlC& node, Next* next);
+  QMErrors::QMErrorT readEndTag(const QMXmlC& node);
+  /// Skips white space and comments. 2007 when the data ends inside a comment.
+  QMErrors::QMErrorT skipComments();
+  /// Takes the beginning of a comment if that is what follows.
+  bool takeCommentStart();
+  void skipWhite();
+  void report(QMErrors::QMErrorT code) const;
+
+  int peek();
+  int take();
+  void putBack(char c);
+
+  std::istream& is_;
+  std::streambuf* buffer_;
+  QMXmlC& root_;
+  std::string pushedBack_;  // characters looked at ahead, the next one last
+  unsigned long long line_ = 1;
+  unsigned long long offset_ = 0;
+};
+
+}  // namespace qm

@@ -1,0 +1,125 @@
+#include "qmutils/foundation/QMFileUtilsC.h"
+
+#include <string>
+#include <string_view>
+
+#include "qmutils/foundation/LogLine.h"
+#include "qmutils/platform/error.h"
+#include "qmutils/platform/file.h"
+
+using namespace qm::platform;
+
+namespace {
+
+constexpr std::string_view kSeparators = "\\/";
+
+const char* osErrorText() { return QMErrToStr(QMErrors::lastOsError()); }
+
+void assign(QMCString* target, std::string_view text) {
+  if (target != nullptr) *target = QMCString(std::string(text).c_str());
+}
+
+bool given(const QMCString* text) { return text != nullptr && !text->IsEmpty(); }
+
+}  // namespace
+
+int QMFileUtilsC::FileExists(const char* path) {
+  return fileAttributes(path) != INVALID_FILE_ATTRIBUTES ? 1 : 0;
+}
+
+QMErrors::QMErrorT QMFileUtilsC::HideFile(const char* path, int bHide) {
+  const DWORD attributes = fileAttributes(path);
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    const QMErrors::QMErrorT error = QMErrors::lastOsError();
+    qm::logError("QMFileUtilsC::HideFile(): GetFileAttributes() failed, reason: ",
+                 QMErrToStr(error));
+    return error;
+  }
+  const DWORD changed =
+      bHide != 0 ? attributes | FILE_ATTRIBUTE_HIDDEN : attributes & ~FILE_ATTRIBUTE_HIDDEN;
+  if (setFileAttributes(path, changed)) return QMErrors::NoError;
+  const QMErrors::QMErrorT error = QMErrors::lastOsError();
+  qm::logError("QMFileUtilsC::HideFile(): unable to make ", bHide != 0 ? "hidden" : "visible",
+               " file: ", path, ", reason: ", QMErrToStr(error));
+  return error;
+}
+
+int QMFileUtilsC::DeleteFileA(const char* path, int bAlwaysTry) {
+  if (bAlwaysTry == 0 && FileExists(path) == 0) return 1;
+  if (deleteFile(path)) return 1;
+  qm::logError("QMFileUtilsC::DeleteFile(): failed deleting: ", path != nullptr ? path : "NULL",
+               ", reason: ", osErrorText());
+  return 0;
+}
+
+int QMFileUtilsC::CopyFileA(const char* src, const char* dst, int bFailIfExists) {
+  if (copyFile(src, dst, bFailIfExists != 0)) return 1;
+  qm::logError("QMFileUtilsC::CopyFile(): failed: ", osErrorText());
+  return 0;
+}
+
+QMErrors::QMErrorT QMFileUtilsC::GetLastWriteTime(const char* path, FILETIME& time) {
+  if (path == nullptr) return QMErrors::BadCommandLineArguments;
+  if (FileExists(path) == 0) return QMErrors::UnableToFindFile;
+  if (lastWriteTime(path, &time)) return QMErrors::NoError;
+  const QMErrors::QMErrorT error = QMErrors::lastOsError();
+  qm::logWarning(0, "QMFileUtilsC::GetLastWriteTime(): Returning: ", QMErrToStr(error));
+  return error;
+}
+
+QMErrors::QMErrorT QMFileUtilsC::MakeFolder(const char* path) {
+  QMCString level;
+  const QMErrors::QMErrorT result = MakeFolderLevels(path, level);
+  if (result != QMErrors::NoError) {
+    qm::logError("QMFileUtilsC::MakeFolder(): ", "Creating directory: ",
+                 static_cast<const char*>(level), ", reason: ", QMErrToStr(result));
+  }
+  return result;
+}
+
+QMErrors::QMErrorT QMFileUtilsC::MakeFolderLevels(const char* path, QMCString& failedLevel) {
+  if (path == nullptr) return QMErrors::BadCommandLineArguments;
+  if (FileExists(path) != 0) return QMErrors::NoError;
+  const std::string_view whole = path;
+  std::size_t end = 0;
+  while (end < whole.size()) {
+    end = whole.find_first_of(kSeparators, end);
+    end = end == std::string_view::npos ? whole.size() : end + 1;
+    const std::string level(whole.substr(0, end));
+    failedLevel = level.c_str();
+    // A level that is there already, or the root of a drive, cannot be made and need not be.
+    if (!createDirectory(level.c_str()) && lastError() == ERROR_PATH_NOT_FOUND) {
+      return QMErrors::lastOsError();
+    }
+  }
+  if (FileExists(path) != 0) return QMErrors::NoError;
+  (void)createDirectory(path);  // for the reason why
+  return QMErrors::lastOsError();
+}
+
+void QMFileUtilsC::SplitPath(const QMCString& path, QMCString* drive, QMCString* dir,
+                             QMCString* name, QMCString* ext) {
+  std::string_view rest = path.view();
+  const auto cut = [&rest](QMCString* target, std::size_t at) {
+    const bool found = at != std::string_view::npos;
+    assign(target, found ? rest.substr(0, at) : std::string_view());
+    if (found) rest.remove_prefix(at + 1);
+  };
+  const std::string text(rest);  // the outputs may be the path itself
+  rest = text;
+  cut(drive, rest.find(':'));
+  cut(dir, rest.find_last_of(kSeparators));
+  const std::size_t dot = rest.rfind('.');
+  assign(name, rest.substr(0, dot));
+  assign(ext, dot == std::string_view::npos ? std::string_view() : rest.substr(dot + 1));
+}
+
+void QMFileUtilsC::MakePath(QMCString& path, const QMCString* drive, const QMCString* dir,
+                            const QMCString* name, const QMCString* ext) {
+  QMCString made;
+  if (given(drive)) made = *drive + ":";
+  if (given(dir)) made += *dir + "\\";
+  if (given(name)) made += *name;
+  if (given(ext)) made += "." + *ext;
+  path = made;
+}

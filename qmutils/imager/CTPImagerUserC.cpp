@@ -1,0 +1,389 @@
+// Starting, watching and stopping the imager process.
+#include "qmutils/imager/CTPImagerUserC.h"
+
+#include <cstdio>
+#include <new>
+#include <string>
+
+#include "qmutils/comms/QMMessageText.h"
+#include "qmutils/comms/SvComms.h"
+#include "qmutils/foundation/LogLine.h"
+#include "qmutils/foundation/QMErrorC.h"
+#include "qmutils/imager/ImagerProtocol.h"
+#include "qmutils/platform/clock.h"
+#include "qmutils/platform/error.h"
+#include "qmutils/platform/process.h"
+#include "qmutils/platform/prompt.h"
+#include "qmutils/platform/thread.h"
+#include "qmutils/platform/waitable.h"
+
+using namespace qm::platform;
+using QMErrors::NoError;
+using QMErrors::QMErrorT;
+
+namespace {
+
+constexpr DWORD kSendTimeoutMs = 2000;
+// Short, so that the end of the process and a request to stop are noticed soon; a receiver that
+// times out simply looks again.
+constexpr DWORD kReceiveTimeoutMs = 200;
+constexpr int kStartRounds = 300;
+constexpr DWORD kStartRoundMs = 200;
+constexpr DWORD kStopBudgetMs = 60000;
+constexpr DWORD kKillTimeoutMs = 10000;
+constexpr WORD kShowMinimised = 2;
+constexpr std::size_t kMessageSize = 256;
+
+constexpr const char* kStartImager = "CTPImagerUserC::StartImager(): ";
+constexpr const char* kStopImager = "CTPImagerUserC::StopImager(): ";
+constexpr const char* kRun = "CTPImagerUser::run(): ";
+
+void stack(const char* function, QMErrorT code, const std::string& reason) {
+  (void)QMErrorC::Stack(function, code, reason.c_str());
+}
+
+std::string replaced(const char* format, const std::string& name) {
+  std::string text;
+  for (const char* c = format; *c != '\0'; ++c) {
+    if (c[0] == '%' && c[1] == 's') {
+      text += name;
+      ++c;
+    } else {
+      text += *c;
+    }
+  }
+  return text;
+}
+
+}  // namespace
+
+CTPImagerUserC::CTPImagerUserC(const char* imagerCommand, const char* identity)
+    : QMThreadC("CTPImagerUserC", nullptr, INFINITE, 0),
+      m_ImagerCommand(imagerCommand != nullptr ? imagerCommand : ""),
+      m_Identity(identity != nullptr ? identity : ""),
+      m_hNews(createEvent(false, false)) {}
+
+CTPImagerUserC::CTPImagerUserC(const CTPImagerUserC& other)
+    : CTPImagerUserC(other.m_ImagerCommand.c_str(), other.m_Identity.c_str()) {
+  *this = other;
+}
+
+CTPImagerUserC& CTPImagerUserC::operator=(const CTPImagerUserC& other) {
+  m_ImagerCommand = other.m_ImagerCommand;
+  m_Identity = other.m_Identity;
+  m_First = other.m_First;
+  m_Profile = other.m_Profile;
+  m_nParentID = other.m_nParentID;
+  m_nChildID = other.m_nChildID;
+  m_nDeviceIndex = other.m_nDeviceIndex;
+  m_nPriorityClass = other.m_nPriorityClass;
+  return *this;
+}
+
+CTPImagerUserC::~CTPImagerUserC() {
+  ReleaseImager();
+  closeHandle(m_hNews);
+}
+
+// --- starting -----------------------------------------------------------------------------------
+
+QMErrorT CTPImagerUserC::StartImager(ImagerStartDataC& data) try {
+  if (m_hProcess != nullptr) return NoError;
+  m_First = data.m_First;
+  m_Profile = data.m_Profile;
+  m_nParentID = data.m_nParentID;
+  m_nChildID = data.m_nChildID;
+  m_nDeviceIndex = data.m_nDeviceIndex;
+  m_nPriorityClass = data.m_nPriorityClass;
+  QMErrorT result = Launch();
+  if (result == NoError) result = StartWorker();
+  return result == NoError ? AwaitStarted() : result;
+} catch (const std::bad_alloc&) {
+  return QMErrors::MemoryAllocationFailed;
+}
+
+/// Joins the pool and creates the process.
+QMErrorT CTPImagerUserC::Launch() {
+  const std::string commandLine = m_ImagerCommand + " -pid " + std::to_string(m_nParentID) +
+                                  " -id " + std::to_string(m_nChildID) + " -nip" + " -pr \"" +
+                                  m_Profile + "\"";
+  qm::logInfo(1, kStartImager, "About to launch process: ", commandLine);
+  // A worker that is still there leaves the pool when it ends, so it must go first.
+  (void)stop();
+  const QMErrorT joined = SvOpenComms(m_nParentID);
+  if (joined != NoError) {
+    stack(kStartImager, joined, "SvOpenComms() failed");
+    return joined;
+  }
+  ProcessInformation process;
+  if (!createProcess(commandLine.c_str(), m_nPriorityClass | DETACHED_PROCESS, kShowMinimised,
+                     &process)) {
+    stack(kStartImager, QMErrors::ErrorUnableToCreateProcess,
+          std::string("While creating process: ") + QMErrToStr(QMErrors::lastOsError()));
+    LeavePool();
+    return QMErrors::ErrorUnableToCreateProcess;
+  }
+  m_hProcess = process.process;
+  m_hMainThread = process.mainThread;
+  m_dwProcessId = process.processId;
+  m_dwThreadId = process.threadId;
+  return NoError;
+}
+
+QMErrorT CTPImagerUserC::StartWorker() {
+  m_bImagerDied = false;
+  m_bImagerStarted = false;
+  m_bStoppingImager = false;
+  m_ReceiveError = NoError;
+  const QMErrorT started = start();
+  if (started != NoError) {
+    stack(kStartImager, started, "while starting thread");
+    LeavePool();
+  }
+  return started;
+}
+
+QMErrorT CTPImagerUserC::AwaitStarted() {
+  const char* const reason = "While waiting for imager to start";
+  for (int round = 0; round < kStartRounds; ++round) {
+    if (m_bImagerStarted) return NoError;
+    if (m_bImagerDied) {
+      stack(kStartImager, QMErrors::ImagerHasDied, reason);
+      LeavePool();
+      return QMErrors::ImagerHasDied;
+    }
+    if (m_ReceiveError != NoError) {  // the worker has ended and left the pool
+      (void)stop();
+      return m_ReceiveError;
+    }
+    const Deadline roundEnd = Deadline::after(kStartRoundMs);
+    while (!m_bImagerStarted && !m_bImagerDied && m_ReceiveError == NoError &&
+           waitUntil(m_hNews, roundEnd) == WAIT_OBJECT_0) {
+    }
+  }
+  stack(kStartImager, QMErrors::CommandTimedOut, reason);
+  (void)StopImager();
+  LeavePool();
+  return QMErrors::CommandTimedOut;
+}
+
+/// The thread that closes the pool owns its mutex until that thread ends, so it is the worker, or
+/// when there is none a thread made for it.
+void CTPImagerUserC::LeavePool() {
+  (void)stop();
+  const auto close = [](void*) -> DWORD {
+    SvCloseComms();
+    return 0;
+  };
+  void* const closer = startThread(close, nullptr, nullptr);
+  if (closer == nullptr) {
+    qm::logError(kStartImager, "cannot leave the pool: ", QMErrToStr(QMErrors::lastOsError()));
+    return;
+  }
+  (void)wait(closer, INFINITE);
+  closeHandle(closer);
+}
+
+// --- the worker ---------------------------------------------------------------------------------
+
+QMErrorT CTPImagerUserC::run() {
+  bool watching = true;
+  while (watching && m_ReceiveError == NoError) {
+    switch (WaitForSingleObject(m_hProcess, 0)) {
+      case WAIT_OBJECT_0 + 1:
+        watching = false;
+        break;
+      case WAIT_TIMEOUT:
+        m_ReceiveError = ReceiveOne();
+        (void)Sleep(0);
+        break;
+      default:
+        ReportDeath();
+        // Nothing more can come; the object stays in this state until StopImager().
+        (void)wait(GetEndEvent(), INFINITE);
+        watching = false;
+        break;
+    }
+  }
+  SvCloseComms();
+  m_bStoppingImager = false;
+  setEvent(m_hNews);
+  return m_ReceiveError;
+}
+
+void CTPImagerUserC::ReportDeath() {
+  const QMErrorT osError = QMErrors::lastOsError();
+  if (m_bStoppingImager.exchange(true)) return;
+  const std::string text = m_ImagerCommand + ": " + QMErrToStr(osError);
+  qm::logError(kRun, text);
+  stack(kRun, QMErrors::TheProcessHasDied, text);
+  HandleImagerError(text.c_str());
+  m_bImagerDied = true;
+  setEvent(m_hNews);
+}
+
+QMErrorT CTPImagerUserC::ReceiveOne() {
+  char text[kMessageSize];
+  const QMErrorT received = SvReceiveMessage(text, sizeof text, kReceiveTimeoutMs);
+  if (received == QMErrors::CommandTimedOut) return NoError;
+  if (received != NoError) {
+    stack(kRun, received, std::string("SvReceiveMessage() returned: ") + QMErrToStr(received));
+    return received;
+  }
+  Dispatch(text);
+  return NoError;
+}
+
+void CTPImagerUserC::Dispatch(const char* text) {
+  char mainText[kMessageSize + 1];
+  char qualifier[kMessageSize + 1];
+  QMErrors::QMMessagePacketT packet;
+  packet.pString = mainText;
+  packet.nStringSize = sizeof mainText;
+  packet.pQualifier = qualifier;
+  packet.nQualifierSize = sizeof qualifier;
+  const QMErrorT decoded = QMExtractMessagePacket(text, packet);
+  if (decoded != NoError) {
+    stack(kRun, decoded, std::string("SvReceiveMessage() returned: ") + QMErrToStr(decoded));
+    return;
+  }
+  using namespace qm::imager;
+  if (packet.nType == kTypeReply && packet.nCode == kCodeStarted) {
+    m_bImagerStarted = true;
+    setEvent(m_hNews);
+  } else if (packet.nType == kTypeReply && packet.nCode == kCodeWhoAmI) {
+    if (!m_Identity.empty()) (void)ReplyWhoAmI(m_Identity.c_str());
+  } else if (m_bStoppingImager &&
+             (packet.nType == kTypeProgress || packet.nType == kTypeError)) {
+    QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
+    log._LogWarning();
+    log << kRun << "m_bStoppingImager defined ignoring:" << packet << std::endl;
+  } else {
+    const QMErrorT handled = HandleImagerMessage(packet);
+    if (handled != NoError) stack(kRun, handled, "HandleImagerMessage() failed");
+  }
+}
+
+// --- stopping -----------------------------------------------------------------------------------
+
+QMErrorT CTPImagerUserC::StopImager() try {
+  if (m_hProcess == nullptr) return NoError;
+  m_bStoppingImager = true;
+  if (wait(m_hProcess, 0) != WAIT_OBJECT_0) {
+    const QMErrorT sent = SendCommand(qm::imager::kCodeStop, m_nChildID, "");
+    if (sent != NoError) {
+      stack(kStopImager, sent, std::string("SendMessage() returned: ") + QMErrToStr(sent));
+    }
+  }
+  const QMErrorT result = AwaitImagerEnd();
+  ReleaseImager();
+  return result;
+} catch (const std::bad_alloc&) {
+  return QMErrors::MemoryAllocationFailed;
+}
+
+QMErrorT CTPImagerUserC::AwaitImagerEnd() {
+  for (;;) {
+    const DWORD result = WaitForSingleObject(m_hMainThread, kStopBudgetMs);
+    const QMErrorT osError = QMErrors::lastOsError();
+    switch (result) {
+      case WAIT_OBJECT_0:
+        qm::logInfo(1, kStopImager, "Imager Thread signalled so process has died");
+        return NoError;
+      case WAIT_OBJECT_0 + 1:
+        qm::logWarning(0, kStopImager,
+                       "Signalled to die while still monitoring the imager process, the imager "
+                       "process may still be active.");
+        stack(kStopImager, QMErrors::TheWaitWasForcedToExit,
+              "While monitoring imager process. The imager process may still be active.");
+        return QMErrors::TheWaitWasForcedToExit;
+      case WAIT_TIMEOUT:
+        if (AskWhetherToWait()) continue;
+        KillImager();
+        stack(kStopImager, QMErrors::CommandTimedOut, "timed out waiting for imager to die");
+        return QMErrors::CommandTimedOut;
+      default:
+        qm::logWarning(0, kStopImager,
+                       "Error waiting on handle monitoring the imager process, the imager process "
+                       "may still be active.");
+        stack(kStopImager, osError,
+              "While monitoring imager process. The imager process may still be active.");
+        return osError;
+    }
+  }
+}
+
+bool CTPImagerUserC::AskWhetherToWait() const {
+  const std::string question = replaced(
+      "The program %s did not die in time. It could be it is waiting for user input, do you want "
+      "to continue waiting for the program %s to end?\n \nBy clicking No, an attempt will be made "
+      "to kill the process.",
+      m_ImagerCommand);
+  return messageBox(question.c_str(), "CTPImagerUserC::StopImager()",
+                    MB_TASKMODAL | MB_YESNO | MB_ICONWARNING) == IDYES;
+}
+
+void CTPImagerUserC::KillImager() {
+  if (terminateProcess(m_hProcess, static_cast<DWORD>(QMErrors::TheDeviceWasToldToDie)) ||
+      wait(m_hProcess, 0) == WAIT_OBJECT_0) {
+    (void)wait(m_hProcess, kKillTimeoutMs);
+    return;
+  }
+  const std::string text = replaced(
+      "Failed to kiil the program %s.\n \nCeck your task manager to ensure the program %s is "
+      "properly removed from the system.",
+      m_ImagerCommand);
+  messageBox(text.c_str(), "CTPImagerUserC::StopImager()", MB_TASKMODAL | MB_OK | MB_ICONWARNING);
+}
+
+/// The worker looks at the handles, so it ends first.
+void CTPImagerUserC::ReleaseImager() {
+  (void)stop();
+  for (std::atomic<void*>* handle : {&m_hProcess, &m_hMainThread}) {
+    void* const held = handle->exchange(nullptr);
+    if (held != nullptr) closeHandle(held);
+  }
+}
+
+// --- messages -----------------------------------------------------------------------------------
+
+QMErrorT CTPImagerUserC::SendMessage(const QMErrors::QMMessagePacketT& packet) {
+  char text[kMessageSize];
+  const QMErrorT rendered = QMCreateMessageFromPacket(packet, text, sizeof text);
+  return rendered == NoError ? SvSendMessage(text, kSendTimeoutMs, m_nChildID) : rendered;
+}
+
+QMErrorT CTPImagerUserC::SendCommand(int code, int value, const char* text) {
+  QMErrors::QMMessagePacketT packet;
+  packet.nType = qm::imager::kTypeCommand;
+  packet.nCode = code;
+  packet.nID = m_nParentID;
+  packet.nVal = value;
+  packet.pString = const_cast<char*>(text);
+  return SendMessage(packet);
+}
+
+QMErrorT CTPImagerUserC::ReplyWhoAmI(const char* identity) {
+  QMErrors::QMMessagePacketT packet;
+  packet.nType = qm::imager::kTypeReply;
+  packet.nCode = qm::imager::kCodeWhoAmI;
+  packet.nID = m_nParentID;
+  packet.pString = const_cast<char*>(identity);
+  return SendMessage(packet);
+}
+
+QMErrorT CTPImagerUserC::ReplyCopyInfo(unsigned a, unsigned b, unsigned c) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%u;%u", a, b);
+  QMErrors::QMMessagePacketT packet;
+  packet.nType = qm::imager::kTypeReply;
+  packet.nCode = qm::imager::kCodeCopyInfo;
+  packet.nID = m_nParentID;
+  packet.nVal = static_cast<int>(m_nChildID + c);
+  packet.pString = text;
+  return SendMessage(packet);
+}
+
+QMErrorT CTPImagerUserC::SaveImageControl(const char* path, const ICFC::ExposeInfoC& info) const {
+  return ICFC(m_Profile.c_str()).Save(path, info);
+}

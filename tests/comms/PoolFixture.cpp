@@ -1,0 +1,130 @@
+#include "tests/comms/PoolFixture.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "qmutils/comms/SvComms.h"
+#include "qmutils/foundation/QMDBprintf.h"
+
+namespace qmtest {
+
+namespace {
+
+const char* const kSharedMemory = "/dev/shm";
+
+std::mutex linesLock;
+std::vector<DebugLines::Line> lines;
+
+void captureLine(unsigned level, int, char* text) {
+  std::lock_guard lock(linesLock);
+  lines.push_back({level, text});
+}
+
+}  // namespace
+
+void PoolTest::SetUp() {
+  static std::atomic<int> number{0};
+  prefix_ = "qmtest" + std::to_string(::getpid()) + "-" + std::to_string(++number) + "-";
+  ASSERT_EQ(0, ::setenv("QMUTILS_OBJECT_PREFIX", prefix_.c_str(), 1));
+}
+
+void PoolTest::TearDown() {
+  SvCloseComms();
+  EXPECT_EQ(sharedObjects(), std::vector<std::string>{}) << "left behind";
+  for (const std::string& name : sharedObjects()) {
+    std::filesystem::remove(std::string(kSharedMemory) + "/" + name);
+  }
+}
+
+std::vector<std::string> PoolTest::sharedObjects() const {
+  std::vector<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator(kSharedMemory)) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with(prefix_)) found.push_back(name);
+  }
+  return found;
+}
+
+std::string PoolTest::pathOf(const std::string& name) const {
+  return std::string(kSharedMemory) + "/" + prefix_ + name;
+}
+
+DebugLines::DebugLines() {
+  take();
+  QMDBNewRegisterCallback(captureLine);
+}
+
+DebugLines::~DebugLines() { QMDBNewRegisterCallback(nullptr); }
+
+std::vector<DebugLines::Line> DebugLines::take() {
+  std::lock_guard lock(linesLock);
+  return std::exchange(lines, {});
+}
+
+std::ostream& operator<<(std::ostream& os, const DebugLines::Line& line) {
+  return os << line.level << " \"" << line.text << '"';
+}
+
+Child::Child(const std::function<int()>& body) : pid_(::fork()) {
+  if (pid_ == 0) ::_exit(body());
+}
+
+Child::~Child() {
+  if (pid_ > 0) {
+    kill();
+    wait();
+  }
+}
+
+Child::Child(Child&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
+
+Child& Child::operator=(Child&& other) noexcept {
+  std::swap(pid_, other.pid_);
+  return *this;
+}
+
+void Child::kill() { ::kill(pid_, SIGKILL); }
+
+int Child::wait(int timeoutMs) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  for (;;) {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    if (std::chrono::steady_clock::now() > end) return -1;
+    std::this_thread::sleep_for(std::chrono::microseconds(500));
+  }
+}
+
+Signal::Signal() {
+  if (::pipe(ends_) != 0) std::abort();
+}
+
+Signal::~Signal() {
+  ::close(ends_[0]);
+  ::close(ends_[1]);
+}
+
+void Signal::post() {
+  if (::write(ends_[1], "x", 1) != 1) std::abort();
+}
+
+bool Signal::wait() {
+  pollfd entry{ends_[0], POLLIN, 0};
+  char byte;
+  return ::poll(&entry, 1, 60'000) == 1 && ::read(ends_[0], &byte, 1) == 1;
+}
+
+}  // namespace qmtest

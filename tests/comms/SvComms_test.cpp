@@ -1,0 +1,594 @@
+#include "qmutils/comms/SvComms.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qmutils/platform/thread.h"
+#include "qmutils/platform/waitable.h"
+#include "tests/comms/PoolFixture.h"
+#include "tests/support/TempFolder.h"
+
+using qmtest::Child;
+using qmtest::DebugLines;
+using qmtest::readFile;
+using qmtest::Signal;
+using qmtest::writeFile;
+using Lines = std::vector<DebugLines::Line>;
+
+namespace {
+
+double secondsOf(const auto& call) {
+  const auto start = std::chrono::steady_clock::now();
+  call();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+std::string receive(DWORD timeout = 0) {
+  char text[256];
+  const int code = SvReceiveMessage(text, sizeof text, timeout);
+  return code == 0 ? text : std::to_string(code);
+}
+
+class SvComms : public qmtest::PoolTest {
+ protected:
+  std::string queue() const { return pathOf("Selvane_Comms_Queue"); }
+};
+
+// ---- Sending and receiving --------------------------------------------------------------------
+
+TEST_F(SvComms, EachReceiverGetsItsMessagesInOrder) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  EXPECT_EQ(SvSendMessage("first", 0, 5), 0);
+  EXPECT_EQ(SvSendMessage("other", 0, 7), 0);
+  EXPECT_EQ(SvSendMessage("second", 0, 5), 0);
+  EXPECT_EQ(SvSendMessage("nobody", 0, 0), 0);
+  EXPECT_EQ(SvSendMessage(nullptr, 0, 5), 0);
+  EXPECT_EQ(receive(), "first");
+  EXPECT_EQ(receive(), "second");
+  EXPECT_EQ(receive(), "");
+  EXPECT_EQ(receive(), "2013");
+  ASSERT_EQ(SvOpenComms(9), 0);
+  EXPECT_EQ(receive(), "2013");
+}
+
+TEST_F(SvComms, TextsAreCutAndBuffersFilledUp) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  const std::string text(300, 'x');
+  ASSERT_EQ(SvSendMessage(text.c_str(), 0, 5), 0);
+  EXPECT_EQ(receive(), text.substr(0, 255));
+  ASSERT_EQ(SvSendMessage("abcdef", 0, 5), 0);
+  char buffer[8];
+  std::memset(buffer, '#', sizeof buffer);
+  EXPECT_EQ(SvReceiveMessage(buffer, 4, 0), 0);
+  EXPECT_EQ(std::string(buffer, 8), std::string("abc\0####", 8));
+  ASSERT_EQ(SvSendMessage("a", 0, 5), 0);
+  EXPECT_EQ(SvReceiveMessage(buffer, 7, 0), 0);
+  EXPECT_EQ(std::string(buffer, 8), std::string("a\0\0\0\0\0\0#", 8));
+  for (int size : {0, -1}) {
+    EXPECT_EQ(SvReceiveMessage(buffer, size, 0), 124);
+    EXPECT_EQ(SvReceiveMultipleMessages(buffer, size, 0), 124);
+  }
+  EXPECT_EQ(SvReceiveMessage(nullptr, 8, 0), 124);
+  EXPECT_EQ(buffer[0], 'a');
+}
+
+TEST_F(SvComms, ReceiveAllPacksTheTexts) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  char buffer[12];
+  std::memset(buffer, '#', sizeof buffer);
+  EXPECT_EQ(SvReceiveMultipleMessages(buffer, sizeof buffer, 20), 0);
+  EXPECT_EQ(buffer[0], '\0');
+  const auto sendAll = [](std::initializer_list<const char*> texts) {
+    for (const char* text : texts) ASSERT_EQ(SvSendMessage(text, 0, 5), 0);
+    ASSERT_EQ(SvSendMessage("other", 0, 7), 0);
+  };
+  sendAll({"a", "bc", ""});
+  ASSERT_EQ(SvReceiveMultipleMessages(buffer, sizeof buffer, 0), 0);
+  EXPECT_EQ(std::string(buffer, 12), std::string("a\0bc\0\0\0\0\0\0\0\0", 12));
+  // No room: the messages leave the pool all the same, and nothing is written beyond the buffer.
+  std::memset(buffer, '#', sizeof buffer);
+  sendAll({"a", "bcd", "efg"});
+  ASSERT_EQ(SvReceiveMultipleMessages(buffer, 5, 0), 0);
+  EXPECT_EQ(std::string(buffer, 7), std::string("a\0bc\0##", 7));
+  EXPECT_EQ(receive(), "2013");
+  // Somebody else's messages keep the event signalled; the result is the same.
+  const double seconds =
+      secondsOf([&] { EXPECT_EQ(SvReceiveMultipleMessages(buffer, sizeof buffer, 150), 0); });
+  EXPECT_GE(seconds, 0.149);
+  EXPECT_EQ(buffer[0], '\0');
+}
+
+TEST_F(SvComms, AFullPoolMakesSendersWait) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  EXPECT_EQ(SvIsOverloaded(), 0);
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(SvIsOverloaded(), i >= 180 ? 1 : 0) << i;
+    ASSERT_EQ(SvSendMessage(std::to_string(i).c_str(), 0, i < 100 ? 5 : 7), 0) << i;
+  }
+  EXPECT_LT(secondsOf([] { EXPECT_EQ(SvSendMessage("more", 0, 5), 2013); }), 0.09);
+  const double seconds = secondsOf([] { EXPECT_EQ(SvSendMessage("more", 250, 5), 2013); });
+  EXPECT_GE(seconds, 0.249);
+  EXPECT_LT(seconds, 2);
+
+  std::atomic<int> sent{-1};
+  std::thread sender([&] { sent = SvSendMessage("last", 30'000, 5); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(sent, -1);
+  EXPECT_EQ(receive(), "0");
+  sender.join();
+  EXPECT_EQ(sent, 0);
+  for (int i = 1; i < 100; ++i) ASSERT_EQ(receive(), std::to_string(i));
+  EXPECT_EQ(receive(), "last");
+}
+
+int isWanted(const char* text, void* context) {
+  auto& seen = *static_cast<std::vector<std::string>*>(context);
+  seen.push_back(text);
+  return std::strcmp(text, "wanted") == 0;
+}
+
+TEST_F(SvComms, PendingMessagesAreLookedAtAndStay) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  std::vector<std::string> seen;
+  EXPECT_EQ(SvHavePendingMessage(isWanted, &seen), 0);
+  for (const char* text : {"a", "wanted", "b"}) ASSERT_EQ(SvSendMessage(text, 0, 5), 0);
+  ASSERT_EQ(SvSendMessage("wanted", 0, 7), 0);
+  EXPECT_EQ(SvHavePendingMessage(isWanted, &seen), 1);
+  EXPECT_EQ(seen, (std::vector<std::string>{"a", "wanted"}));
+  receive();
+  receive();
+  EXPECT_EQ(SvHavePendingMessage(isWanted, &seen), 0);
+  EXPECT_EQ(SvHavePendingMessage(nullptr, nullptr), 0);
+  EXPECT_EQ(receive(), "b");
+}
+
+TEST_F(SvComms, AReceiverIsWokenAtOnce) {
+  // Whether the pool is empty (the receiver sleeps on the event) or holds messages for somebody
+  // else (it sleeps on its doorbell). Looks of its own come only every 100 ms, so ten messages one
+  // after the other would take a second.
+  for (const bool othersWait : {false, true}) {
+    Signal ready;
+    Child echo([&] {
+      if (SvOpenComms(2) != 0) return 1;
+      ready.post();
+      char text[256];
+      while (SvReceiveMessage(text, sizeof text, 20'000) == 0 && *text != 'q') {
+        if (SvSendMessage(text, 1000, 1) != 0) return 2;
+      }
+      SvCloseComms();
+      return 0;
+    });
+    ASSERT_EQ(SvOpenComms(1), 0);
+    ASSERT_TRUE(ready.wait());
+    ASSERT_EQ(othersWait ? SvSendMessage("for another", 0, 3) : 0, 0);
+    std::vector<double> trips;
+    for (int i = 0; i < 11; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(3));
+      trips.push_back(secondsOf([] {
+        EXPECT_EQ(SvSendMessage("ping", 1000, 2), 0);
+        EXPECT_EQ(receive(5000), "ping");
+      }));
+    }
+    std::sort(trips.begin(), trips.end());
+    EXPECT_LT(trips[5], 0.04) << "others wait: " << othersWait;
+    EXPECT_EQ(SvSendMessage("q", 1000, 2), 0);
+    EXPECT_EQ(echo.wait(), 0);
+    SvCloseComms();
+  }
+}
+
+TEST_F(SvComms, TimeOutsAreKept) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  for (const bool othersWait : {false, true}) {
+    ASSERT_EQ(othersWait ? SvSendMessage("other", 0, 7) : 0, 0);
+    for (const DWORD timeout : {0u, 30u, 130u}) {
+      const double seconds = secondsOf([&] { EXPECT_EQ(receive(timeout), "2013"); });
+      EXPECT_GE(seconds, timeout / 1000.0 - 0.001);
+      EXPECT_LT(seconds, timeout / 1000.0 + 1);
+    }
+  }
+}
+
+TEST_F(SvComms, ManyThreadsShareTheConnection) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  constexpr int kThreads = 4, kMessages = 500;
+  std::atomic<int> received{0}, failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < kMessages; ++i) {
+        if (SvSendMessage("text", 30'000, 5) != 0) ++failures;
+        SvIsOverloaded();
+      }
+    });
+    threads.emplace_back([&] {
+      while (received < kThreads * kMessages) {
+        char text[256];
+        if (SvReceiveMessage(text, sizeof text, 20) == 0) ++received;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(received, kThreads * kMessages);
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(receive(), "2013");
+}
+
+DWORD sendForEver(void* stop) {
+  while (!*static_cast<std::atomic<bool>*>(stop)) {
+    SvSendMessage("text", 1000, 5);
+    receive();
+  }
+  return 0;
+}
+
+TEST_F(SvComms, ASuspendedThreadDoesNotHoldThePool) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  std::atomic<bool> stop{false};
+  DWORD id = 0;
+  const HANDLE thread = qm::platform::startThread(sendForEver, &stop, &id);
+  ASSERT_NE(thread, nullptr);
+  int failures = 0;
+  for (int i = 0; i < 300; ++i) {
+    ASSERT_EQ(qm::platform::suspendThread(thread), 0u);
+    if (SvSendMessage("text", 5000, 6) != 0) ++failures;
+    ASSERT_EQ(qm::platform::resumeThread(thread), 1u);
+    if (i % 100 == 99) {
+      ASSERT_EQ(SvOpenComms(6), 0);
+      ASSERT_EQ(SvOpenComms(5), 0);
+    }
+  }
+  EXPECT_EQ(failures, 0);
+  stop = true;
+  EXPECT_EQ(qm::platform::wait(thread, 60'000), WAIT_OBJECT_0);
+  qm::platform::closeHandle(thread);
+}
+
+// ---- Without a connection ---------------------------------------------------------------------
+
+void expectNoConnection() {
+  char buffer[4] = "#";
+  EXPECT_EQ(SvSendMessage("text", 0, 5), 0);
+  EXPECT_EQ(SvReceiveMessage(buffer, sizeof buffer, 0), 2014);
+  EXPECT_EQ(SvReceiveMultipleMessages(buffer, sizeof buffer, INFINITE), 2014);
+  EXPECT_EQ(buffer[0], '#');
+  EXPECT_EQ(SvHavePendingMessage([](const char*, void*) { return 1; }, nullptr), 0);
+  EXPECT_EQ(SvIsOverloaded(), 0);
+}
+
+TEST_F(SvComms, EveryCallAnswersWithoutAConnection) {
+  expectNoConnection();
+  SvCloseComms();
+  EXPECT_EQ(SvOpenComms(0), 0);
+  EXPECT_TRUE(sharedObjects().empty());
+  ASSERT_EQ(SvOpenComms(5), 0);
+  ASSERT_EQ(SvSendMessage("text", 0, 5), 0);
+  SvCloseComms();
+  expectNoConnection();
+  SvCloseComms();
+  ASSERT_EQ(SvOpenComms(5), 0);
+  EXPECT_EQ(SvOpenComms(0), 0);
+  expectNoConnection();
+}
+
+TEST_F(SvComms, ClosingEndsWaitingCalls) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  std::atomic<int> result{-1};
+  std::thread receiver([&] {
+    char text[256];
+    result = SvReceiveMessage(text, sizeof text, INFINITE);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  SvCloseComms();
+  EXPECT_EQ(result, 2014);
+  receiver.join();
+}
+
+TEST_F(SvComms, AForkedChildHasNoConnection) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  ASSERT_EQ(SvSendMessage("mine", 0, 5), 0);
+  Child child([] {
+    expectNoConnection();
+    SvCloseComms();
+    if (SvOpenComms(6) != 0 || SvSendMessage("from the child", 0, 5) != 0) return 1;
+    SvCloseComms();
+    return ::testing::Test::HasFailure() ? 2 : 0;
+  });
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_EQ(receive(), "mine");
+  EXPECT_EQ(receive(1000), "from the child");
+}
+
+// ---- Opening and closing ----------------------------------------------------------------------
+
+TEST_F(SvComms, OpeningAndClosingAreLogged) {
+  DebugLines lines;
+  ASSERT_EQ(SvOpenComms(5), 0);
+  EXPECT_EQ(lines.take(), Lines{});
+  ASSERT_EQ(SvSendMessage("one", 0, 9), 0);
+  EXPECT_EQ(lines.take(),
+            (Lines{{5, "SvSendMessage: SrcID = 5, DestID = 9, Message = <one>\r\n"}}));
+  Child other([] {
+    DebugLines childLines;
+    if (SvOpenComms(9) != 0) return 1;
+    const Lines opened = {{5, "Purging messages for destination ID 9\r\n"},
+                          {5, "Message = <one>\r\n"},
+                          {5, "Purged 1 messages for destination ID 9\r\n"}};
+    if (childLines.take() != opened) return 2;
+    if (SvSendMessage("two", 0, 5) != 0) return 3;
+    if (SvSendMessage("three", 0, 9) != 0 || SvSendMessage("four", 0, 5) != 0) return 4;
+    childLines.take();
+    SvCloseComms();
+    const Lines closed = {{5, "Purging messages for destination ID 9\r\n"},
+                          {5, "Message = <three>\r\n"},
+                          {5, "Purged 1 messages for destination ID 9\r\n"},
+                          {5, "Dumping messages\r\n"},
+                          {5, "pChan->nMessages:     2\r\n"},
+                          {5, "pChan->start_of_list: 0\r\n"},
+                          {5, "pChan->end_of_list:   2\r\n"},
+                          {5, "===========================\r\n"},
+                          {5, "DestID=5, Taken=1, Msg=<two>\r\n"},
+                          {5, "DestID=5, Taken=1, Msg=<four>\r\n"},
+                          {5, "Dumped 2 messages\r\n"}};
+    return childLines.take() == closed ? 0 : 5;
+  });
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(receive(1000), "two");
+  EXPECT_EQ(receive(1000), "four");
+  lines.take();
+  SvCloseComms();
+  EXPECT_EQ(lines.take(), (Lines{{5, "Purging messages for destination ID 5\r\n"},
+                                 {5, "Purged 0 messages for destination ID 5\r\n"},
+                                 {5, "Dumping messages\r\n"},
+                                 {5, "pChan->nMessages:     0\r\n"},
+                                 {5, "pChan->start_of_list: 0\r\n"},
+                                 {5, "pChan->end_of_list:   0\r\n"},
+                                 {5, "===========================\r\n"},
+                                 {5, "DestID=5, Taken=0, Msg=<two>\r\n"},
+                                 {5, "Dumped 0 messages\r\n"}}));
+}
+
+TEST_F(SvComms, TheSectionHasItsPublishedLayout) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  ASSERT_EQ(SvSendMessage("a", 0, 0x1234), 0);
+  ASSERT_EQ(SvSendMessage("b", 0, 0x5678), 0);
+  const std::string bytes = readFile(queue());
+  ASSERT_EQ(bytes.size(), 54'412u);
+  EXPECT_EQ(bytes.substr(0, 12), std::string("\x02\0\0\0\x96\x19\x11\x27\0\0\x01\0", 12));
+  EXPECT_EQ(bytes.substr(12, 2), std::string("a\0", 2));
+  EXPECT_EQ(bytes.substr(268, 16), std::string("\x34\x12\0\0\x01\0\0\0\x01\0\0\0\0\0\0\0", 16));
+  EXPECT_EQ(bytes.substr(540, 16), std::string("\x78\x56\0\0\x01\0\0\0\x01\0\0\0\x01\0\0\0", 16));
+}
+
+TEST_F(SvComms, ForeignContentIsRefusedAndLeftAlone) {
+  const struct {
+    const char* what;
+    std::string object, content;
+    int code;
+  } kCases[] = {
+      {"wrong magic", "Selvane_Comms_Queue", std::string(4, '\0') + std::string(54'408, 'x'), 2002},
+      {"no magic but content", "Selvane_Comms_Queue", std::string(54'411, '\0') + "x", 2002},
+      {"too short", "Selvane_Comms_Queue", "x", 2012},
+      {"too long", "Selvane_Comms_Queue", std::string(54'413, '\0'), 2012},
+      {"event", "Selvane_Comms_Event", "somebody else's", 2011},
+      {"event of our size", "Selvane_Comms_Event", "12345678", 2011},
+      {"mutex", "Selvane_Comms_Mutex", "somebody else's", 2011},
+      {"doorbells", "Selvane_Comms_Doorbells", std::string(4096, 'x'), 2011},
+      {"users", "Selvane_Comms_Users", "somebody else's", 2011},
+  };
+  for (const auto& c : kCases) {
+    writeFile(pathOf(c.object), c.content);
+    DebugLines lines;
+    EXPECT_EQ(SvOpenComms(5), c.code) << c.what;
+    EXPECT_EQ(SvGetCommsOSError(), c.code == 2002 ? 183u : 6u) << c.what;
+    expectNoConnection();
+    SvCloseComms();
+    // A refusal behind the mutex ends like a close, only that there is no pool.
+    const bool behindMutex = c.object == "Selvane_Comms_Queue" ||
+                             c.object == "Selvane_Comms_Event" ||
+                             c.object == "Selvane_Comms_Doorbells";
+    EXPECT_EQ(lines.take(), behindMutex ? (Lines{{1, "No Pool to purged messages from!!\r\n"},
+                                                 {1, "No Pool to dump messages from!!\r\n"}})
+                                        : Lines{})
+        << c.what;
+    EXPECT_TRUE(readFile(pathOf(c.object)) == c.content) << c.what;
+    EXPECT_EQ(sharedObjects(), std::vector<std::string>{prefix() + c.object}) << c.what;
+    std::remove(pathOf(c.object).c_str());
+    // And the name is free again.
+    ASSERT_EQ(SvOpenComms(5), 0) << c.what;
+    SvCloseComms();
+  }
+}
+
+TEST_F(SvComms, LeavingsOfDeadUsersAreReplaced) {
+  std::string pool(54'412, '\0');
+  for (const bool withMagic : {false, true}) {
+    if (withMagic) {
+      // One message for 5, and wild numbers.
+      pool.replace(0, 12, std::string("\x01\0\0\0\x96\x19\x11\x27\xFF\xFF\x77\0", 12));
+      pool.replace(268, 8, std::string("\x05\0\0\0\x01\0\0\0", 8));
+    }
+    for (const std::string& left : {pool, std::string()}) {
+      for (const char* object : {"Queue", "Event", "Mutex", "Doorbells"}) {
+        writeFile(pathOf(std::string("Selvane_Comms_") + object),
+                  std::string(object) == "Queue" ? left : "");
+      }
+      ASSERT_EQ(SvOpenComms(5), 0);
+      EXPECT_EQ(SvGetCommsOSError(), 0u);
+      EXPECT_EQ(receive(), "2013");
+      SvCloseComms();
+    }
+  }
+}
+
+TEST_F(SvComms, NamesThatCannotBeAreRefused) {
+  for (const std::string& bad : {std::string("a/b"), std::string(300, 'x')}) {
+    setenv("QMUTILS_OBJECT_PREFIX", bad.c_str(), 1);
+    EXPECT_EQ(SvOpenComms(5), 2011);
+    EXPECT_EQ(SvGetCommsOSError(), bad.size() == 3 ? 123u : 206u);
+    expectNoConnection();
+  }
+  setenv("QMUTILS_OBJECT_PREFIX", prefix().c_str(), 1);
+  ASSERT_EQ(SvOpenComms(5), 0);
+}
+
+TEST_F(SvComms, SuitesWithDifferentPrefixesNeverMeet) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  ASSERT_EQ(SvSendMessage("text", 0, 6), 0);
+  const std::string other = prefix() + "other";
+  Child child([&] {
+    setenv("QMUTILS_OBJECT_PREFIX", other.c_str(), 1);
+    if (SvOpenComms(6) != 0 || SvGetCommsOSError() != 0) return 1;
+    if (SvSendMessage("text", 0, 5) != 0) return 2;
+    SvCloseComms();
+    return 0;
+  });
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_EQ(receive(50), "2013");
+}
+
+TEST_F(SvComms, AnotherIdentifierTakesThePlaceOfTheFormer) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  ASSERT_EQ(SvSendMessage("for five", 0, 5), 0);
+  ASSERT_EQ(SvSendMessage("for six", 0, 6), 0);
+  ASSERT_EQ(SvOpenComms(6), 0);
+  EXPECT_EQ(SvGetCommsOSError(), 183u);
+  EXPECT_EQ(receive(), "2013");
+  EXPECT_EQ(SvSendMessage("again", 0, 6), 0);
+  EXPECT_EQ(receive(), "again");
+}
+
+// ---- Other processes --------------------------------------------------------------------------
+
+TEST_F(SvComms, TheClosingThreadKeepsTheMutex) {
+  Signal closed, mayOpen, opened, mayEnd;
+  ASSERT_EQ(SvOpenComms(5), 0);
+  Child other([&] {
+    if (SvOpenComms(6) != 0) return 1;
+    SvCloseComms();
+    closed.post();
+    if (!mayOpen.wait()) return 2;
+    if (SvOpenComms(6) != 0) return 3;
+    opened.post();
+    if (!mayEnd.wait()) return 4;
+    SvCloseComms();
+    return 0;
+  });
+  ASSERT_TRUE(closed.wait());
+  EXPECT_EQ(SvSendMessage("blocked", 50, 5), 2013);
+  char buffer[4];
+  // Without a message the event is not set and nobody asks for the mutex.
+  EXPECT_EQ(SvReceiveMessage(buffer, sizeof buffer, 50), 2013);
+  EXPECT_EQ(SvReceiveMultipleMessages(buffer, sizeof buffer, 50), 0);
+  mayOpen.post();
+  ASSERT_TRUE(opened.wait());
+  // Opening again ends the ownership,
+  EXPECT_EQ(SvSendMessage("free", 1000, 5), 0);
+  mayEnd.post();
+  EXPECT_EQ(other.wait(), 0);
+  // and so does the end of the thread.
+  EXPECT_EQ(SvSendMessage("free", 1000, 5), 0);
+  EXPECT_EQ(receive(), "free");
+  EXPECT_EQ(receive(), "free");
+}
+
+TEST_F(SvComms, AThreadThatClosedAndEndedLeavesTheMutexAbandoned) {
+  Signal ready, mayClose, closed, mayEnd;
+  Child other([&] {
+    if (SvOpenComms(6) != 0) return 1;
+    ready.post();
+    if (!mayEnd.wait()) return 2;
+    SvCloseComms();
+    return 0;
+  });
+  ASSERT_TRUE(ready.wait());
+  ASSERT_EQ(SvOpenComms(5), 0);
+  for (int i = 0; i < 3; ++i) {
+    std::thread([&] { SvCloseComms(); }).join();
+    // The same object is opened again while a dead thread's ownership hangs on it.
+    ASSERT_EQ(SvOpenComms(5), 0);
+    ASSERT_EQ(SvSendMessage("text", 1000, 5), 0);
+    EXPECT_EQ(receive(), "text");
+  }
+  SvCloseComms();
+  mayEnd.post();
+  // Its close waits until this thread gives the mutex up, which only the opening does.
+  EXPECT_EQ(other.wait(300), -1);
+  ASSERT_EQ(SvOpenComms(5), 0);
+  EXPECT_EQ(other.wait(), 0);
+}
+
+TEST_F(SvComms, WhenAllUsersAreKilledTheNextOpenStartsAfresh) {
+  for (int round = 0; round < 10; ++round) {
+    Signal ready;
+    std::vector<Child> users;
+    for (int id = 1; id <= 3; ++id) {
+      users.emplace_back([&ready, id] {
+        if (SvOpenComms(static_cast<unsigned short>(id)) != 0) return 1;
+        SvSendMessage("left behind", 1000, 9);
+        ready.post();
+        char text[256];
+        SvReceiveMessage(text, sizeof text, INFINITE);
+        return 2;
+      });
+    }
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(ready.wait());
+    for (Child& user : users) user.kill();
+    for (Child& user : users) EXPECT_EQ(user.wait(), 128 + 9);
+    ASSERT_EQ(SvOpenComms(9), 0);
+    EXPECT_EQ(SvGetCommsOSError(), 0u) << "not a new section";
+    EXPECT_EQ(receive(), "2013");
+    SvCloseComms();
+    EXPECT_TRUE(sharedObjects().empty());
+  }
+}
+
+TEST_F(SvComms, AWildSectionIsRepairedByWhoeverMeetsIt) {
+  ASSERT_EQ(SvOpenComms(5), 0);
+  const auto scribble = [&](std::size_t offset, const std::string& bytes) {
+    std::fstream file(queue(), std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(offset));
+    file << bytes;
+  };
+  const auto twoMessages = [] {
+    ASSERT_EQ(SvSendMessage("a", 1000, 5), 0);
+    ASSERT_EQ(SvSendMessage("b", 1000, 5), 0);
+  };
+  DebugLines lines;
+  const struct {
+    const char* what;
+    std::size_t offset;
+    std::string bytes, received;
+  } kCases[] = {
+      {"start_of_list", 8, "\xC8\xFF", "c"},
+      {"end_of_list", 10, "\xC8\xFF", "abc"},
+      {"next of slot 0", 276, "\xC8\xFF", "a"},
+      {"nMessages", 0, std::string(2, '\0'), "abc"},
+  };
+  for (const auto& c : kCases) {
+    twoMessages();
+    scribble(c.offset, c.bytes);
+    EXPECT_EQ(SvSendMessage("c", 1000, 5), 0) << c.what;
+    std::string received;
+    for (std::string text = receive(); text != "2013"; text = receive()) received += text;
+    EXPECT_EQ(received, c.received) << c.what;
+  }
+  int repairs = 0;
+  for (const auto& line : lines.take()) repairs += line.text.starts_with("Repaired the pool");
+  EXPECT_EQ(repairs, 4);
+  twoMessages();
+  scribble(12, std::string(256, 'x'));
+  EXPECT_EQ(receive(), std::string(255, 'x'));
+  EXPECT_EQ(receive(), "b");
+}
+
+}  // namespace

@@ -1,0 +1,341 @@
+#include "qmutils/concurrency/QMThreadC.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qmutils/platform/thread.h"
+#include "qmutils/platform/waitable.h"
+#include "tests/support/FakeClock.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+using QMErrors::NoError;
+
+/// A thread whose body is given by the test.
+class BodyThread : public QMThreadC {
+ public:
+  using Body = std::function<QMErrors::QMErrorT(BodyThread&)>;
+  explicit BodyThread(Body body, QMThreadC* parent = nullptr, const char* name = "body",
+                      DWORD stopTimeoutMs = INFINITE, int autoDelete = 0)
+      : QMThreadC(name, parent, stopTimeoutMs, autoDelete), body_(std::move(body)) {}
+  ~BodyThread() override { stop(); }
+  QMErrors::QMErrorT run() override { return body_(*this); }
+  using QMThreadC::NotifyEnd;
+
+ private:
+  Body body_;
+};
+
+QMErrors::QMErrorT untilTold(BodyThread& self) {
+  while (self.Sleep(1) == 0) {
+  }
+  return NoError;
+}
+
+void awaitTrue(const std::function<bool()>& condition) {
+  while (!condition()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+DWORD exitCodeOf(const QMThreadC& thread) {
+  qm::platform::wait(thread.GetThread(), 30000);
+  DWORD code = 0;
+  qm::platform::threadExitCode(thread.GetThread(), &code);
+  return code;
+}
+
+TEST(QMThreadC, WithoutABodyItEndsWithItsCode) {
+  qmtest::LogCapture log;
+  QMThreadC thread("idle", nullptr, INFINITE, 0);
+  EXPECT_FALSE(thread.IsAlive());
+  EXPECT_FALSE(thread.IsDead());
+  EXPECT_EQ(thread.start(), NoError);
+  EXPECT_EQ(exitCodeOf(thread), DWORD{QMErrors::NoThreadBodyCode});
+  EXPECT_TRUE(thread.IsDead());
+  EXPECT_TRUE(log.contains(" ERROR: QMThreadC::runNo thread body for: idle\n"));
+  EXPECT_EQ(thread.stop(), NoError);
+  EXPECT_EQ(thread.GetThread(), nullptr);
+  EXPECT_FALSE(thread.IsDead());
+}
+
+TEST(QMThreadC, StartsStopsAndStartsAgain) {
+  qmtest::LogCapture log(2);
+  std::atomic<DWORD> seenId{0};
+  std::atomic<void*> seenHandle{nullptr};
+  BodyThread thread([&](BodyThread& self) {
+    seenHandle = self.GetThread();
+    seenId = self.GetThreadID();
+    return untilTold(self);
+  });
+  for (int round = 0; round < 3; ++round) {
+    log.clear();
+    seenId = 0;
+    EXPECT_EQ(thread.start(), NoError);
+    EXPECT_TRUE(thread.IsAlive());
+    EXPECT_FALSE(thread.IsEndEventSignalled());
+    awaitTrue([&] { return seenId != 0; });
+    EXPECT_EQ(seenId, thread.GetThreadID());
+    EXPECT_EQ(seenHandle, thread.GetThread()) << "the body must find its own handle";
+    const std::string expected = " INFO: QMThreadC::start(): _beginthreadex() succeeded for Thread: "
+                                 "body, id = 0x";
+    EXPECT_EQ(log.text().substr(0, expected.size()), expected);
+    EXPECT_EQ(thread.stop(), NoError);
+    EXPECT_FALSE(thread.IsAlive());
+    EXPECT_FALSE(thread.IsEndEventSignalled()) << "the end event is reset for the next start";
+  }
+}
+
+TEST(QMThreadC, AThousandStartsAndStopsLeaveNothingBehind) {
+  qmtest::LogCapture log(1);
+  for (int i = 0; i < 500; ++i) {
+    BodyThread thread(untilTold);
+    ASSERT_EQ(thread.start(), NoError);
+    ASSERT_EQ(thread.stop(), NoError);
+    ASSERT_EQ(thread.start(), NoError);
+  }
+  EXPECT_EQ(log.text(), "");
+  EXPECT_EQ(QMThreadC::stopAll(), NoError);
+}
+
+TEST(QMThreadC, StoppingItselfIsIgnored) {
+  qmtest::LogCapture log;
+  std::atomic<bool> tried{false};
+  BodyThread thread([&](BodyThread& self) {
+    EXPECT_EQ(self.stop(), NoError);
+    EXPECT_FALSE(self.IsEndEventSignalled());
+    tried = true;
+    return untilTold(self);
+  });
+  thread.start();
+  awaitTrue([&] { return tried.load(); });
+  EXPECT_TRUE(thread.IsAlive());
+  EXPECT_TRUE(log.contains(
+      " WARNING: QMThreadC::stop(): Cannot stop() thread from within itself ignoring request\n"));
+}
+
+TEST(QMThreadC, AParentsStopSignalsAllChildrenBeforeItWaits) {
+  qmtest::LogCapture log(1);
+  std::mutex mutex;
+  std::vector<std::string> ended;
+  const auto note = [&](const char* who) {
+    return [&, who](BodyThread& self) {
+      untilTold(self);
+      const std::lock_guard guard(mutex);
+      ended.push_back(who);
+      return NoError;
+    };
+  };
+  BodyThread parent(note("parent"));
+  BodyThread* second = nullptr;
+  // The first child ends only after the second has been signalled: that is possible only if both
+  // are signalled before either is waited for.
+  BodyThread first(
+      [&](BodyThread& self) {
+        untilTold(self);
+        awaitTrue([&] { return second->IsEndEventSignalled(); });
+        return NoError;
+      },
+      &parent);
+  BodyThread secondChild(
+      [&](BodyThread& self) {
+        untilTold(self);
+        awaitTrue([&] { return !first.IsAlive(); });
+        const std::lock_guard guard(mutex);
+        ended.push_back("second");
+        return NoError;
+      },
+      &parent);
+  second = &secondChild;
+  BodyThread grandChild(note("grandchild"), &secondChild);
+  for (BodyThread* thread : {&parent, &first, &secondChild, &grandChild}) thread->start();
+  EXPECT_EQ(parent.FindChild(nullptr), &first);
+  EXPECT_EQ(parent.FindChild(&first), &secondChild);
+  EXPECT_EQ(parent.FindChild(&secondChild), nullptr);
+  EXPECT_TRUE(parent.bIsParent());
+  EXPECT_FALSE(first.bIsParent());
+  EXPECT_EQ(QMThreadC::stopAll(), NoError);
+  ASSERT_EQ(ended.size(), 3u);
+  EXPECT_EQ(ended.back(), "parent");
+  for (BodyThread* thread : {&parent, &first, &secondChild, &grandChild}) {
+    EXPECT_FALSE(thread->IsAlive());
+  }
+}
+
+TEST(QMThreadC, AChildThatWasNeverStartedIsReportedByItsParentsStop) {
+  qmtest::LogCapture log;
+  BodyThread parent(untilTold);
+  BodyThread child(untilTold, &parent);
+  parent.start();
+  EXPECT_EQ(parent.stop(), QMErrors::ResourceAllocationFailed);
+  EXPECT_FALSE(parent.IsAlive());
+  EXPECT_TRUE(log.contains(
+      " ERROR: QMThreadC::NotifyEnd(): m_hEndEvent = 0x00000000, invalid handle.\n"));
+}
+
+TEST(QMThreadC, StopGivesUpOnAThreadThatDoesNotListen) {
+  qmtest::LogCapture log;
+  qmtest::FakeClock clock;
+  std::atomic<bool> release{false};
+  std::atomic<bool> stopped{false};
+  BodyThread thread(
+      [&](BodyThread&) {
+        awaitTrue([&] { return release.load(); });
+        return NoError;
+      },
+      nullptr, "deaf", 500);
+  thread.start();
+  std::thread stopper([&] {
+    EXPECT_EQ(thread.stop(), NoError);
+    stopped = true;
+  });
+  for (int i = 0; i < 4; ++i) {
+    clock.advanceMs(100);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  EXPECT_FALSE(stopped) << "gave up before the stop time-out";
+  while (!stopped) {
+    clock.advanceMs(100);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  stopper.join();
+  EXPECT_TRUE(log.contains(
+      "QMThreadC::stop(): ERROR: Could not stop thread. Thread being killed, this could leave "
+      "dangling resources.\nQMThreadC::stop(): DON'T KNOW HOW TO KILL THREADS!!!!!!!\n"));
+  EXPECT_EQ(thread.GetThread(), nullptr);
+  release = true;
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+}
+
+TEST(QMThreadC, AutoDeletedThreadsAreGoneAfterRun) {
+  qmtest::LogCapture log;
+  static std::atomic<int> destroyed{0};
+  class SelfDeleting : public QMThreadC {
+   public:
+    explicit SelfDeleting(bool waits) : QMThreadC("fleeting", nullptr, INFINITE, 1), waits_(waits) {}
+    ~SelfDeleting() override { ++destroyed; }
+    QMErrors::QMErrorT run() override {
+      while (waits_ && Sleep(1) == 0) {
+      }
+      return NoError;
+    }
+
+   private:
+    const bool waits_;
+  };
+  constexpr int kRounds = 100;
+  for (int i = 0; i < kRounds; ++i) {
+    // start() must not touch an object that is already gone when it returns.
+    auto* thread = new SelfDeleting(false);
+    ASSERT_EQ(thread->start(), NoError);
+  }
+  awaitTrue([&] { return destroyed == kRounds; });
+  for (int i = 0; i < kRounds; ++i) {
+    auto* thread = new SelfDeleting(true);
+    ASSERT_EQ(thread->start(), NoError);
+    EXPECT_EQ(QMThreadC::stopAll(), NoError);
+  }
+  awaitTrue([&] { return destroyed == 2 * kRounds; });
+  EXPECT_TRUE(log.contains(
+      " INFO: QMThreadC::ThreadWrapper(): automatically deleting thread object: fleeting\n"));
+}
+
+TEST(QMThreadC, WaitsReportTheEndEventBehindTheObjects) {
+  void* const event = qm::platform::createEvent(false, false);
+  void* const other = qm::platform::createEvent(false, false);
+  BodyThread thread([&](BodyThread& self) {
+    void* const handles[] = {event, other};
+    EXPECT_EQ(self.WaitForSingleObject(event, 1), WAIT_TIMEOUT);
+    EXPECT_EQ(self.WaitForMultipleObjects(2, handles, true, 1), WAIT_TIMEOUT);
+    qm::platform::setEvent(event);
+    qm::platform::setEvent(other);
+    EXPECT_EQ(self.WaitForMultipleObjects(2, handles, true, 30000), WAIT_OBJECT_0);
+    qm::platform::setEvent(other);
+    EXPECT_EQ(self.WaitForMultipleObjects(2, handles, false, 30000), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(self.WaitForMultipleObjects(2, handles, false, INFINITE), 2u);  // ended by stop()
+    EXPECT_EQ(self.WaitForMultipleObjects(2, handles, true, INFINITE), 1u);
+    return static_cast<QMErrors::QMErrorT>(self.WaitForSingleObject(event, INFINITE));
+  });
+  thread.start();
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(thread.NotifyEnd(), NoError);
+  EXPECT_EQ(exitCodeOf(thread), 1u);
+  qm::platform::closeHandle(event);
+  qm::platform::closeHandle(other);
+}
+
+TEST(QMThreadC, WaitsAreTracedAtLevelTwenty) {
+  qmtest::LogCapture log;
+  void* const event = qm::platform::createEvent(true, true);
+  BodyThread thread(untilTold);
+  EXPECT_EQ(thread.WaitForMultipleObjects(1, &event, false, 5), WAIT_OBJECT_0);
+  EXPECT_TRUE(log.contains(" INFO: QMThreadC::WaitForMultipleObjects( ANY ): body, id=0x0 waiting on "
+                           "1 objects[0x"));
+  EXPECT_TRUE(log.contains("], timeout = 5\n"));
+  EXPECT_TRUE(log.contains("id=0x0 returning:  Object 0 was signalled \n"));
+  qm::platform::resetEvent(event);
+  log.clear();
+  EXPECT_EQ(thread.WaitForMultipleObjects(1, &event, true, 1), WAIT_TIMEOUT);
+  EXPECT_TRUE(log.contains(" INFO: QMThreadC::WaitForMultipleObjects( ALL ): body, id=0x0 waiting on "
+                           "1 objects: 0x"));
+  EXPECT_TRUE(log.contains("returning:  Timed out \n"));
+  qm::platform::closeHandle(event);
+}
+
+TEST(QMThreadC, LongSleepsNoticeTheEndEventAfterEachSlice) {
+  qmtest::FakeClock clock;
+  std::atomic<DWORD> result{0};
+  std::atomic<bool> asleep{false};
+  BodyThread thread([&](BodyThread& self) {
+    asleep = true;
+    result = self.SleepEx(25000, false);
+    return NoError;
+  });
+  thread.start();
+  awaitTrue([&] { return asleep.load(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  thread.NotifyEnd();
+  clock.advanceMs(9000);
+  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(thread.IsAlive()) << "a slice is not cut short";
+  clock.advanceMs(1500);
+  EXPECT_EQ(qm::platform::wait(thread.GetThread(), 30000), WAIT_OBJECT_0);
+  EXPECT_EQ(result, 0xFFFFFFFFu);
+}
+
+TEST(QMThreadC, StopResumesASuspendedThread) {
+  qmtest::LogCapture log;
+  BodyThread thread(untilTold);
+  EXPECT_EQ(thread.SuspendThread(), 0xFFFFFFFFu);
+  EXPECT_EQ(thread.ResumeThread(), 0xFFFFFFFFu);
+  EXPECT_TRUE(log.contains(
+      " ERROR: QMThreadC::SuspendThread(): suspend failed on thread: body Reason: Error: 6 (0x6)"));
+  EXPECT_TRUE(log.contains(" ERROR: QMThreadC::ResumeThread(): resume failed on thread: body"));
+  EXPECT_EQ(thread.SetThreadPriority(1), 0);
+  EXPECT_TRUE(log.contains(" ERROR: QMThreadC::SetThreadPriority(): SetThreadPriority failed on "
+                           "thread: body, Reason: Error: 6 (0x6)"));
+  thread.start();
+  EXPECT_EQ(thread.SuspendThread(), 0u);
+  EXPECT_EQ(thread.SuspendThread(), 1u);
+  EXPECT_EQ(thread.SuspendThread(), 2u);
+  EXPECT_EQ(thread.stop(), NoError);
+  EXPECT_TRUE(log.contains(" INFO: QMThreadC::NotifyEnd(): suspendCount for :body is: 3\n"));
+  EXPECT_TRUE(log.contains(" INFO: QMThreadC::NotifyEnd(): suspendCount for :body is: 2\n"));
+}
+
+TEST(QMThreadC, RemovalTakesAThreadOutOfThePool) {
+  BodyThread outer(untilTold);
+  auto* child = new BodyThread(untilTold, &outer);
+  BodyThread last(untilTold, &outer);
+  EXPECT_EQ(child->RemoveThread(0), NoError);
+  EXPECT_EQ(outer.FindChild(nullptr), &last);
+  EXPECT_EQ(child->RemoveThread(1), NoError) << "a second removal finds nothing to do";
+}
+
+}  // namespace

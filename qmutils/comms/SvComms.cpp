@@ -27,8 +27,6 @@ using QMErrors::QMErrorT;
 constexpr DWORD kOpenMs = 20'000;
 constexpr DWORD kCloseMs = 2'000;
 constexpr DWORD kPendingMs = 5'000;
-/// Processes that ring no doorbell are noticed after this long.
-constexpr DWORD kLookAgainMs = 100;
 
 /// Identifier 0 receives nothing, so its doorbell tells waiting senders of free slots.
 constexpr std::uint16_t kRoomBell = 0;
@@ -47,10 +45,12 @@ class TimeLimit {
     if (!deadline_) deadline_ = Deadline::after(timeoutMs_);
     return *deadline_;
   }
-  bool passed() noexcept { return timeoutMs_ == 0 || deadline().passed(); }
-  /// The end of one sleep.
-  Deadline nextLook() noexcept {
-    return Deadline::after(std::min(kLookAgainMs, deadline().remainingMs()));
+  /// 0 when it has passed.
+  DWORD remainingMs() noexcept {
+    const bool running = deadline_.has_value();
+    if (timeoutMs_ == 0 || timeoutMs_ == INFINITE) return timeoutMs_;
+    const Deadline& end = deadline();
+    return running ? end.remainingMs() : timeoutMs_;
   }
 
  private:
@@ -252,7 +252,8 @@ DWORD Connection::tryLock() noexcept { return repairIfAbandoned(objects_.tryAcqu
 /// WAIT_OBJECT_0 with the pool whole, WAIT_TIMEOUT or WAIT_FAILED.
 DWORD Connection::lock(TimeLimit& limit) noexcept {
   DWORD result = objects_.tryAcquire();
-  if (result == WAIT_TIMEOUT && !limit.passed()) result = objects_.acquire(limit.deadline());
+  if (result == WAIT_TIMEOUT && limit.remainingMs() != 0)
+    result = objects_.acquire(limit.deadline());
   return repairIfAbandoned(result);
 }
 
@@ -323,13 +324,14 @@ QMErrorT Connection::send(const char* text, DWORD timeoutMs, std::uint16_t desti
       unlock();
       return QMErrors::NoError;
     }
-    if (limit.passed()) {
+    const DWORD remainingMs = limit.remainingMs();
+    if (remainingMs == 0) {
       unlock();
       return QMErrors::CommandTimedOut;
     }
     const std::uint32_t expectation = objects_.expectRing(kRoomBell);
     unlock();
-    objects_.waitRing(kRoomBell, expectation, limit.nextLook());
+    objects_.waitRing(kRoomBell, expectation, remainingMs);
     if (!isConnected()) return QMErrors::CommandAborted;
   }
 }
@@ -340,10 +342,10 @@ DWORD Connection::waitForEvent(TimeLimit& limit) noexcept {
   while (!objects_.eventIsSet()) {
     if (tryLock() == WAIT_OBJECT_0) unlock();
     if (objects_.eventIsSet()) break;
-    if (limit.passed()) return WAIT_TIMEOUT;
-    const DWORD waited = objects_.waitEvent(limit.nextLook());
+    const DWORD remainingMs = limit.remainingMs();
+    if (remainingMs == 0) return WAIT_TIMEOUT;
+    objects_.waitEvent(remainingMs);
     if (!isConnected()) return WAIT_FAILED;
-    if (waited == WAIT_OBJECT_0) break;
   }
   return WAIT_OBJECT_0;
 }
@@ -373,13 +375,14 @@ QMErrorT Connection::receive(char* buffer, std::size_t size, DWORD timeoutMs) no
       std::memset(buffer + used, 0, size - used);
       return QMErrors::NoError;
     }
-    if (limit.passed()) {
+    const DWORD remainingMs = limit.remainingMs();
+    if (remainingMs == 0) {
       unlock();
       return QMErrors::CommandTimedOut;
     }
     const std::uint32_t expectation = objects_.expectRing(ownId);
     unlock();
-    objects_.waitRing(ownId, expectation, limit.nextLook());
+    objects_.waitRing(ownId, expectation, remainingMs);
     if (!isConnected()) return QMErrors::CommandAborted;
   }
 }
@@ -406,14 +409,15 @@ QMErrorT Connection::receiveAll(char* buffer, std::size_t size, DWORD timeoutMs)
       position += used;
       room -= used;
     }
-    if (any || limit.passed()) {
+    const DWORD remainingMs = any ? 0 : limit.remainingMs();
+    if (remainingMs == 0) {
       unlock();
       std::memset(position, 0, room);
       return QMErrors::NoError;
     }
     const std::uint32_t expectation = objects_.expectRing(ownId);
     unlock();
-    objects_.waitRing(ownId, expectation, limit.nextLook());
+    objects_.waitRing(ownId, expectation, remainingMs);
     if (!isConnected()) return QMErrors::CommandAborted;
   }
 }

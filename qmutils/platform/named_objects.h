@@ -107,16 +107,17 @@ class SharedObjects {
   bool eventIsSet() const noexcept;
   void setEvent() noexcept;
   void resetEvent() noexcept;
-  /// WAIT_OBJECT_0 or WAIT_TIMEOUT; without the mutex.
-  DWORD waitEvent(const Deadline& deadline) noexcept;
+  /// Sleeps until the event is set, for at most `longestMs` (and never more than 100 ms); may come
+  /// back earlier. Without the mutex.
+  void waitEvent(DWORD longestMs) noexcept;
 
   // The doorbells, by number. Numbers may share a bell: who waits for one may be woken by a ring
   // for another and looks in vain. expectRing() and ring() come under the mutex; the rings between
   // the two ends of an expectation are never missed.
 
   std::uint32_t expectRing(std::uint16_t number) noexcept;
-  /// Sleeps until the first ring after expectRing(), or the deadline; without the mutex.
-  void waitRing(std::uint16_t number, std::uint32_t expectation, const Deadline& deadline) noexcept;
+  /// Sleeps until the first ring after expectRing(), in the same way.
+  void waitRing(std::uint16_t number, std::uint32_t expectation, DWORD longestMs) noexcept;
   void ring(std::uint16_t number) noexcept;
 
   /// Wakes every sleeper of the event and of every doorbell at once. Under the mutex, for repairs:

@@ -321,6 +321,7 @@ TEST_F(PoolKill, NothingIsTornDoubledDisorderedOrLost) {
   for (pid_t& pid : users_) {
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(status == 0 || WIFSIGNALED(status)) << "status " << status;
     pid = -1;
   }
   expectSoundPool();

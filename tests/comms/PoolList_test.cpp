@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace qm;
@@ -125,6 +127,7 @@ void snapshotAtStep(PoolStep) { snapshots.push_back(*watched); }
 std::vector<PoolSection> statesWithin(PoolSection& section,
                                       const std::function<void()>& operation) {
   snapshots.clear();
+  snapshots.reserve(static_cast<std::size_t>(PoolStep::Count));
   watched = &section;
   poolStepHook = snapshotAtStep;
   operation();
@@ -137,7 +140,7 @@ TEST(PoolList, ADeathAtAnyStepLeavesWhatWasThereBeforeOrAfter) {
   Pool pool;
   int changesSeen = 0;
   int undoneSeen = 0;
-  for (int round = 0; round < 3000; ++round) {
+  for (int round = 0; round < 800; ++round) {
     const Messages before = contentOf(pool.section);
     const bool add = before.size() < 2 || (before.size() < 9 && random() % 2 == 0);
     const auto id = static_cast<std::uint16_t>(1 + random() % 3);
@@ -170,8 +173,8 @@ TEST(PoolList, ADeathAtAnyStepLeavesWhatWasThereBeforeOrAfter) {
       (happened ? changesSeen : undoneSeen)++;
     }
   }
-  EXPECT_GT(changesSeen, 1000);
-  EXPECT_GT(undoneSeen, 1000);
+  EXPECT_GT(changesSeen, 500);
+  EXPECT_GT(undoneSeen, 500);
 }
 
 TEST(PoolList, WildContentIsRepairedAndNeverFollowed) {

@@ -187,6 +187,7 @@ TEST_F(LogFile, DailyFilesChangeOverAtLocalMidnight) {
   clock_.advanceMs(1);
   style_.teeCerr = true;
   const std::string tee = standardErrorOf([&] { write("tuesday\n"); });
+  style_.teeCerr = false;
   write("later\n");
   const std::string notice = "Log file day has changed: switching to: " + tuesday;
   EXPECT_EQ(linesOf(monday).back(), notice);
@@ -416,7 +417,7 @@ TEST_F(LogFile, RunningOutOfMemoryLosesALineAtMost) {
     ++failures;
   }
   const std::string reported = testing::internal::GetCapturedStderr();
-  EXPECT_GE(failures, 2);
+  EXPECT_GE(failures, 1);
   EXPECT_EQ(std::count(reported.begin(), reported.end(), '\n'), failures) << reported;
   Quiet file(path);
   out(1, "line\n");

@@ -312,15 +312,12 @@ void SharedObjects::resetEvent() noexcept {
   if (word.load(std::memory_order_relaxed) == kSignalled) word.store(0);
 }
 
-DWORD SharedObjects::waitEvent(const Deadline& deadline) noexcept {
+void SharedObjects::waitEvent(DWORD longestMs) noexcept {
   SharedWord& word = state_->eventWord();
-  for (;;) {
-    std::uint32_t seen = word.load(std::memory_order_acquire);
-    if ((seen & kSignalled) != 0) return WAIT_OBJECT_0;
-    if (deadline.passed()) return WAIT_TIMEOUT;
-    if (seen == kEventSleepers || word.compare_exchange_strong(seen, kEventSleepers)) {
-      sharedWait(word, kEventSleepers, deadline);
-    }
+  std::uint32_t seen = 0;
+  // Fails when the event is set by now, or when somebody sleeps already.
+  if (word.compare_exchange_strong(seen, kEventSleepers) || seen == kEventSleepers) {
+    sharedWait(word, kEventSleepers, longestMs);
   }
 }
 
@@ -329,11 +326,8 @@ std::uint32_t SharedObjects::expectRing(std::uint16_t number) noexcept {
 }
 
 void SharedObjects::waitRing(std::uint16_t number, std::uint32_t expectation,
-                             const Deadline& deadline) noexcept {
-  const SharedWord& word = state_->bell(number);
-  while (word.load(std::memory_order_acquire) == expectation && !deadline.passed()) {
-    sharedWait(word, expectation, deadline);
-  }
+                             DWORD longestMs) noexcept {
+  sharedWait(state_->bell(number), expectation, longestMs);
 }
 
 void SharedObjects::ring(std::uint16_t number) noexcept {

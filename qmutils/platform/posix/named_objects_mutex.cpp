@@ -168,8 +168,10 @@ DWORD RobustMutex::tryOnce() noexcept {
 
 DWORD RobustMutex::tryAcquire() noexcept {
   // Holders need well under a microsecond. Trying again beats going to sleep at once by half in a
-  // stream of messages on two processors, and costs nothing measurable on one.
+  // stream of messages on two processors, and costs nothing measurable on one. Each try takes the
+  // mutex's memory away from its holder, hence the pauses.
   constexpr int kTries = 20;
+  constexpr int kPauses = 8;
   deferSuspension();
   for (int i = 0; i < kTries; ++i) {
     const DWORD result = tryOnce();
@@ -178,7 +180,7 @@ DWORD RobustMutex::tryAcquire() noexcept {
       allowSuspension();
       return result;
     }
-    pauseBriefly();
+    for (int n = 0; n < kPauses; ++n) pauseBriefly();
   }
   allowSuspension();
   return WAIT_TIMEOUT;
@@ -187,8 +189,8 @@ DWORD RobustMutex::tryAcquire() noexcept {
 DWORD RobustMutex::acquire(const Deadline& deadline) noexcept {
   DWORD result = tryAcquire();
   // A killed owner wakes nobody, so the first sleeps are short.
-  constexpr std::int64_t kFirstSleep = 2'000'000;
-  std::int64_t sleep = kFirstSleep;
+  constexpr DWORD kFirstSleepMs = 2;
+  DWORD sleepMs = kFirstSleepMs;
   while (result == WAIT_TIMEOUT) {
     block().sleepers.store(1);
     deferSuspension();
@@ -196,8 +198,8 @@ DWORD RobustMutex::acquire(const Deadline& deadline) noexcept {
     if (result == WAIT_OBJECT_0 || result == WAIT_ABANDONED) return result;
     allowSuspension();
     if (result == WAIT_FAILED || deadline.passed()) return result;
-    sharedWait(block().sleepers, 1, deadline, sleep);
-    sleep = std::min(2 * sleep, kLookAgainNanoseconds);
+    sharedWait(block().sleepers, 1, std::min(sleepMs, deadline.remainingMs()));
+    sleepMs = std::min(2 * sleepMs, kLookAgainMs);
   }
   return result;
 }

@@ -8,7 +8,6 @@
 #include <cerrno>
 
 #include "qmutils/platform/posix/errno_translation.h"
-#include "qmutils/platform/posix/named_objects_words.h"
 
 namespace qm::platform::posix {
 
@@ -40,15 +39,14 @@ Locking setLock(const Descriptor& lock, off_t byte, short type) noexcept {
 /// Tries until the deadline. Polling, because a lock that is waited for in the kernel has no
 /// deadline, and whoever holds the gate might be stopped.
 Locking takeGate(const Descriptor& lock, const Deadline& deadline) noexcept {
-  constexpr std::int64_t kFirstPause = 50'000;
-  constexpr std::int64_t kLongestPause = 5'000'000;
-  for (std::int64_t pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
+  constexpr long kFirstPauseNanoseconds = 50'000;
+  constexpr long kLongestPauseNanoseconds = 5'000'000;
+  timespec pause{0, kFirstPauseNanoseconds};
+  for (;;) {
     const Locking result = setLock(lock, kGate, F_WRLCK);
-    if (result != Locking::Refused) return result;
-    const std::int64_t span = nextLook(deadline, pause);
-    if (span <= 0) return Locking::Refused;
-    const timespec time{0, static_cast<long>(span)};
-    ::nanosleep(&time, nullptr);
+    if (result != Locking::Refused || deadline.passed()) return result;
+    ::nanosleep(&pause, nullptr);
+    pause.tv_nsec = std::min(2 * pause.tv_nsec, kLongestPauseNanoseconds);
   }
 }
 

@@ -11,25 +11,17 @@ namespace qm::platform::posix {
 
 namespace {
 
-constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
-constexpr std::int64_t kDrivenClockLook = 1'000'000;
+constexpr DWORD kDrivenClockLookMs = 1;
+constexpr long kNanosecondsPerMillisecond = 1'000'000;
 
 }  // namespace
 
-std::int64_t nextLook(const Deadline& deadline, std::int64_t longest) noexcept {
-  if (timeSourceReplaced()) longest = std::min(longest, kDrivenClockLook);
-  if (deadline.never()) return longest;
-  return std::min(longest, deadline.nanoseconds() - monotonicNanoseconds());
-}
-
-void sharedWait(const SharedWord& word, std::uint32_t expected, const Deadline& deadline,
-                std::int64_t longest) noexcept {
-  const std::int64_t span = nextLook(deadline, longest);
-  if (span <= 0) return;
-  const timespec time{static_cast<time_t>(span / kNanosecondsPerSecond),
-                      static_cast<long>(span % kNanosecondsPerSecond)};
+void sharedWait(const SharedWord& word, std::uint32_t expected, DWORD longestMs) noexcept {
+  const DWORD longest = timeSourceReplaced() ? kDrivenClockLookMs : kLookAgainMs;
+  const timespec time{0,
+                      static_cast<long>(std::min(longestMs, longest)) * kNanosecondsPerMillisecond};
   // FUTEX_WAIT measures its relative time on the monotonic clock. Whatever the result, the caller
-  // looks at the word again.
+  // looks at its condition again.
   syscall(SYS_futex, &word, FUTEX_WAIT, expected, &time, nullptr, 0);
 }
 

@@ -77,6 +77,12 @@ struct WatchedAppendFile::Watch {
     return true;
   }
 
+  bool stillNamed() noexcept {
+    if (!mayHaveChanged() || nameLeadsHere()) return true;
+    notifier.reset();  // the event has been read: from now on only looking tells
+    return false;
+  }
+
   void startNotifier() noexcept {
     if (path.c_str()[0] != '/' || isRemote(file.get())) return;
     Descriptor started(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
@@ -123,7 +129,7 @@ void WatchedAppendFile::close() noexcept { watch_.reset(); }
 bool WatchedAppendFile::isOpen() const noexcept { return watch_ != nullptr; }
 
 bool WatchedAppendFile::stillNamed() noexcept {
-  return watch_ != nullptr && (!watch_->mayHaveChanged() || watch_->nameLeadsHere());
+  return watch_ != nullptr && watch_->stillNamed();
 }
 
 bool WatchedAppendFile::isEmpty() const noexcept {

@@ -1,0 +1,144 @@
+// The simulated imager: the engine process that a control program launches and commands through the
+// message pool. It exposes pages onto a drum that exists only as a picture.
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "programs/Protocol.h"
+#include "programs/imager/ControlLink.h"
+#include "programs/imager/ExposerC.h"
+#include "qmutils/comms/QMMessageText.h"
+#include "qmutils/comms/SvComms.h"
+#include "qmutils/foundation/LogLine.h"
+#include "qmutils/foundation/QMLogFileC.h"
+
+namespace {
+
+using namespace programs;
+
+constexpr const char* kUsage =
+    "usage: imager -pid N -id N [-nip] [-pr PROFILE] [-log FILE]\n"
+    "The simulated imager. A control program launches it; by hand it is of little use.\n"
+    "  -pid N       identifier of the control program in the message pool\n"
+    "  -id N        identifier of this imager\n"
+    "  -nip         no panel of its own (there is none)\n"
+    "  -pr PROFILE  the profile that jobs are exposed with, for the log\n"
+    "  -log FILE    write a log file\n"
+    "Exit status: 0 stopped in an orderly way, 1 the pool failed, 2 bad command line.\n";
+
+constexpr DWORD kReceiveTimeoutMs = 1000;
+
+struct Options {
+  unsigned short parentId = 0;
+  unsigned short ownId = 0;
+  std::string profile;
+  std::string logFile;
+  bool help = false;
+};
+
+bool parseId(const char* text, unsigned short& id) {
+  const auto [rest, error] = std::from_chars(text, text + std::strlen(text), id);
+  return error == std::errc() && *rest == '\0' && id != 0;
+}
+
+bool parseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string option = argv[i];
+    if (option == "--help" || option == "-h") {
+      options.help = true;
+      return true;
+    }
+    if (option == "-nip") continue;
+    if (i + 1 == argc) return false;
+    const char* const value = argv[++i];
+    if (option == "-pid") {
+      if (!parseId(value, options.parentId)) return false;
+    } else if (option == "-id") {
+      if (!parseId(value, options.ownId)) return false;
+    } else if (option == "-pr") {
+      options.profile = value;
+    } else if (option == "-log") {
+      options.logFile = value;
+    } else {
+      return false;
+    }
+  }
+  return options.parentId != 0 && options.ownId != 0;
+}
+
+/// Handles one message; false when it asks the imager to end.
+bool handle(const char* text, const ControlLink& link, ExposerC& exposer) {
+  char mainText[257];
+  char qualifier[257];
+  QMErrors::QMMessagePacketT packet;
+  packet.pString = mainText;
+  packet.nStringSize = sizeof mainText;
+  packet.pQualifier = qualifier;
+  packet.nQualifierSize = sizeof qualifier;
+  const QMErrors::QMErrorT decoded = QMExtractMessagePacket(text, packet);
+  if (decoded != QMErrors::NoError) {
+    link.reportFailure(0, {decoded, "a message that cannot be read", ""});
+  } else if (packet.nType == qm::imager::kTypeReply && packet.nCode == qm::imager::kCodeWhoAmI) {
+    qm::logInfo(1, "imager: ", "commanded by ", packet.pString);
+  } else if (packet.nType == qm::imager::kTypeCommand && packet.nCode == qm::imager::kCodeStop) {
+    return false;
+  } else if (packet.nType == qm::imager::kTypeCommand &&
+             packet.nCode == qm::imager::kCodeExpose) {
+    exposer.expose(packet.pString);
+  } else {
+    link.reportFailure(0, {QMErrors::InvalidOption, "a message that means nothing here", ""});
+  }
+  return true;
+}
+
+/// Answers messages until told to stop or the pool fails.
+QMErrors::QMErrorT serve(const ControlLink& link, ExposerC& exposer) {
+  char text[256];
+  for (;;) {
+    const QMErrors::QMErrorT received = SvReceiveMessage(text, sizeof text, kReceiveTimeoutMs);
+    if (received == QMErrors::CommandTimedOut) continue;
+    if (received != QMErrors::NoError) return received;
+    if (!handle(text, link, exposer)) return QMErrors::NoError;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!parseOptions(argc, argv, options)) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+  if (options.help) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  QMLogFileC logFile(options.logFile.empty() ? nullptr : options.logFile.c_str(), false, false,
+                     false);
+  QMLogFileC::SetDebugLevel(2);
+  QMLogStreamC(QMLogFileC::DebugOut, QMLogFileC::SetLogName, QMLogFileC::SetDebugLevel,
+               QMLogFileC::GetDebugLevel);
+  qm::logInfo(1, "imager: ", "started with profile ", options.profile);
+
+  QMErrors::QMErrorT result = SvOpenComms(options.ownId);
+  if (result == QMErrors::NoError) {
+    const ControlLink link(options.parentId, options.ownId);
+    ExposerC exposer(link);
+    result = exposer.start();
+    if (result == QMErrors::NoError) {
+      link.reportStarted();
+      link.askIdentity();
+      result = serve(link, exposer);
+    }
+    exposer.finish();
+    SvCloseComms();
+  }
+  if (result != QMErrors::NoError) {
+    qm::logError("imager: ", "ends with ", QMErrToStr(result));
+    std::fprintf(stderr, "imager: %s\n", QMErrToStr(result));
+    return 1;
+  }
+  return 0;
+}

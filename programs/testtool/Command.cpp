@@ -1,0 +1,53 @@
+#include "programs/testtool/Command.h"
+
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+
+namespace programs {
+namespace {
+
+volatile std::sig_atomic_t interruptSeen = 0;
+
+void onInterrupt(int) { interruptSeen = 1; }
+
+template <class Number>
+bool parseWhole(const std::string& text, Number low, Number high, Number& number) {
+  const char* const end = text.data() + text.size();
+  Number value{};
+  const auto [rest, error] = std::from_chars(text.data(), end, value);
+  if (error != std::errc() || rest != end || !(value >= low && value <= high)) return false;
+  number = value;
+  return true;
+}
+
+}  // namespace
+
+int usageError(const Command& command, const std::string& complaint) {
+  std::fprintf(stderr, "testtool %s: %s\nTry: testtool %s --help\n", command.name,
+               complaint.c_str(), command.name);
+  return kUsageError;
+}
+
+bool takeValue(const Arguments& arguments, std::size_t& index, std::string& value) {
+  if (index + 1 >= arguments.size()) return false;
+  value = arguments[++index];
+  return true;
+}
+
+bool parseNumber(const std::string& text, long long low, long long high, long long& number) {
+  return parseWhole(text, low, high, number);
+}
+
+bool parseNumber(const std::string& text, double low, double high, double& number) {
+  return parseWhole(text, low, high, number);
+}
+
+void noteInterrupts() {
+  std::signal(SIGINT, onInterrupt);
+  std::signal(SIGTERM, onInterrupt);
+}
+
+bool interrupted() { return interruptSeen != 0; }
+
+}  // namespace programs

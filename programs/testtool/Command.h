@@ -1,0 +1,43 @@
+// What a command of the test tool is: a name, a help text, and a function. Each command has a file of
+// its own; main.cpp has the list.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace programs {
+
+/// Exit statuses.
+inline constexpr int kSuccess = 0;
+inline constexpr int kFailure = 1;
+inline constexpr int kUsageError = 2;
+inline constexpr int kInterrupted = 130;
+
+using Arguments = std::vector<std::string>;
+
+struct Command {
+  const char* name;
+  const char* summary;
+  const char* help;
+  int (*run)(const Arguments& arguments);
+};
+
+extern const Command kErrorCommand;
+extern const Command kExposeCommand;
+extern const Command kLogCommand;
+extern const Command kPoolCommand;
+
+/// Complains about the command line; gives kUsageError.
+int usageError(const Command& command, const std::string& complaint);
+
+/// Takes the value of an option from the list; false when there is none.
+bool takeValue(const Arguments& arguments, std::size_t& index, std::string& value);
+/// The whole text as a number in that range.
+bool parseNumber(const std::string& text, long long low, long long high, long long& number);
+bool parseNumber(const std::string& text, double low, double high, double& number);
+
+/// From now on Ctrl-C and a request to terminate are only noted.
+void noteInterrupts();
+bool interrupted();
+
+}  // namespace programs

@@ -1,0 +1,216 @@
+#include "qmutils/platform/file.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "qmutils/platform/clock.h"
+#include "qmutils/platform/error.h"
+#include "tests/support/TempFolder.h"
+
+namespace qm::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using qmtest::readFile;
+using qmtest::writeFile;
+
+class Files : public testing::Test {
+ protected:
+  std::string path(const char* name) const { return folder_.file(name); }
+
+  qmtest::TempFolder folder_;
+};
+
+/// The last error of a call that must fail.
+template <class Call>
+DWORD errorOf(Call call) {
+  setLastError(0);
+  EXPECT_FALSE(call());
+  return lastError();
+}
+
+bool opens(const std::string& path, const char* mode) {
+  return FilePtr(openFile(path.c_str(), mode)) != nullptr;
+}
+
+bool hasAttributes(const std::string& path) {
+  return fileAttributes(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+TEST_F(Files, EachFailureHasItsNumber) {
+  writeFile(path("file"), "x");
+  const std::string tooLong(5000, 'x');
+  const struct {
+    std::string path;
+    DWORD error;
+  } kCases[] = {{path("none"), 2},       {path("none/file"), 3},
+                {path("file/below"), 3}, {folder_.path(), 5},
+                {tooLong, 206},          {path(std::string(300, 'x').c_str()), 206}};
+  for (const auto& c : kCases) {
+    FILETIME time{};
+    EXPECT_EQ(errorOf([&] { return opens(c.path, "r"); }), c.error) << c.path;
+    EXPECT_EQ(errorOf([&] { return lastWriteTime(c.path.c_str(), &time); }), c.error) << c.path;
+    EXPECT_EQ(errorOf([&] { return deleteFile(c.path.c_str()); }), c.error) << c.path;
+    EXPECT_EQ(errorOf([&] { return copyFile(c.path.c_str(), path("to").c_str(), false); }), c.error)
+        << c.path;
+    if (c.error == 5) continue;
+    EXPECT_EQ(errorOf([&] { return hasAttributes(c.path); }), c.error) << c.path;
+  }
+  EXPECT_FALSE(fs::exists(path("to")));
+  EXPECT_EQ(errorOf([&] { return openFile(nullptr, "r") != nullptr; }), 3u);
+  EXPECT_EQ(errorOf([&] { return createDirectory(folder_.path().c_str()); }), 183u);
+  EXPECT_EQ(errorOf([&] { return createDirectory(path("none/below").c_str()); }), 3u);
+  EXPECT_EQ(errorOf([&] { return createFileExclusively(path("file").c_str()) != nullptr; }), 80u);
+  FilePtr made(createFileExclusively(path("new").c_str()));
+  EXPECT_NE(made, nullptr);
+  EXPECT_TRUE(fcntl(fileno(made.get()), F_GETFD) & FD_CLOEXEC);
+}
+
+TEST_F(Files, BothSeparatorsOpenAPath) {
+  ASSERT_TRUE(createDirectory((folder_.path() + "\\a b").c_str()));
+  const std::string mixed = folder_.path() + "\\a b/file.txt";
+  EXPECT_TRUE(opens(mixed, "w"));
+  EXPECT_TRUE(hasAttributes(mixed));
+  EXPECT_EQ(nativePath("a\\b/c"), "a/b/c");
+  FilePtr file(openFile(mixed.c_str(), "r+b"));
+  ASSERT_NE(file, nullptr);
+  EXPECT_TRUE(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC);
+}
+
+TEST_F(Files, AttributesKeepMarksAndReadOnly) {
+  const std::string file = path("file");
+  writeFile(file, "x");
+  EXPECT_EQ(fileAttributes(file.c_str()), FILE_ATTRIBUTE_NORMAL);
+  EXPECT_EQ(fileAttributes(folder_.path().c_str()), FILE_ATTRIBUTE_DIRECTORY);
+  const DWORD kSets[] = {FILE_ATTRIBUTE_HIDDEN, FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_READONLY,
+                         FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_SYSTEM,
+                         FILE_ATTRIBUTE_NORMAL};
+  for (DWORD attributes : kSets) {
+    ASSERT_TRUE(setFileAttributes(file.c_str(), attributes)) << attributes;
+    EXPECT_EQ(fileAttributes(file.c_str()), attributes);
+  }
+  EXPECT_TRUE(setFileAttributes(file.c_str(), FILE_ATTRIBUTE_HIDDEN));
+  fs::rename(file, path("moved"));
+  EXPECT_EQ(fileAttributes(path("moved").c_str()), FILE_ATTRIBUTE_HIDDEN) << "not part of the name";
+}
+
+TEST_F(Files, SearchFindsEntriesByPattern) {
+  writeFile(path("Plate-A2.xml"), "");
+  fs::create_symlink("nowhere", path("link"));
+  const struct {
+    const char* name;
+    DWORD error;
+  } kCases[] = {{"Plate-A2.xml", 0},
+                {"plate*.XML", 0},
+                {"*-A?.x*l", 0},
+                {"*", 0},
+                {"*.*", 0},
+                {"link", 0},
+                {"*.txt", 2},
+                {"?late", 2},
+                {"plate-a2.xmlx*", 2},
+                {"", 2},
+                {"none", 2},
+                {"none/*", 3},
+                {"none/file", 3}};
+  for (const auto& c : kCases) {
+    setLastError(0);
+    EXPECT_EQ(findsEntry(path(c.name).c_str()), c.error == 0) << c.name;
+    EXPECT_EQ(lastError(), c.error) << c.name;
+  }
+  EXPECT_EQ(errorOf([] { return findsEntry(""); }), 123u);
+  EXPECT_EQ(errorOf([] { return findsEntry(nullptr); }), 3u);
+  EXPECT_TRUE(findsEntry("/*"));
+}
+
+TEST_F(Files, CopiesCarryContentPermissionsTimeAndMarks) {
+  const std::string from = path("from"), to = path("to");
+  writeFile(from, std::string(100'000, 'x') + "end");
+  chmod(from.c_str(), 0640);
+  ASSERT_TRUE(setFileAttributes(from.c_str(), FILE_ATTRIBUTE_HIDDEN));
+  const timespec times[] = {{1'000'000'000, 0}, {1'162'821'787, 45'000'000}};
+  ASSERT_EQ(utimensat(AT_FDCWD, from.c_str(), times, 0), 0);
+  writeFile(to, std::string(200'000, 'y'));
+  EXPECT_EQ(errorOf([&] { return copyFile(from.c_str(), to.c_str(), true); }), 80u);
+  EXPECT_EQ(readFile(to).front(), 'y');
+  ASSERT_TRUE(copyFile(from.c_str(), to.c_str(), false));
+  EXPECT_EQ(readFile(to), readFile(from));
+  EXPECT_EQ(fs::status(to).permissions(), fs::perms(0640));
+  EXPECT_EQ(fileAttributes(to.c_str()), FILE_ATTRIBUTE_HIDDEN);
+  FILETIME time{};
+  ASSERT_TRUE(lastWriteTime(to.c_str(), &time));
+  SYSTEMTIME split{};
+  ASSERT_TRUE(fileTimeToSystemTime(time, &split));
+  EXPECT_EQ(split.wYear, 2006);
+  EXPECT_EQ(split.wSecond, 7);
+  EXPECT_EQ(split.wMilliseconds, 45);
+
+  EXPECT_EQ(errorOf([&] { return copyFile(from.c_str(), from.c_str(), false); }), 32u);
+  EXPECT_EQ(readFile(from).size(), 100'003u) << "a copy onto itself loses nothing";
+  EXPECT_EQ(errorOf([&] { return copyFile(from.c_str(), folder_.path().c_str(), false); }), 5u);
+}
+
+TEST_F(Files, ReplacingTakesModeFollowsLinksAndRefusesReadOnly) {
+  const std::string fresh = path("fresh"), target = path("target"), link = path("link");
+  writeFile(target, "old");
+  chmod(target.c_str(), 0604);
+  fs::create_symlink("target", link);
+  writeFile(fresh, "new");
+  ASSERT_TRUE(mayReplaceFile(link.c_str()));
+  ASSERT_TRUE(replaceFile(fresh.c_str(), link.c_str()));
+  EXPECT_EQ(readFile(target), "new");
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(fs::status(target).permissions(), fs::perms(0604));
+  EXPECT_FALSE(fs::exists(fresh));
+
+  fs::create_symlink(path("to be made"), path("dangling"));
+  writeFile(fresh, "made");
+  ASSERT_TRUE(replaceFile(fresh.c_str(), path("dangling").c_str()));
+  EXPECT_EQ(readFile(path("to be made")), "made");
+  fs::create_symlink("loop", path("loop"));
+  writeFile(fresh, "newer");
+  EXPECT_FALSE(replaceFile(fresh.c_str(), path("loop").c_str()));
+
+  chmod(target.c_str(), 0444);
+  const std::string kRefused[] = {target, folder_.path(), "/dev/null"};
+  for (const std::string& refused : kRefused) {
+    EXPECT_EQ(errorOf([&] { return mayReplaceFile(refused.c_str()); }), 5u) << refused;
+    EXPECT_EQ(errorOf([&] { return replaceFile(fresh.c_str(), refused.c_str()); }), 5u) << refused;
+  }
+  EXPECT_EQ(readFile(target), "new");
+  EXPECT_TRUE(mayReplaceFile(path("not there yet").c_str()));
+}
+
+TEST_F(Files, ReplacingCrossesFileSystemsThroughALink) {
+  const std::string elsewhere =
+      "/dev/shm/" + fs::path(folder_.path()).filename().string() + "-target";
+  struct stat here, there;
+  ASSERT_EQ(stat(folder_.path().c_str(), &here), 0);
+  ASSERT_EQ(stat("/dev/shm", &there), 0);
+  ASSERT_NE(here.st_dev, there.st_dev) << "needs a second file system";
+  writeFile(elsewhere, "old");
+  fs::create_symlink(elsewhere, path("link"));
+  writeFile(path("fresh"), "new");
+  EXPECT_TRUE(replaceFile(path("fresh").c_str(), path("link").c_str()));
+  EXPECT_EQ(readFile(elsewhere), "new");
+  EXPECT_FALSE(fs::exists(path("fresh")));
+  fs::remove(elsewhere);
+}
+
+TEST_F(Files, FlushingReportsAFullDisk) {
+  FilePtr full(openFile("/dev/full", "w"));
+  std::fputs("lost", full.get());
+  EXPECT_EQ(errorOf([&] { return flushToDisk(full.get()); }), 112u);
+  FilePtr file(openFile(path("file").c_str(), "w"));
+  std::fputs("kept", file.get());
+  EXPECT_TRUE(flushToDisk(file.get()));
+  EXPECT_EQ(readFile(path("file")), "kept");
+}
+
+}  // namespace
+}  // namespace qm::platform

@@ -71,4 +71,8 @@ BENCHMARK(qmutilsLine)->Threads(8)->UseRealTime();
 BENCHMARK(spdlogLine)->Threads(8)->UseRealTime();
 BENCHMARK(qmutilsLineNotShown);
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  for (const char* name : {"qmutils.log", "spdlog.log"}) fs::remove(logPath(name));
+}

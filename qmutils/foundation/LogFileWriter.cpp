@@ -139,7 +139,7 @@ bool LogFileWriter::openFile() noexcept {
 
 /// Goes over to today's file; the former one ends with a line that says so. Gives its name.
 SharedText LogFileWriter::changeDay(unsigned int level, const LogFileStyle& style) {
-  const SharedText formerName = name_;
+  SharedText formerName = name_;
   const std::string newName =
       nameOfWeekday(root_.c_str(), weekdayName(platform::localSystemTime().wDayOfWeek));
   const LogTag tag(LogStamp::now(), style.tagShowsDate, level);

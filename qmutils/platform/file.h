@@ -27,8 +27,9 @@ std::FILE* openFile(const char* path, const char* mode) noexcept;
 /// Creates a file for writing that must not exist yet (error 80 when it does).
 std::FILE* createFileExclusively(const char* path) noexcept;
 
-/// FILE_ATTRIBUTE_ bits; INVALID_FILE_ATTRIBUTES on failure. A file that the caller may not write is
-/// read-only; hidden is a mark of its own, not part of the name.
+/// FILE_ATTRIBUTE_ bits; INVALID_FILE_ATTRIBUTES on failure. A file that nobody may write (which
+/// binds the superuser too) or the caller may not is read-only; hidden is a mark of its own, not
+/// part of the name.
 DWORD fileAttributes(const char* path) noexcept;
 bool setFileAttributes(const char* path, DWORD attributes) noexcept;
 
@@ -48,7 +49,7 @@ bool createDirectory(const char* path) noexcept;
 /// file or the new one. The new file takes the target's mode and owner; a symbolic link is
 /// followed, not replaced. Refused with 5 when the target exists and could not be written.
 bool replaceFile(const char* temporary, const char* target) noexcept;
-/// False with 5 when `target` exists and the caller may not write it; asked before the temporary
+/// False with 5 when `target` exists and is read-only or no regular file; asked before the temporary
 /// file is made.
 bool mayReplaceFile(const char* target) noexcept;
 /// Flushes a stream's data to the disk, so that a following replaceFile() is safe against power

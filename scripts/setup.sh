@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that a step needs and that are missing: setup.sh build|test|bench|fuzz.
+# Each step includes the ones before it, except that bench and fuzz stand side by side.
+set -euo pipefail
+
+build=(g++ cmake ninja-build pkg-config libtiff-dev libpng-dev)
+test=("${build[@]}" libgtest-dev)
+bench=("${test[@]}" libbenchmark-dev libspdlog-dev libboost-dev)
+fuzz=("${test[@]}" clang libclang-rt-dev)
+
+step=${1:-build}
+case $step in
+  build | test | bench | fuzz) declare -n packages=$step ;;
+  *) echo "usage: setup.sh build|test|bench|fuzz" >&2; exit 2 ;;
+esac
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+    missing+=("$package")
+done
+[ ${#missing[@]} = 0 ] && exit 0
+
+become=()
+if [ "$(id -u)" != 0 ]; then
+  command -v sudo >/dev/null || { echo "setup.sh: please install: ${missing[*]}" >&2; exit 1; }
+  become=(sudo)
+fi
+echo "installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${become[@]}" apt-get update -qq
+"${become[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

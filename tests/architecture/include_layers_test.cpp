@@ -1,0 +1,122 @@
+// Holds the house to its floors: a file includes its own folder or lower floors only, and no file
+// outside the platform floor asks for the operating system.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path kRoot = QMUTILS_SOURCE_DIR;
+
+const std::map<std::string, int> kFloors = {
+    {"platform", 1}, {"foundation", 2}, {"windowing", 2}, {"concurrency", 3},
+    {"comms", 3},    {"data", 3},       {"config", 4},    {"transport", 4},
+    {"app", 5},      {"imager", 6},
+};
+
+// Folders of one floor do not know each other, with these exceptions.
+const std::set<std::pair<std::string, std::string>> kNeighbours = {
+    {"windowing/CString.h", "foundation/QMCString.h"},
+};
+
+struct Include {
+  fs::path file;  // relative to the root
+  std::string target;
+};
+
+std::vector<fs::path> sourcesUnder(const char* folder) {
+  std::vector<fs::path> files;
+  for (const auto& entry : fs::recursive_directory_iterator(kRoot / folder)) {
+    const std::string extension = entry.path().extension().string();
+    if (extension == ".h" || extension == ".cpp") files.push_back(entry.path());
+  }
+  return files;
+}
+
+std::vector<std::string> linesOf(const fs::path& file) {
+  std::ifstream in(file);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+std::vector<Include> includesOf(const fs::path& file) {
+  static const std::regex pattern("^\\s*#\\s*include\\s*\"([^\"]+)\"");
+  std::vector<Include> includes;
+  for (const std::string& line : linesOf(file)) {
+    std::smatch match;
+    if (std::regex_search(line, match, pattern)) {
+      includes.push_back({file.lexically_relative(kRoot), match[1]});
+    }
+  }
+  return includes;
+}
+
+/// The folder of a path below qmutils/; empty for any other path.
+std::string folderOf(const fs::path& path) {
+  auto part = path.begin();
+  if (part == path.end() || *part++ != "qmutils" || part == path.end()) return {};
+  return part->string();
+}
+
+TEST(Architecture, FilesIncludeOnlyTheirOwnFolderAndLowerFloors) {
+  int checked = 0;
+  for (const fs::path& file : sourcesUnder("qmutils")) {
+    const std::string own = folderOf(file.lexically_relative(kRoot));
+    ASSERT_TRUE(kFloors.contains(own)) << file << " stands on no floor";
+    for (const Include& include : includesOf(file)) {
+      const std::string target = folderOf(include.target);
+      ASSERT_TRUE(kFloors.contains(target))
+          << include.file << " includes \"" << include.target << "\": write the path from the root";
+      const bool neighbour = kNeighbours.contains(
+          {include.file.lexically_relative("qmutils").generic_string(),
+           fs::path(include.target).lexically_relative("qmutils").generic_string()});
+      EXPECT_TRUE(own == target || kFloors.at(target) < kFloors.at(own) || neighbour)
+          << include.file << " includes " << include.target << ", which is not below it";
+      const bool internal = include.target.starts_with("qmutils/platform/posix/") ||
+                            include.target.starts_with("qmutils/platform/win32/");
+      EXPECT_TRUE(!internal || own == "platform")
+          << include.file << " reaches into one system's half of the platform floor";
+      ++checked;
+    }
+  }
+  EXPECT_GT(checked, 100) << "the sources were not found";
+}
+
+TEST(Architecture, OnlyThePlatformFloorKnowsTheOperatingSystem) {
+  static const std::regex conditional(
+      "^\\s*#\\s*(if|ifdef|ifndef|elif).*(_WIN32|__linux__|__unix__|__APPLE__)");
+  static const std::regex systemHeader(
+      "^\\s*#\\s*include\\s*<(windows\\.h|unistd\\.h|sys/|pthread\\.h|fcntl\\.h|poll\\.h|signal\\.h)");
+  for (const char* folder : {"qmutils", "programs"}) {
+    for (const fs::path& file : sourcesUnder(folder)) {
+      if (folderOf(file.lexically_relative(kRoot)) == "platform") continue;
+      int number = 0;
+      for (const std::string& line : linesOf(file)) {
+        ++number;
+        EXPECT_FALSE(std::regex_search(line, conditional)) << file << ":" << number << ": " << line;
+        EXPECT_FALSE(std::regex_search(line, systemHeader)) << file << ":" << number << ": " << line;
+      }
+    }
+  }
+}
+
+TEST(Architecture, EverySystemHalfMirrorsThePlatformHeaders) {
+  // Each header of the platform floor is implemented by a source of the same name.
+  for (const fs::path& file : sourcesUnder("qmutils/platform")) {
+    if (file.extension() != ".h" || file.parent_path().filename() != "platform") continue;
+    const std::string name = file.stem().string();
+    if (name == "types" || name == "export" || name == "suspension_deferral") continue;
+    EXPECT_TRUE(fs::exists(kRoot / "qmutils/platform/posix" / (name + ".cpp"))) << name;
+  }
+}
+
+}  // namespace

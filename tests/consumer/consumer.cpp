@@ -1,0 +1,87 @@
+// Uses one piece of every public floor of the installed library, and fails when a header is missing,
+// a name is not exported, or a result is wrong.
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+
+#include "qmutils/app/CQMAppUtils.h"
+#include "qmutils/comms/QMCommMsgC.h"
+#include "qmutils/comms/QMMessageText.h"
+#include "qmutils/comms/SvComms.h"
+#include "qmutils/concurrency/QMCriticalSection.h"
+#include "qmutils/concurrency/QMEventC.h"
+#include "qmutils/concurrency/QMLockC.h"
+#include "qmutils/concurrency/QMThreadC.h"
+#include "qmutils/data/QMXmlC.h"
+#include "qmutils/foundation/QMErrorC.h"
+#include "qmutils/foundation/QMExceptionC.h"
+#include "qmutils/foundation/QMFileUtilsC.h"
+#include "qmutils/foundation/QMLogFileC.h"
+#include "qmutils/foundation/QMTextFile.h"
+#include "qmutils/foundation/QMTime.h"
+#include "qmutils/foundation/RealSecondsC.h"
+#include "qmutils/imager/CTPImagerUserC.h"
+#include "qmutils/windowing/CString.h"
+
+namespace {
+
+int failures = 0;
+
+void check(bool good, const char* what) {
+  if (good) return;
+  std::fprintf(stderr, "consumer: %s\n", what);
+  ++failures;
+}
+
+class CountingThread : public QMThreadC {
+ public:
+  CountingThread() : QMThreadC("counting", nullptr, INFINITE, 0) {}
+  ~CountingThread() override { stop(); }
+  QMErrors::QMErrorT run() override {
+    counted = 3;
+    return QMErrors::NoError;
+  }
+  int counted = 0;
+};
+
+class IdleImager : public CTPImagerUserC {
+ public:
+  IdleImager() : CTPImagerUserC("no such imager", nullptr) {}
+  QMErrors::QMErrorT HandleImagerMessage(QMErrors::QMMessagePacketT&) override {
+    return QMErrors::NoError;
+  }
+  void HandleImagerError(const char*) override {}
+};
+
+}  // namespace
+
+int main() {
+  check(std::strcmp(QMErrToStr(QMErrors::CommandTimedOut), "Command timed out: 2013") == 0,
+        "result texts");
+  QMErrorC::Stack("main", QMErrors::DiskWriteFailure, "test");
+  check(!QMErrorC::IsEmpty(), "error stack");
+  QMErrorC::ClearStack();
+
+  QMCriticalSectionC section;
+  QMCriticalSectionC::QMCriticalSectionUserC user(&section);
+  check(user.EnterCriticalSection("main", 0) == QMErrors::NoError, "critical section");
+  CountingThread thread;
+  check(thread.start() == QMErrors::NoError && thread.stop() == QMErrors::NoError, "threads");
+  check(thread.counted == 3, "thread body");
+
+  char text[64];
+  check(QMCreateMessage(3, 12, 7, -1, "go", "a.job", text, sizeof text) == QMErrors::NoError &&
+            std::strcmp(text, "3;12;7;-1;go;a.job") == 0,
+        "messages");
+  check(SvReceiveMessage(text, sizeof text, 0) == QMErrors::CommandAborted, "pool");
+
+  QMXmlC root("Root", 0, nullptr);
+  std::ostringstream xml;
+  xml << root;
+  check(xml.str() == "<Root />\r\n", "XML");
+  CString folder;
+  check(CQMAppUtils::GetModulePath(folder, true) == QMErrors::NoError, "module path");
+  IdleImager imager;
+  check(imager.StopImager() == QMErrors::NoError, "imager");
+  return failures == 0 ? 0 : 1;
+}

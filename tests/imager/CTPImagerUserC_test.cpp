@@ -1,0 +1,290 @@
+#include "qmutils/imager/CTPImagerUserC.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "qmutils/comms/SvComms.h"
+#include "qmutils/foundation/QMErrorC.h"
+#include "qmutils/platform/file.h"
+#include "qmutils/platform/prompt.h"
+#include "tests/support/FakeClock.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+using QMErrors::NoError;
+using namespace std::chrono_literals;
+
+/// Collects what the imager says.
+class TestImager : public CTPImagerUserC {
+ public:
+  explicit TestImager(const char* command = FAKE_IMAGER) : CTPImagerUserC(command, "press room") {}
+  ~TestImager() override { StopImager(); }
+
+  std::string awaitMessage(std::size_t index) {
+    std::unique_lock lock(mutex_);
+    news_.wait_for(lock, 30s, [&] { return messages_.size() > index; });
+    return messages_.size() > index ? messages_[index] : "nothing";
+  }
+  std::size_t messageCount() {
+    const std::lock_guard guard(mutex_);
+    return messages_.size();
+  }
+  std::atomic<int> deaths{0};
+
+  QMErrors::QMErrorT command(int code, const char* text) {
+    QMErrors::QMMessagePacketT packet;
+    packet.nType = 3;
+    packet.nCode = code;
+    packet.pString = const_cast<char*>(text);
+    return SendMessage(packet);
+  }
+
+ protected:
+  QMErrors::QMErrorT HandleImagerMessage(QMErrors::QMMessagePacketT& packet) override {
+    const std::lock_guard guard(mutex_);
+    messages_.push_back(std::to_string(packet.nType) + ":" + std::to_string(packet.nCode) + ":" +
+                        packet.pString);
+    news_.notify_all();
+    return NoError;
+  }
+  void HandleImagerError(const char*) override { ++deaths; }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable news_;
+  std::vector<std::string> messages_;
+};
+
+/// Moves a fake clock on until it is stopped.
+class RunningClock {
+ public:
+  RunningClock() {
+    thread_ = std::thread([this] {
+      while (!stop_) {
+        clock_.advanceMs(250);
+        std::this_thread::sleep_for(1ms);
+      }
+    });
+  }
+  ~RunningClock() {
+    stop_ = true;
+    thread_.join();
+  }
+
+ private:
+  qmtest::FakeClock clock_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+std::string stackText() {
+  const std::unique_ptr<char[]> text(QMErrorC::GetStack()->ToString(false, true));
+  return text == nullptr ? "" : text.get();
+}
+
+class CTPImagerUser : public testing::Test {
+ protected:
+  CTPImagerUser() {
+    setenv("QMUTILS_OBJECT_PREFIX", ("qmtest-imager-" + std::to_string(getpid())).c_str(), 1);
+    QMErrorC::ClearStack();
+  }
+  ~CTPImagerUser() override { qm::platform::setPromptHook(nullptr); }
+
+  static QMErrors::QMErrorT start(TestImager& imager, const char* profile) {
+    CTPImagerUserC::ImagerStartDataC data("first", profile, 11, 12, 0);
+    return imager.StartImager(data);
+  }
+
+  qmtest::LogCapture log_;
+};
+
+TEST_F(CTPImagerUser, StartsTalksAndStops) {
+  TestImager imager;
+  EXPECT_EQ(imager.StopImager(), NoError) << "nothing to stop";
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_EQ(start(imager, "normal"), NoError) << stackText();
+    EXPECT_TRUE(log_.contains(std::string(" INFO: CTPImagerUserC::StartImager(): About to launch "
+                                          "process: ") +
+                              FAKE_IMAGER + " -pid 11 -id 12 -nip -pr \"normal\"\n"));
+    log_.clear();
+    EXPECT_EQ(start(imager, "normal"), NoError) << "a second start finds the imager";
+    EXPECT_FALSE(log_.contains("About to launch"));
+    const std::size_t first = round * 3u;
+    EXPECT_EQ(imager.awaitMessage(first), "7:194:press room");
+    EXPECT_EQ(imager.command(97, "text"), NoError);
+    EXPECT_EQ(imager.awaitMessage(first + 1), "7:97:text");
+    EXPECT_EQ(imager.ReplyCopyInfo(12, 3, 5), NoError);
+    EXPECT_EQ(imager.awaitMessage(first + 2), "7:144:12/17") << "the separator parts the text";
+    EXPECT_EQ(imager.command(97, std::string(300, 'x').c_str()), QMErrors::BufferHasOverflowed);
+    EXPECT_EQ(imager.StopImager(), NoError);
+    EXPECT_TRUE(log_.contains(" INFO: CTPImagerUserC::StopImager(): Imager Thread signalled so "
+                              "process has died\n"));
+    EXPECT_EQ(imager.messageCount(), first + 3) << "late progress and errors are dropped";
+  }
+  EXPECT_EQ(imager.GetCommsParentID(), 11);
+  EXPECT_EQ(imager.GetChildCommsID(), 12);
+  EXPECT_EQ(imager.deaths, 0);
+  EXPECT_TRUE(QMErrorC::IsEmpty()) << stackText();
+}
+
+TEST_F(CTPImagerUser, ACommandThatIsNoProgramIsReported) {
+  TestImager imager("no/such/imager");
+  EXPECT_EQ(start(imager, "normal"), QMErrors::ErrorUnableToCreateProcess);
+  const std::string story = stackText();
+  EXPECT_NE(story.find("Error Unable To Create Process: 2039, in FUNCTION: "), std::string::npos);
+  EXPECT_NE(story.find(" REASON: While creating process: Error: 2 (0x2) "), std::string::npos);
+  char text[16];
+  EXPECT_EQ(SvReceiveMessage(text, sizeof text, 0), QMErrors::CommandAborted) << "pool not left";
+}
+
+TEST_F(CTPImagerUser, AnImagerThatDiesAtItsStartIsReportedOnce) {
+  TestImager imager;
+  EXPECT_EQ(start(imager, "dead"), QMErrors::ImagerHasDied);
+  EXPECT_EQ(imager.deaths, 1);
+  EXPECT_TRUE(imager.HasImagerDied());
+  const std::string story = stackText();
+  EXPECT_NE(story.find("The process has died: 2999"), std::string::npos) << story;
+  EXPECT_NE(story.find("REASON: While waiting for imager to start"), std::string::npos) << story;
+  EXPECT_EQ(imager.StopImager(), NoError);
+  EXPECT_EQ(start(imager, "normal"), NoError);
+}
+
+double processorSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
+}
+
+TEST_F(CTPImagerUser, AnImagerKilledWhileRunningIsReportedOnceAndNothingSpins) {
+  TestImager imager;
+  ASSERT_EQ(start(imager, "normal"), NoError);
+  EXPECT_EQ(imager.command(98, ""), NoError);
+  for (int i = 0; i < 30000 && imager.deaths == 0; ++i) std::this_thread::sleep_for(1ms);
+  EXPECT_EQ(imager.deaths, 1);
+  const double before = processorSeconds();
+  std::this_thread::sleep_for(300ms);
+  EXPECT_LT(processorSeconds() - before, 0.2);
+  EXPECT_EQ(imager.deaths, 1);
+  EXPECT_TRUE(log_.contains(std::string(" ERROR: CTPImagerUser::run(): ") + FAKE_IMAGER));
+  EXPECT_EQ(start(imager, "normal"), NoError) << "as long as the dead imager is held";
+  EXPECT_TRUE(imager.HasImagerDied());
+  EXPECT_EQ(imager.StopImager(), NoError);
+  ASSERT_EQ(start(imager, "normal"), NoError);
+  EXPECT_FALSE(imager.HasImagerDied());
+  EXPECT_EQ(imager.command(97, "alive"), NoError);
+}
+
+TEST_F(CTPImagerUser, AnImagerThatNeverReportsIsStoppedAfterAMinute) {
+  TestImager imager;
+  {
+    RunningClock clock;
+    EXPECT_EQ(start(imager, "silent"), QMErrors::CommandTimedOut);
+  }
+  EXPECT_NE(stackText().find("REASON: While waiting for imager to start"), std::string::npos);
+  EXPECT_EQ(imager.deaths, 0);
+  EXPECT_EQ(start(imager, "normal"), NoError);
+}
+
+std::vector<std::string> questions;
+
+TEST_F(CTPImagerUser, TheOperatorDecidesAboutAnImagerThatDoesNotStop) {
+  questions.clear();
+  qm::platform::setPromptHook([](const char* text, const char*, UINT style) -> int {
+    EXPECT_EQ(style, UINT{MB_TASKMODAL | MB_YESNO | MB_ICONWARNING});
+    questions.push_back(text);
+    return questions.size() == 1 ? IDYES : IDNO;
+  });
+  TestImager imager;
+  ASSERT_EQ(start(imager, "deaf"), NoError);
+  {
+    RunningClock clock;
+    EXPECT_EQ(imager.StopImager(), QMErrors::CommandTimedOut);
+  }
+  ASSERT_EQ(questions.size(), 2u);
+  EXPECT_EQ(questions[0], std::string("The program ") + FAKE_IMAGER +
+                              " did not die in time. It could be it is waiting for user input, do "
+                              "you want to continue waiting for the program " +
+                              FAKE_IMAGER +
+                              " to end?\n \nBy clicking No, an attempt will be made to kill the "
+                              "process.");
+  EXPECT_NE(stackText().find("REASON: timed out waiting for imager to die"), std::string::npos);
+  EXPECT_EQ(imager.deaths, 0);
+  EXPECT_EQ(start(imager, "normal"), NoError);
+}
+
+TEST_F(CTPImagerUser, HandsAnExposureOver) {
+  TestImager imager;
+  ASSERT_EQ(start(imager, "normal"), NoError);
+  EXPECT_EQ(imager.awaitMessage(0), "7:194:press room");
+  std::ostringstream job;
+  std::ostringstream icf;
+  ASSERT_EQ(imager.StartExpose(ICFC::ExposeInfoC("/jobs/page 1.tif", 17), job, icf), NoError)
+      << stackText();
+  EXPECT_EQ(imager.awaitMessage(1), "7:29:-jobid 17 -fl \"/jobs/page 1.tif\"");
+  const std::string line = job.str();
+  const std::string beginning = "-jobid 17 -fl \"/jobs/page 1.tif\" -pr \"";
+  ASSERT_TRUE(line.starts_with(beginning)) << line;
+  ASSERT_TRUE(line.ends_with("\"\n")) << line;
+  const std::string icfPath =
+      line.substr(beginning.size(), line.size() - beginning.size() - 2);
+  EXPECT_NE(icfPath.find("\\Image Control\\job17_"), std::string::npos) << icfPath;
+  std::ifstream file(qm::platform::nativePath(icfPath.c_str()), std::ios::binary);
+  const std::string content{std::istreambuf_iterator<char>(file), {}};
+  EXPECT_EQ(content,
+            "<ImageControl Version = \"1\" >\r\n"
+            " <Job Number = \"17\" File = \"/jobs/page 1.tif\"  />\r\n"
+            " <Profile Name = \"normal\"  />\r\n"
+            "</ImageControl >\r\n");
+  EXPECT_EQ(icf.str(), content);
+  qm::platform::deleteFile(icfPath.c_str());
+
+  // What cannot be described leaves no files.
+  const auto folder = std::filesystem::path(qm::platform::nativePath(icfPath.c_str())).parent_path();
+  const auto count = [&] {
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+  };
+  const auto before = count();
+  EXPECT_EQ(imager.StartExpose(ICFC::ExposeInfoC("a\"b.tif", 18), job, icf),
+            QMErrors::BadMissingMalformedICFFile);
+  EXPECT_NE(stackText().find("REASON: From icf.Save()"), std::string::npos);
+  EXPECT_EQ(count(), before);
+}
+
+TEST(ICFC, ProfilesAreANameAndSettings) {
+  const auto document = [](const char* profile, QMErrors::QMErrorT expected) {
+    QMXmlC root(ICFC::kRootName, 0, nullptr);
+    EXPECT_EQ(ICFC(profile).ToXML(root, ICFC::ExposeInfoC("p", 1)), expected) << profile;
+    std::ostringstream text;
+    root.ToStream(text, 0);
+    const std::string all = text.str();
+    const std::size_t start = all.find("<Profile");
+    if (start == std::string::npos) return std::string();
+    return all.substr(start, all.find("/>", start) - start);
+  };
+  EXPECT_EQ(document("", NoError), "<Profile Name = \"\"  ");
+  EXPECT_EQ(document(nullptr, NoError), "<Profile Name = \"\"  ");
+  EXPECT_EQ(document(" Fine ; A=1 ;; B = x=y ;", NoError),
+            "<Profile Name = \"Fine\" A = \"1\" B = \"x=y\"  ");
+  document("x;no setting", QMErrors::BadMissingMalformedICFFile);
+  document("x;=1", QMErrors::BadMissingMalformedICFFile);
+  document("x;<a>=1", QMErrors::BadMissingMalformedICFFile);
+  document("x;a=\"", QMErrors::BadMissingMalformedICFFile);
+}
+
+}  // namespace

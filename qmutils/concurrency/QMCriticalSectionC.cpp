@@ -15,6 +15,9 @@ using namespace qm::platform;
 
 namespace {
 
+constexpr std::uint32_t kTaken = 1;
+constexpr std::uint32_t kOneWaiter = 2;
+
 constexpr unsigned kNoTag = ~0u;
 constexpr unsigned kMaximumLocks = 0xFFFFFFFFu;
 constexpr const char* kUnknown = "unknown";
@@ -80,11 +83,13 @@ QMErrors::QMErrorT QMCriticalSectionC::EnterCriticalSection(const char* locker, 
   const DWORD self = currentThreadId();
   // Only the owner ever stores its own identifier, so this read needs no lock.
   if (m_dwCurrentOwnerTID.load(std::memory_order_relaxed) != self) {
-    LONG free = 0;
-    if (!m_lSectionLock.compare_exchange_strong(free, 1, std::memory_order_acquire,
+    std::uint32_t free = 0;
+    if (!m_lSectionLock.compare_exchange_strong(free, kTaken, std::memory_order_acquire,
                                                 std::memory_order_relaxed)) {
+      m_lSectionLock.fetch_add(kOneWaiter, std::memory_order_relaxed);
       const QMErrors::QMErrorT result =
           WaitForSection(locker, killEvent, timeoutMs, reportTimeout, self);
+      m_lSectionLock.fetch_sub(kOneWaiter, std::memory_order_relaxed);
       if (result != QMErrors::NoError) return result;
     }
   }
@@ -108,14 +113,26 @@ QMErrors::QMErrorT QMCriticalSectionC::EnterCriticalSection(const char* locker, 
   return QMErrors::NoError;
 }
 
-/// Waits until the section could be taken; it is then held, without owner yet.
+bool QMCriticalSectionC::TryTake() {
+  std::uint32_t seen = m_lSectionLock.load(std::memory_order_relaxed);
+  while ((seen & kTaken) == 0) {
+    if (m_lSectionLock.compare_exchange_weak(seen, seen | kTaken, std::memory_order_acquire,
+                                             std::memory_order_relaxed)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// Waits until the section could be taken; it is then held, without owner yet. The caller counts as
+/// a waiter, so whoever leaves from now on posts a wake-up.
 QMErrors::QMErrorT QMCriticalSectionC::WaitForSection(const char* locker, void* killEvent,
                                                       DWORD timeoutMs, int reportTimeout,
                                                       DWORD self) {
   const HANDLE handles[] = {m_hSemaphore, killEvent};
   const std::size_t handleCount = killEvent != nullptr ? 2 : 1;
   const Deadline deadline = Deadline::after(timeoutMs);
-  for (;;) {
+  while (!TryTake() && GetOwnerTID() != self) {
     switch (waitAnyUntil(handles, handleCount, deadline)) {
       case WAIT_OBJECT_0:
         break;
@@ -136,13 +153,8 @@ QMErrors::QMErrorT QMCriticalSectionC::WaitForSection(const char* locker, void* 
         sleep(1, false);
         break;
     }
-    LONG free = 0;
-    if (m_lSectionLock.compare_exchange_strong(free, 1, std::memory_order_acquire,
-                                               std::memory_order_relaxed) ||
-        GetOwnerTID() == self) {
-      return QMErrors::NoError;
-    }
   }
+  return QMErrors::NoError;
 }
 
 QMErrors::QMErrorT QMCriticalSectionC::LeaveCriticalSection(const char* locker,
@@ -168,21 +180,28 @@ QMErrors::QMErrorT QMCriticalSectionC::LeaveCriticalSection(const char* locker,
                 GetSafeOwnerName());
     return QMErrors::e_CriticalSection_TooManyUnlocks;
   }
-  m_nLockCount.store(count - 1, std::memory_order_relaxed);
   if (lockCountOut != nullptr) *lockCountOut = count - 1;
-  return count > 1 ? QMErrors::NoError : MarkFree();
+  return SetLockCount(count - 1);
+}
+
+/// By the owner, after leaving once or several times.
+QMErrors::QMErrorT QMCriticalSectionC::SetLockCount(unsigned count) {
+  m_nLockCount.store(count, std::memory_order_relaxed);
+  return count > 0 ? QMErrors::NoError : MarkFree();
 }
 
 /// The final leave. The semaphore holds at most one wake-up: a woken waiter competes again.
 QMErrors::QMErrorT QMCriticalSectionC::MarkFree() {
   QMErrors::QMErrorT result = QMErrors::NoError;
   m_dwCurrentOwnerTID.store(0, std::memory_order_relaxed);
-  LONG taken = 1;
-  if (!m_lSectionLock.compare_exchange_strong(taken, 0, std::memory_order_release,
-                                              std::memory_order_relaxed)) {
+  std::uint32_t waiters = m_lSectionLock.load(std::memory_order_relaxed);
+  if ((waiters & kTaken) != 0) {
+    waiters = m_lSectionLock.fetch_sub(kTaken, std::memory_order_release) - kTaken;
+  } else {
     ReportError("QMCriticalSectionC::LeaveCriticalSection(): failed releasing m_lSectionLock: ");
     result = QMErrors::e_CriticalSection_SectionLockReleaseFailed;
   }
+  if (waiters == 0) return result;
   if (!releaseSemaphore(m_hSemaphore, 1, nullptr) && lastError() != ERROR_TOO_MANY_POSTS) {
     ReportError("QMCriticalSectionC::LeaveCriticalSection(): failed releasing m_hSemaphore: ",
                 QMErrToStr(QMErrors::lastOsError()));
@@ -271,6 +290,14 @@ QMErrors::QMErrorT QMCriticalSectionC::QMCriticalSectionUserC::LeaveCriticalSect
 /// Undoes this scope's entries, those nested in them by the same thread, and its own probing enter.
 QMErrors::QMErrorT QMCriticalSectionC::QMCriticalSectionUserC::RollbackLockCount() {
   if (m_pSection == nullptr) return QMErrors::e_CriticalSectionUser_InvalidSection;
+  if (m_nFirstLockCount != 0 && m_pSection->GetOwnerTID() == currentThreadId() &&
+      m_nFirstLockCount <= m_pSection->GetLockCount()) {
+    // The usual end of a scope: what the steps below would come to.
+    m_pSection->m_pOwnerName.store(kRollback, std::memory_order_relaxed);
+    const QMErrors::QMErrorT left = m_pSection->SetLockCount(m_nFirstLockCount - 1);
+    if (left != QMErrors::NoError) m_pSection->ReportError(kRollback, "failed");
+    return left;
+  }
   const QMErrors::QMErrorT entered =
       m_pSection->EnterCriticalSection(kRollback, nullptr, 0, 1, kNoTag);
   if (entered == QMErrors::e_CriticalSection_TimeOut) return QMErrors::NoError;

@@ -5,12 +5,13 @@
 //   if (user.EnterCriticalSection("JobListC::Add(): ", 60000) == QMErrors::NoError) { ... }
 //   // the user's destructor leaves as often as the scope entered
 //
-// Entering and leaving a free section costs three atomic operations; the clock is read only when a
+// Entering and leaving a free section costs two atomic operations; the clock is read only when a
 // wait is needed. What a thread wrote before leaving is visible to the next thread that enters.
 // Nothing throws. Destroying a held section is reported and allowed.
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <iosfwd>
 
 #include "qmutils/foundation/QMErrors.h"
@@ -72,9 +73,10 @@ class QMUTILS_API QMCriticalSectionC {
   /// 0x5011 or 0x5012 when the section was left but could not be marked free.
   QMErrors::QMErrorT LeaveCriticalSection(const char* locker, unsigned* lockCountOut, unsigned tag);
 
+  bool TryTake();
   QMErrors::QMErrorT WaitForSection(const char* locker, void* killEvent, DWORD timeoutMs,
                                     int reportTimeout, DWORD self);
-  QMErrors::QMErrorT ReportLeaveByNonOwner();
+  QMErrors::QMErrorT SetLockCount(unsigned count);
   QMErrors::QMErrorT MarkFree();
 
   void LogError(QMstrstream& message);
@@ -85,8 +87,9 @@ class QMUTILS_API QMCriticalSectionC {
   template <class... Parts>
   void ReportWarning(const Parts&... parts);
 
-  std::atomic<LONG> m_lSectionLock{0};  // 0 free, 1 taken
-  void* m_hSemaphore;                   // a wake-up: the section may have become free
+  // Bit 0: taken. Above it the number of waiting threads, so that leaving knows whether to wake.
+  std::atomic<std::uint32_t> m_lSectionLock{0};
+  void* m_hSemaphore;  // a wake-up: the section may have become free
   // Written by the owner only; atomic because others read them for reports.
   std::atomic<DWORD> m_dwCurrentOwnerTID{0};
   std::atomic<DWORD> m_dwLastOwnerTID{0};

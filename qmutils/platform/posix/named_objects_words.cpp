@@ -22,7 +22,7 @@ void sharedWait(const SharedWord& word, std::uint32_t expected, DWORD longestMs)
                       static_cast<long>(std::min(longestMs, longest)) * kNanosecondsPerMillisecond};
   // FUTEX_WAIT measures its relative time on the monotonic clock. Whatever the result, the caller
   // looks at its condition again.
-  syscall(SYS_futex, &word, FUTEX_WAIT, expected, longestMs >= 100 ? nullptr : &time, nullptr, 0);
+  syscall(SYS_futex, &word, FUTEX_WAIT, expected, &time, nullptr, 0);
 }
 
 void sharedWake(const SharedWord& word, int count) noexcept {

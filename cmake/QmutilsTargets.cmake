@@ -25,6 +25,11 @@ if(QMUTILS_SANITIZE)
     -fsanitize=${QMUTILS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(qmutils_flags INTERFACE -fsanitize=${QMUTILS_SANITIZE})
 endif()
+if(QMUTILS_BUILD_FUZZ)
+  # Coverage of everything guides the fuzzers; only they link libFuzzer's main().
+  target_compile_options(qmutils_flags INTERFACE -fsanitize=fuzzer-no-link)
+  target_link_options(qmutils_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # qmutils_add_tests(<name>): one test program from all *_test.cpp of the current folder. It links
 # the library's objects, hidden names included.

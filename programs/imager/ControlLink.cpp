@@ -4,7 +4,6 @@
 #include "qmutils/comms/QMMessageText.h"
 #include "qmutils/comms/SvComms.h"
 #include "qmutils/foundation/LogLine.h"
-#include "qmutils/foundation/QMFileUtilsC.h"
 
 namespace programs {
 namespace {
@@ -56,7 +55,8 @@ void ControlLink::reportProgress(int code, unsigned job, const std::string& text
                                  const std::string& qualifier) const {
   // A control program that does not keep up loses some of the intermediate reports, no more.
   if (code == kProgressLines && SvIsOverloaded() != 0) return;
-  send(qm::imager::kTypeProgress, code, static_cast<int>(job), plain(text), plain(qualifier));
+  send(qm::imager::kTypeProgress, code, static_cast<int>(job), shortened(plain(text)),
+       shortened(plain(qualifier)));
 }
 
 void ControlLink::reportFailure(unsigned job, const Failure& failure) const {

@@ -8,7 +8,8 @@ namespace programs {
 namespace {
 
 constexpr double kDefaultResolutionDpi = 1200;
-constexpr double kSameResolution = 0.01;  // pages round their resolution
+constexpr double kSameResolution = 0.01;   // pages round their resolution
+constexpr unsigned kMostPixels = 1000000;  // a picture holds no more along one side
 
 unsigned toPixels(double mm, double dpi) {
   return static_cast<unsigned>(std::lround(mm * dpi / 25.4));
@@ -57,6 +58,10 @@ Failure Drum::layOut(const DrumSettings& settings, unsigned pageWidth, unsigned 
   }
   width_ = std::max(1u, toPixels(settings.widthMm, resolution_));
   height_ = std::max(1u, toPixels(settings.heightMm, resolution_));
+  if (width_ > kMostPixels || height_ > kMostPixels) {
+    return {QMErrors::ResolutionOutsideValidRange,
+            "the drum is too large for " + std::to_string(std::lround(resolution_)) + " dpi", ""};
+  }
   pageHeight_ = pageHeight;
   if (!place(settings.leftMm, resolution_, width_, pageWidth, left_) ||
       !place(settings.topMm, resolution_, height_, pageHeight, top_)) {

@@ -1,5 +1,7 @@
 #include "programs/imager/ExposerC.h"
 
+#include <new>
+
 #include "programs/Protocol.h"
 #include "programs/imager/Exposure.h"
 #include "qmutils/foundation/LogLine.h"
@@ -26,11 +28,6 @@ void ExposerC::finish() {
   (void)stop();
 }
 
-bool ExposerC::stopping() {
-  const std::lock_guard guard(mutex_);
-  return finishing_;
-}
-
 bool ExposerC::takeJob(std::string& jobFile) {
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [this] { return finishing_ || !jobs_.empty(); });
@@ -43,36 +40,52 @@ bool ExposerC::takeJob(std::string& jobFile) {
 QMErrors::QMErrorT ExposerC::run() {
   std::string jobFile;
   while (takeJob(jobFile)) exposeJob(jobFile);
+  dropJobs();
   return QMErrors::NoError;
+}
+
+/// Reading a job deletes its files, which nobody else does.
+void ExposerC::dropJobs() {
+  const std::lock_guard guard(mutex_);
+  for (const std::string& jobFile : jobs_) {
+    JobDescription job;
+    (void)readJob(jobFile, job);
+    qm::logInfo(1, "ExposerC::dropJobs(): ", "job ", job.number, " is not exposed");
+  }
+  jobs_.clear();
 }
 
 void ExposerC::exposeJob(const std::string& jobFile) {
   JobDescription job;
-  Failure failure = readJob(jobFile, job);
-  if (failure) {
-    link_.reportFailure(job.number, failure);
-    return;
-  }
-  qm::logInfo(1, "ExposerC::exposeJob(): ", "job ", job.number, ": ", job.page);
-  link_.reportProgress(kProgressStarted, job.number,
-                       job.page.substr(job.page.find_last_of("\\/") + 1), "");
-  unsigned reported = 0;
-  const auto report = [&](unsigned done, unsigned total) {
-    const unsigned hundredth = done * 100ull / total;
-    if (hundredth != reported) {
-      reported = hundredth;
-      link_.reportProgress(kProgressLines, job.number, std::to_string(done),
-                           std::to_string(total));
-    }
-    return done % 64 != 0 || !stopping();
-  };
   std::string picture;
-  failure = exposePage(job, report, picture);
+  Failure failure = readJob(jobFile, job);
+  try {
+    if (!failure) failure = exposeOnDrum(job, picture);
+  } catch (const std::bad_alloc&) {
+    failure = {QMErrors::MemoryAllocationFailed, "no memory for the page", job.page};
+  }
   if (failure) {
     link_.reportFailure(job.number, failure);
   } else {
     link_.reportProgress(kProgressDone, job.number, picture, "");
   }
+}
+
+Failure ExposerC::exposeOnDrum(const JobDescription& job, std::string& picture) {
+  qm::logInfo(1, "ExposerC::exposeOnDrum(): ", "job ", job.number, ": ", job.page);
+  link_.reportProgress(kProgressStarted, job.number,
+                       job.page.substr(job.page.find_last_of("\\/") + 1), "");
+  unsigned reported = 0;
+  const auto report = [&](unsigned done, unsigned total) {
+    const auto hundredth = static_cast<unsigned>(done * 100ull / total);
+    if (hundredth != reported) {
+      reported = hundredth;
+      link_.reportProgress(kProgressLines, job.number, std::to_string(done),
+                           std::to_string(total));
+    }
+    return !finishing_;
+  };
+  return exposePage(job, report, picture);
 }
 
 }  // namespace programs

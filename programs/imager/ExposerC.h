@@ -1,7 +1,8 @@
 // The thread that exposes: takes jobs in the order they came, one at a time, so that the imager
-// answers messages meanwhile. Stopping it stops the job on the drum and drops the rest.
+// answers messages meanwhile. Finishing it stops the job on the drum and drops the rest.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -26,13 +27,14 @@ class ExposerC : public QMThreadC {
   QMErrors::QMErrorT run() override;
   bool takeJob(std::string& jobFile);
   void exposeJob(const std::string& jobFile);
-  bool stopping();
+  Failure exposeOnDrum(const JobDescription& job, std::string& picture);
+  void dropJobs();
 
   const ControlLink& link_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<std::string> jobs_;
-  bool finishing_ = false;
+  std::atomic<bool> finishing_{false};  // set under the mutex, so that no wake-up is lost
 };
 
 }  // namespace programs

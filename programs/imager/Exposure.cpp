@@ -1,5 +1,6 @@
 #include "programs/imager/Exposure.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -12,28 +13,34 @@
 namespace programs {
 namespace {
 
-/// Keeps the drum at the speed asked for. Short rests keep a stop from waiting.
+/// Keeps the drum at the speed asked for. It rests every 50 ms, or after each line when they take
+/// longer, so that a stop never waits for more than a line.
 class Pace {
  public:
-  explicit Pace(unsigned linesPerSecond) : linesPerSecond_(linesPerSecond) {}
+  explicit Pace(unsigned linesPerSecond)
+      : linesPerSecond_(linesPerSecond), linesPerRest_(std::max(1u, linesPerSecond / 20)) {}
 
   void keep(unsigned line) const {
-    if (linesPerSecond_ == 0 || line % kLinesPerRest != 0) return;
+    if (linesPerSecond_ == 0 || line % linesPerRest_ != 0) return;
     std::this_thread::sleep_until(start_ + std::chrono::microseconds(std::int64_t{line} * 1'000'000 /
                                                                      linesPerSecond_));
   }
 
  private:
-  static constexpr unsigned kLinesPerRest = 64;
   const unsigned linesPerSecond_;
+  const unsigned linesPerRest_;
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
+constexpr std::size_t kLongestPageName = 80;  // the picture's name is sent in a message
+
 /// "page1-17" for job 17 of /jobs/page1.tif.
 std::string pictureName(const JobDescription& job) {
-  QMCString name;
-  QMFileUtilsC::SplitPath(QMCString(job.page.c_str()), nullptr, nullptr, &name, nullptr);
-  return std::string(name.view()) + "-" + std::to_string(job.number);
+  QMCString page;
+  QMFileUtilsC::SplitPath(QMCString(job.page.c_str()), nullptr, nullptr, &page, nullptr);
+  std::string name(page.view().substr(0, kLongestPageName));
+  std::replace(name.begin(), name.end(), ';', '_');  // parts the fields of a message
+  return name + "-" + std::to_string(job.number);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #include "programs/imager/JobDescription.h"
 
 #include <charconv>
-#include <fstream>
+#include <cmath>
 #include <variant>
 #include <vector>
 
@@ -40,7 +40,9 @@ bool parse(const char* text, Number& number) {
   const char* const end = text + std::char_traits<char>::length(text);
   Number value{};
   const auto [rest, error] = std::from_chars(text, end, value);
-  if (error != std::errc() || rest != end) return false;
+  if (error != std::errc() || rest != end || !std::isfinite(static_cast<double>(value))) {
+    return false;
+  }
   number = value;
   return true;
 }
@@ -77,11 +79,19 @@ bool apply(const Setting& setting, const char* value, DrumSettings& drum) {
   return std::visit([&](auto member) { return parse(value, drum.*member); }, setting.member);
 }
 
+/// Whether the drum can be laid out at all; what fits on it is seen with the page.
+bool isSound(const DrumSettings& drum) {
+  constexpr double kMostMm = 10000;
+  return drum.widthMm > 0 && drum.widthMm < kMostMm && drum.heightMm > 0 &&
+         drum.heightMm < kMostMm && drum.leftMm < kMostMm && drum.topMm < kMostMm &&
+         drum.resolutionDpi >= 0 && drum.resolutionDpi <= 25400;
+}
+
 bool readLine(const std::string& path, std::string& line) {
   int unicode = 0;
   std::FILE* file = FOpen(path.c_str(), "r", &unicode);
   if (file == nullptr) return false;
-  char text[2048] = "";
+  char text[16384] = "";  // two paths of the greatest length
   const bool read = FGets(text, sizeof text, file, unicode) != nullptr;
   std::fclose(file);
   line = text;
@@ -125,12 +135,8 @@ Failure readImageControl(const std::string& path, JobDescription& job) {
     }
   }
   if (const char* folder = profile->GetProperty("OutputFolder")) job.outputFolder = folder;
-  if (!(job.drum.widthMm > 0 && job.drum.widthMm < 10000 && job.drum.heightMm > 0 &&
-        job.drum.heightMm < 10000 && job.drum.resolutionDpi >= 0 &&
-        job.drum.resolutionDpi <= 25400)) {
-    return malformed("the drum's size or resolution is out of range");
-  }
-  return {};
+  return isSound(job.drum) ? Failure{}
+                           : malformed("the drum's size, place or resolution is out of range");
 }
 
 Failure readJob(const std::string& jobFile, JobDescription& job) {

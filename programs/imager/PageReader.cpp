@@ -3,16 +3,28 @@
 #include <tiffio.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <memory>
 
 #include "qmutils/foundation/QMFileUtilsC.h"
+#include "qmutils/foundation/QMTextFile.h"
+#include "qmutils/platform/file.h"
 
 namespace programs {
 namespace {
 
-/// The decoder's messages belong into our reports, not on standard error. One page is read at a
-/// time.
+/// The decoder's messages belong into our reports, not on standard error.
 thread_local std::string* complaintTarget = nullptr;
+
+/// Collects them while the object lives.
+class Complaints {
+ public:
+  explicit Complaints(std::string& target) { complaintTarget = &target; }
+  ~Complaints() { complaintTarget = nullptr; }
+  Complaints(const Complaints&) = delete;
+  Complaints& operator=(const Complaints&) = delete;
+};
 
 void keepComplaint(const char*, const char* format, va_list arguments) {
   if (complaintTarget == nullptr) return;
@@ -23,7 +35,9 @@ void keepComplaint(const char*, const char* format, va_list arguments) {
 
 void ignoreWarning(const char*, const char*, va_list) {}
 
-constexpr std::uint32_t kMostPixels = 1u << 20;  // a metre at 25,400 dpi
+constexpr std::uint32_t kMostPixels = 1u << 20;             // a metre at 25,400 dpi
+constexpr std::uint64_t kMostTileRowBytes = 512ull << 20;  // a damaged file may claim anything
+constexpr double kSameResolution = 0.01;                   // files round it
 
 }  // namespace
 
@@ -38,16 +52,17 @@ void PageReader::Closer::operator()(tiff* handle) const { TIFFClose(handle); }
 
 Failure PageReader::open(const std::string& path) {
   path_ = path;
-  complaintTarget = &complaint_;
   if (QMFileUtilsC::FileExists(path.c_str()) == 0) {
     return {QMErrors::UnableToFindFile, "no such page", path};
   }
+  // Folders and files that may not be read are told apart from damaged ones.
+  if (qm::platform::FilePtr(FOpen(path.c_str(), "rb", nullptr)) == nullptr) {
+    return {QMErrors::FailedToOpenFile, "the page cannot be opened", path};
+  }
+  const Complaints complaints(complaint_);
   // Mapping the file would turn one that shrinks meanwhile into a crash.
-  tiff_.reset(TIFFOpen(path.c_str(), "rm"));
-  if (tiff_ == nullptr) return {QMErrors::BadTiffFile, complaint_, path};
-  Failure failure = readHeader();
-  complaintTarget = nullptr;
-  return failure;
+  tiff_.reset(TIFFOpen(qm::platform::nativePath(path.c_str()).c_str(), "rm"));
+  return tiff_ != nullptr ? readHeader() : Failure{QMErrors::BadTiffFile, complaint_, path};
 }
 
 Failure PageReader::readHeader() {
@@ -70,25 +85,38 @@ Failure PageReader::readHeader() {
     return {QMErrors::ImageIsTooBigToFitOnThePlate, "the page is larger than any drum", path_};
   }
   zeroBurns_ = photometric == PHOTOMETRIC_MINISBLACK;
-  if (TIFFIsTiled(tiff) != 0) {
-    TIFFGetField(tiff, TIFFTAG_TILEWIDTH, &tileWidth_);
-    TIFFGetField(tiff, TIFFTAG_TILELENGTH, &tileHeight_);
-    if (tileWidth_ == 0 || tileHeight_ == 0 || tileWidth_ > kMostPixels ||
-        tileHeight_ > kMostPixels || tileWidth_ % 8 != 0) {
-      return {QMErrors::BadTiffFile, "the page's tiles have no usable size", path_};
-    }
+  Failure failure = readTileSize();
+  return failure ? failure : readResolution();
+}
+
+Failure PageReader::readTileSize() {
+  if (TIFFIsTiled(tiff_.get()) == 0) return {};
+  TIFFGetField(tiff_.get(), TIFFTAG_TILEWIDTH, &tileWidth_);
+  TIFFGetField(tiff_.get(), TIFFTAG_TILELENGTH, &tileHeight_);
+  const std::uint64_t rowBytes =
+      (std::uint64_t{std::max(width_, tileWidth_)} + 7) / 8 * tileHeight_;
+  if (tileWidth_ == 0 || tileHeight_ == 0 || tileWidth_ % 8 != 0 || rowBytes > kMostTileRowBytes) {
+    return {QMErrors::BadTiffFile, "the page's tiles have no usable size", path_};
   }
-  readResolution();
   return {};
 }
 
-void PageReader::readResolution() {
+Failure PageReader::readResolution() {
   float x = 0;
+  float y = 0;
   std::uint16_t unit = RESUNIT_INCH;
   TIFFGetFieldDefaulted(tiff_.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
-  if (TIFFGetField(tiff_.get(), TIFFTAG_XRESOLUTION, &x) == 0 || !(x > 0)) return;
+  if (TIFFGetField(tiff_.get(), TIFFTAG_XRESOLUTION, &x) == 0 || !(x > 0) || !std::isfinite(x)) {
+    return {};
+  }
+  if (TIFFGetField(tiff_.get(), TIFFTAG_YRESOLUTION, &y) != 0 && y > 0 &&
+      std::abs(y / x - 1) > kSameResolution) {
+    return {QMErrors::ResolutionOutsideValidRange,
+            "the page's resolution is not the same along and across", path_};
+  }
   if (unit == RESUNIT_INCH) resolution_ = x;
   if (unit == RESUNIT_CENTIMETER) resolution_ = x * 2.54;
+  return {};
 }
 
 /// Decodes the row of tiles in which the next line lies.
@@ -109,24 +137,25 @@ bool PageReader::fillTileRow() {
   return true;
 }
 
-Failure PageReader::readLine(std::vector<std::uint8_t>& line) {
+/// The next line as it stands in the file.
+bool PageReader::readPixels(std::vector<std::uint8_t>& line) {
+  const Complaints complaints(complaint_);
   const std::size_t lineBytes = (std::size_t{width_} + 7) / 8;
-  complaintTarget = &complaint_;
-  bool read;
   if (tileWidth_ != 0) {
-    read = next_ % tileHeight_ != 0 || fillTileRow();
-    if (read) {
-      const auto from = tileRow_.begin() + static_cast<std::ptrdiff_t>(
-                                               (next_ % tileHeight_) * lineBytes);
-      line.assign(from, from + static_cast<std::ptrdiff_t>(lineBytes));
-    }
-  } else {
-    line.assign(std::max(lineBytes, static_cast<std::size_t>(TIFFScanlineSize(tiff_.get()))), 0);
-    read = TIFFReadScanline(tiff_.get(), line.data(), next_) >= 0;
-    line.resize(lineBytes);
+    const std::uint32_t row = next_ % tileHeight_;
+    if (row == 0 && !fillTileRow()) return false;
+    const auto from = tileRow_.begin() + static_cast<std::ptrdiff_t>(row * lineBytes);
+    line.assign(from, from + static_cast<std::ptrdiff_t>(lineBytes));
+    return true;
   }
-  complaintTarget = nullptr;
-  if (!read) return {QMErrors::BadTiffFile, complaint_, path_};
+  line.assign(std::max(lineBytes, static_cast<std::size_t>(TIFFScanlineSize(tiff_.get()))), 0);
+  const bool read = TIFFReadScanline(tiff_.get(), line.data(), next_) >= 0;
+  line.resize(lineBytes);
+  return read;
+}
+
+Failure PageReader::readLine(std::vector<std::uint8_t>& line) {
+  if (!readPixels(line)) return {QMErrors::BadTiffFile, complaint_, path_};
   ++next_;
   if (zeroBurns_) {
     for (std::uint8_t& byte : line) byte = static_cast<std::uint8_t>(~byte);

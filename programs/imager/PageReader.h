@@ -20,7 +20,8 @@ class PageReader {
   PageReader(const PageReader&) = delete;
   PageReader& operator=(const PageReader&) = delete;
 
-  /// 1014 no such file, 1001 cannot be opened, 2003 no TIFF or a damaged one, 2069 not 1 bit deep.
+  /// 1014 no such file, 1001 cannot be opened, 2003 no TIFF or a damaged one, 2069 not 1 bit deep,
+  /// 578 not the same resolution along and across, 33327 larger than any drum. Once for an object.
   Failure open(const std::string& path);
 
   unsigned width() const { return width_; }    ///< pixels
@@ -34,8 +35,10 @@ class PageReader {
 
  private:
   Failure readHeader();
+  Failure readTileSize();
+  Failure readResolution();
   bool fillTileRow();
-  void readResolution();
+  bool readPixels(std::vector<std::uint8_t>& line);
 
   struct Closer {
     void operator()(tiff* handle) const;

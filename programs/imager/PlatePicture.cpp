@@ -30,15 +30,16 @@ class PlatePicture::Png {
   ~Png() {
     if (png_ != nullptr) png_destroy_write_struct(&png_, &info_);
     file_.reset();
-    if (!finished_ && !temporary_.empty()) std::remove(temporary_.c_str());
+    if (!temporary_.empty()) std::remove(temporary_.c_str());
   }
 
   Failure open(const std::string& path, unsigned width, unsigned height, bool oneBit,
                double resolutionDpi) {
-    path_ = path;
-    temporary_ = path + ".tmp";
-    file_.reset(std::fopen(temporary_.c_str(), "wb"));
+    path_ = qm::platform::nativePath(path.c_str());
+    const std::string temporary = path_ + ".tmp";
+    file_.reset(std::fopen(temporary.c_str(), "wb"));
     if (file_ == nullptr) return {QMErrors::FailedToOpenFile, "cannot make the picture", path_};
+    temporary_ = temporary;
     png_ = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, jumpOnError, ignoreWarning);
     if (png_ != nullptr) info_ = png_create_info_struct(png_);
     if (info_ == nullptr) return {QMErrors::MemoryAllocationFailed, "no memory for a picture", path_};
@@ -47,14 +48,19 @@ class PlatePicture::Png {
 
   Failure addRow(const std::uint8_t* row) { return writeRow(row) ? Failure{} : diskFailure(); }
 
-  Failure finish() {
-    if (!writeEnd() || std::fclose(file_.release()) != 0 ||
-        std::rename(temporary_.c_str(), path_.c_str()) != 0) {
-      return diskFailure();
-    }
-    finished_ = true;
+  /// Writes what is left; the file keeps its temporary name.
+  Failure close() {
+    return writeEnd() && std::fclose(file_.release()) == 0 ? Failure{} : diskFailure();
+  }
+
+  /// Gives the closed file its name.
+  Failure publish() {
+    if (std::rename(temporary_.c_str(), path_.c_str()) != 0) return diskFailure();
+    temporary_.clear();
     return {};
   }
+
+  void withdraw() { std::remove(path_.c_str()); }
 
  private:
   [[noreturn]] static void jumpOnError(png_structp png, png_const_charp) {
@@ -100,7 +106,6 @@ class PlatePicture::Png {
   qm::platform::FilePtr file_;
   png_structp png_ = nullptr;
   png_infop info_ = nullptr;
-  bool finished_ = false;
 };
 
 /// Each preview pixel shows how much of its square of the plate is burnt.
@@ -128,7 +133,7 @@ class PlatePicture::Preview {
     return ++lines_ == scale_ || remaining_ == 0 ? addRow() : Failure{};
   }
 
-  Failure finish() { return png_.finish(); }
+  Png& file() { return png_; }
 
  private:
   Failure addRow() {
@@ -171,8 +176,14 @@ Failure PlatePicture::addLine(const std::vector<std::uint8_t>& line) {
 }
 
 Failure PlatePicture::finish() {
-  Failure failure = plate_->finish();
-  return failure ? failure : preview_->finish();
+  Failure failure = plate_->close();
+  if (!failure) failure = preview_->file().close();
+  // The preview first, so that there is no plate without one.
+  if (!failure) failure = preview_->file().publish();
+  if (failure) return failure;
+  failure = plate_->publish();
+  if (failure) preview_->file().withdraw();
+  return failure;
 }
 
 }  // namespace programs

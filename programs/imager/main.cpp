@@ -1,6 +1,7 @@
 // The simulated imager: the engine process that a control program launches and commands through the
 // message pool. It exposes pages onto a drum that exists only as a picture.
 #include <charconv>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -12,6 +13,7 @@
 #include "qmutils/comms/SvComms.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/foundation/QMLogFileC.h"
+#include "qmutils/platform/process.h"
 
 namespace {
 
@@ -19,15 +21,17 @@ using namespace programs;
 
 constexpr const char* kUsage =
     "usage: imager -pid N -id N [-nip] [-pr PROFILE] [-log FILE]\n"
-    "The simulated imager. A control program launches it; by hand it is of little use.\n"
+    "The simulated imager. A control program launches it; by hand it is of little use. It ends\n"
+    "when told to, on a request to terminate, and soon after its control program has ended.\n"
     "  -pid N       identifier of the control program in the message pool\n"
     "  -id N        identifier of this imager\n"
     "  -nip         no panel of its own (there is none)\n"
     "  -pr PROFILE  the profile that jobs are exposed with, for the log\n"
     "  -log FILE    write a log file\n"
-    "Exit status: 0 stopped in an orderly way, 1 the pool failed, 2 bad command line.\n";
+    "Exit status: 0 stopped in an orderly way, 1 the pool failed or the control program is gone,\n"
+    "2 bad command line.\n";
 
-constexpr DWORD kReceiveTimeoutMs = 1000;
+constexpr DWORD kReceiveTimeoutMs = 500;
 
 struct Options {
   unsigned short parentId = 0;
@@ -36,6 +40,10 @@ struct Options {
   std::string logFile;
   bool help = false;
 };
+
+volatile std::sig_atomic_t terminationSeen = 0;
+
+void onTermination(int) { terminationSeen = 1; }
 
 bool parseId(const char* text, unsigned short& id) {
   const auto [rest, error] = std::from_chars(text, text + std::strlen(text), id);
@@ -92,12 +100,16 @@ bool handle(const char* text, const ControlLink& link, ExposerC& exposer) {
   return true;
 }
 
-/// Answers messages until told to stop or the pool fails.
+/// Answers messages until told to stop, the pool fails, or nobody is left to command the imager.
 QMErrors::QMErrorT serve(const ControlLink& link, ExposerC& exposer) {
   char text[256];
   for (;;) {
     const QMErrors::QMErrorT received = SvReceiveMessage(text, sizeof text, kReceiveTimeoutMs);
-    if (received == QMErrors::CommandTimedOut) continue;
+    if (terminationSeen != 0) return QMErrors::NoError;
+    if (received == QMErrors::CommandTimedOut) {
+      if (qm::platform::parentIsGone()) return QMErrors::TheProcessHasDied;
+      continue;
+    }
     if (received != QMErrors::NoError) return received;
     if (!handle(text, link, exposer)) return QMErrors::NoError;
   }
@@ -122,6 +134,8 @@ int main(int argc, char** argv) {
                QMLogFileC::GetDebugLevel);
   qm::logInfo(1, "imager: ", "started with profile ", options.profile);
 
+  std::signal(SIGTERM, onTermination);
+  std::signal(SIGINT, onTermination);
   QMErrors::QMErrorT result = SvOpenComms(options.ownId);
   if (result == QMErrors::NoError) {
     const ControlLink link(options.parentId, options.ownId);

@@ -3,6 +3,9 @@
 #include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <system_error>
+
+#include "qmutils/platform/file.h"
 
 namespace programs {
 namespace {
@@ -27,6 +30,14 @@ int usageError(const Command& command, const std::string& complaint) {
   std::fprintf(stderr, "testtool %s: %s\nTry: testtool %s --help\n", command.name,
                complaint.c_str(), command.name);
   return kUsageError;
+}
+
+std::filesystem::path toPath(const std::string& argument) {
+  if (argument.empty()) return {};
+  std::error_code error;
+  auto path = std::filesystem::absolute(qm::platform::nativePath(argument.c_str()), error);
+  if (error) path.clear();
+  return path;
 }
 
 bool takeValue(const Arguments& arguments, std::size_t& index, std::string& value) {

@@ -2,6 +2,7 @@
 // its own; main.cpp has the list.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,9 @@ extern const Command kPoolCommand;
 
 /// Complains about the command line; gives kUsageError.
 int usageError(const Command& command, const std::string& complaint);
+
+/// The file or folder that an argument names, as an absolute path; empty when it names none.
+std::filesystem::path toPath(const std::string& argument);
 
 /// Takes the value of an option from the list; false when there is none.
 bool takeValue(const Arguments& arguments, std::size_t& index, std::string& value);

@@ -1,5 +1,7 @@
 #include "programs/testtool/ConsoleImager.h"
 
+#include <utility>
+
 #include "programs/Protocol.h"
 #include "programs/testtool/Command.h"
 
@@ -42,13 +44,16 @@ void ConsoleImager::HandleImagerError(const char* text) {
 
 JobState ConsoleImager::await(unsigned job, std::chrono::milliseconds limit) {
   std::unique_lock lock(mutex_);
-  const JobState& state = jobs_[job];
+  JobState& state = jobs_[job];
   if (!state.ended() && death_.empty()) news_.wait_for(lock, limit);
+  // An imager that could not read the job does not know its number.
+  if (!state.ended()) state.error = std::exchange(jobs_[0].error, {});
   return state;
 }
 
 std::string ConsoleImager::death() {
   const std::lock_guard guard(mutex_);
+  if (death_.empty() && !IsAlive()) return "its messages cannot be received any more";
   return death_;
 }
 

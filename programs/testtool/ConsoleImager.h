@@ -29,7 +29,7 @@ class ConsoleImager : public CTPImagerUserC {
 
   /// Waits a moment for news of a job and gives its state.
   JobState await(unsigned job, std::chrono::milliseconds limit);
-  /// Why the imager is gone; empty while all is well.
+  /// Why nothing more can come from the imager; empty while all is well.
   std::string death();
 
  protected:

@@ -25,7 +25,9 @@ bool parseCode(const std::string& text, QMErrors::QMErrorT& code) {
   std::int64_t value = 0;
   const auto [rest, error] =
       std::from_chars(text.data() + (hex ? 2 : 0), end, value, hex ? 16 : 10);
-  if (error != std::errc() || rest != end || value < INT32_MIN || value > UINT32_MAX) return false;
+  if (error != std::errc() || rest != end || value < (hex ? 0 : INT32_MIN) || value > UINT32_MAX) {
+    return false;
+  }
   code = static_cast<QMErrors::QMErrorT>(static_cast<std::uint32_t>(value));
   return true;
 }

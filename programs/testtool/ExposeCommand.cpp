@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 struct Options {
   std::string imager;
-  fs::path output = ".";
+  std::string output = ".";  // a folder, absolute once parsed
   std::string logFile;
   std::string settings;  // ";Key=Value..." for the profile
   std::vector<fs::path> pages;
@@ -68,10 +68,31 @@ int takeSetting(const std::string& option, const Arguments& arguments, std::size
   return 0;
 }
 
+/// Names are handed to the imager in quotes, the folder as a setting among others.
+int checkNames(Options& options) {
+  if (options.pages.empty()) return usageError(kExposeCommand, "no page given");
+  for (const fs::path& page : options.pages) {
+    if (page.empty() || page.string().find_first_of("\"\r\n") != std::string::npos) {
+      return usageError(kExposeCommand, "a page's name must not be empty or contain '\"'");
+    }
+  }
+  options.output = toPath(options.output).string();
+  if (options.output.empty() || options.output.find_first_of("\";\r\n") != std::string::npos) {
+    return usageError(kExposeCommand,
+                      "the output folder's name must not be empty or contain '\"' or ';'");
+  }
+  return kSuccess;
+}
+
 /// kSuccess, or the status to end with.
 int parseOptions(const Arguments& arguments, Options& options) {
+  bool onlyPages = false;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     const std::string& argument = arguments[i];
+    if (onlyPages) {
+      options.pages.push_back(toPath(argument));
+      continue;
+    }
     const int setting = takeSetting(argument, arguments, i, options.settings);
     if (setting < 0) return usageError(kExposeCommand, "bad value for " + argument);
     if (setting > 0) continue;
@@ -81,18 +102,15 @@ int parseOptions(const Arguments& arguments, Options& options) {
       if (argument == "--output") options.output = value;
       if (argument == "--imager") options.imager = value;
       if (argument == "--log") options.logFile = value;
+    } else if (argument == "--") {
+      onlyPages = true;
     } else if (argument.starts_with("-")) {
       return usageError(kExposeCommand, "'" + argument + "' means nothing here");
     } else {
-      options.pages.push_back(fs::absolute(argument));
+      options.pages.push_back(toPath(argument));
     }
   }
-  if (options.pages.empty()) return usageError(kExposeCommand, "no page given");
-  options.output = fs::absolute(options.output);
-  if (options.output.string().find_first_of("\";=") != std::string::npos) {
-    return usageError(kExposeCommand, "the output folder's name must not contain '\"', ';' or '='");
-  }
-  return kSuccess;
+  return checkNames(options);
 }
 
 /// The imager of this installation, as a command line wants it.
@@ -129,7 +147,8 @@ int exposePage(ConsoleImager& imager, const fs::path& page, unsigned job, const 
       return kFailure;
     }
     if (!state.picture.empty()) {
-      bar.show(1, 1);
+      const unsigned total = state.total != 0 ? state.total : 1;
+      bar.show(total, total);
       const fs::path plate = output / state.picture;
       const std::string preview = plate.stem().string() + "-preview.png";
       bar.finish("done: " + plate.string());
@@ -158,7 +177,7 @@ int exposeAll(const Options& options) {
   ConsoleImager imager(imagerCommand(options));
   const unsigned short id = freshId();
   const std::string profile =
-      "Default;OutputFolder=" + options.output.string() + options.settings;
+      "Default;OutputFolder=" + options.output + options.settings;
   CTPImagerUserC::ImagerStartDataC data("", profile.c_str(), id,
                                         static_cast<unsigned short>(id + 1), 0);
   int status = kSuccess;
@@ -168,10 +187,14 @@ int exposeAll(const Options& options) {
     status = kFailure;
   }
   for (std::size_t i = 0; i < options.pages.size() && started == QMErrors::NoError; ++i) {
+    if (status == kInterrupted || !imager.death().empty()) {
+      std::printf("%s  not exposed\n", options.pages[i].filename().string().c_str());
+      if (status == kSuccess) status = kFailure;
+      continue;
+    }
     const int result =
         exposePage(imager, options.pages[i], static_cast<unsigned>(i + 1), options.output);
     if (result != kSuccess) status = result;
-    if (result == kInterrupted || !imager.death().empty()) break;
   }
   const QMErrors::QMErrorT stopped = imager.StopImager();
   if (stopped != QMErrors::NoError && status == kSuccess) status = kFailure;
@@ -186,12 +209,12 @@ int run(const Arguments& arguments) {
   std::error_code error;
   fs::create_directories(options.output, error);
   if (error) {
-    std::fprintf(stderr, "testtool expose: cannot make %s: %s\n", options.output.string().c_str(),
+    std::fprintf(stderr, "testtool expose: cannot make %s: %s\n", options.output.c_str(),
                  error.message().c_str());
     return kFailure;
   }
   const std::string logFile =
-      options.logFile.empty() ? (options.output / "testtool.log").string() : options.logFile;
+      options.logFile.empty() ? options.output + "/testtool.log" : options.logFile;
   const QMLogFileC log(logFile.c_str(), false, false, false);
   QMLogStreamC(QMLogFileC::DebugOut, QMLogFileC::SetLogName, QMLogFileC::SetDebugLevel,
                QMLogFileC::GetDebugLevel);
@@ -218,6 +241,7 @@ const Command kExposeCommand = {
     "  --speed LINES       lines a second (0: as fast as possible)\n"
     "  --imager COMMAND    the imager program (the one beside this program)\n"
     "  --log FILE          log file (testtool.log in the output folder)\n"
+    "  --                  only names of pages follow\n"
     "Exit status: 0 all pages exposed, 1 a page or the imager failed, 2 bad command line,\n"
     "130 stopped by Ctrl-C.\n",
     run};

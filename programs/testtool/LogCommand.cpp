@@ -1,52 +1,89 @@
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "programs/testtool/Command.h"
-#include "qmutils/foundation/QMFileUtilsC.h"
+#include "qmutils/platform/file.h"
 
 namespace programs {
 namespace {
 
 constexpr auto kPause = std::chrono::milliseconds(200);
 
-/// Where to begin so that the last `lines` lines are shown.
-std::streamoff startOfLastLines(std::ifstream& in, long long lines) {
-  std::deque<std::streamoff> starts;
-  std::streamoff start = 0;
-  for (std::string line; lines > 0 && std::getline(in, line);) {
-    starts.push_back(start);
-    if (static_cast<long long>(starts.size()) > lines) starts.pop_front();
-    start += static_cast<std::streamoff>(line.size()) + 1;
-  }
-  in.clear();
-  in.seekg(0, std::ios::end);
-  return starts.empty() ? static_cast<std::streamoff>(in.tellg()) : starts.front();
-}
+/// Shows one file, found anew by its name each time.
+class Follower {
+ public:
+  explicit Follower(const std::string& path) : path_(qm::platform::nativePath(path.c_str())) {}
 
-/// Prints what lies behind `position`; gives the new position, or 0 when the file has become shorter
-/// and so begins anew.
-std::streamoff printFrom(const std::string& path, std::streamoff position) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return 0;
-  in.seekg(0, std::ios::end);
-  const std::streamoff size = in.tellg();
-  if (size < position) {
-    std::fputs("--- the log was begun anew ---\n", stdout);
-    position = 0;
+  /// Goes to where the last `lines` lines begin; false when there is no such file.
+  bool skipToLastLines(long long lines) {
+    std::ifstream in;
+    if (!open(in)) return false;
+    std::deque<std::streamoff> starts;
+    std::streamoff start = 0;
+    for (std::string line; std::getline(in, line);) {
+      if (static_cast<long long>(starts.size()) == lines && lines > 0) starts.pop_front();
+      if (lines > 0) starts.push_back(start);
+      start += static_cast<std::streamoff>(line.size()) + 1;
+    }
+    in.clear();
+    in.seekg(0, std::ios::end);
+    position_ = starts.empty() ? static_cast<std::streamoff>(in.tellg()) : starts.front();
+    shown_ = textBefore(in, position_);
+    return true;
   }
-  in.seekg(position);
-  char buffer[4096];
-  while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-    std::fwrite(buffer, 1, static_cast<std::size_t>(in.gcount()), stdout);
-    position += in.gcount();
+
+  /// Prints what was added since the last call.
+  void printNews() {
+    std::ifstream in;
+    if (!open(in)) return;
+    if (textBefore(in, position_) != shown_) {
+      if (!shown_.ends_with('\n')) std::fputc('\n', stdout);
+      std::fputs("--- the log was begun anew ---\n", stdout);
+      position_ = 0;
+    }
+    in.clear();
+    in.seekg(position_);
+    char buffer[4096];
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+      std::fwrite(buffer, 1, static_cast<std::size_t>(in.gcount()), stdout);
+      position_ += in.gcount();
+    }
+    std::fflush(stdout);
+    shown_ = textBefore(in, position_);
   }
-  std::fflush(stdout);
-  return position;
-}
+
+ private:
+  static constexpr std::streamoff kRemembered = 256;
+
+  bool open(std::ifstream& in) const {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path_, ignored)) return false;
+    in.open(path_, std::ios::binary);
+    return in.is_open();
+  }
+
+  /// The last bytes before a position; fewer when the file ends sooner.
+  static std::string textBefore(std::ifstream& in, std::streamoff position) {
+    const std::streamoff count = std::min(position, kRemembered);
+    std::string text(static_cast<std::size_t>(count), '\0');
+    in.clear();
+    in.seekg(position - count);
+    in.read(text.data(), count);
+    text.resize(static_cast<std::size_t>(in.gcount()));
+    return text;
+  }
+
+  const std::string path_;
+  std::streamoff position_ = 0;
+  std::string shown_;  // what stands before it: tells a file that has grown from another one
+};
 
 int run(const Arguments& arguments) {
   std::string path;
@@ -67,18 +104,16 @@ int run(const Arguments& arguments) {
     }
   }
   if (path.empty()) return usageError(kLogCommand, "no file given");
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  Follower follower(path);
+  if (!follower.skipToLastLines(lines)) {
     std::fprintf(stderr, "testtool log: cannot open %s\n", path.c_str());
     return kFailure;
   }
-  std::streamoff position = startOfLastLines(in, lines);
-  in.close();
   noteInterrupts();
-  position = printFrom(path, position);
+  follower.printNews();
   while (follow && !interrupted()) {
     std::this_thread::sleep_for(kPause);
-    position = printFrom(path, position);
+    follower.printNews();
   }
   return kSuccess;
 }

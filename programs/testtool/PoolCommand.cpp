@@ -12,6 +12,7 @@ namespace {
 // Identifiers that no program of the suite uses.
 constexpr unsigned short kOwnId = 65535;
 constexpr DWORD kWatchStepMs = 200;
+constexpr std::size_t kLongestMessage = 255;
 
 int poolFailure(const char* action, QMErrors::QMErrorT code) {
   std::fprintf(stderr, "testtool pool: %s: %s (system error %u)\n", action, QMErrToStr(code),
@@ -41,8 +42,10 @@ int send(unsigned short destination, const std::string& text) {
   QMErrors::QMErrorT result = SvOpenComms(kOwnId);
   if (result != QMErrors::NoError) return poolFailure("cannot join", result);
   result = SvSendMessage(text.c_str(), 2000, destination);
+  const int status =
+      result == QMErrors::NoError ? kSuccess : poolFailure("cannot send", result);
   SvCloseComms();
-  return result == QMErrors::NoError ? kSuccess : poolFailure("cannot send", result);
+  return status;
 }
 
 int watch(unsigned short id) {
@@ -58,8 +61,9 @@ int watch(unsigned short id) {
       std::fflush(stdout);
     }
   }
+  const int status = interrupted() ? kSuccess : poolFailure("cannot receive", result);
   SvCloseComms();
-  return interrupted() ? kSuccess : poolFailure("cannot receive", result);
+  return status;
 }
 
 bool parseId(const std::string& text, unsigned short& id) {
@@ -73,6 +77,9 @@ int run(const Arguments& arguments) {
   unsigned short id = 0;
   if (arguments.size() == 1 && arguments[0] == "show") return show();
   if (arguments.size() == 3 && arguments[0] == "send") {
+    if (arguments[2].size() > kLongestMessage) {
+      return usageError(kPoolCommand, "a message has at most 255 characters");
+    }
     return parseId(arguments[1], id) ? send(id, arguments[2])
                                      : usageError(kPoolCommand, "an identifier is 1 to 65535");
   }
@@ -92,8 +99,8 @@ const Command kPoolCommand = {
     "  send ID TEXT   send a message, for instance '3;5;1;2;;', to an identifier\n"
     "  watch ID       join under an identifier and print what arrives for it, until Ctrl-C;\n"
     "                 messages already waiting for it are discarded, as for any program that joins\n"
-    "The pool lives as long as some program uses it. Programs of one suite share the environment\n"
-    "variable QMUTILS_OBJECT_PREFIX.\n",
+    "The pool lives as long as some program uses it, and a message as long as the pool. Programs of\n"
+    "one suite share the environment variable QMUTILS_OBJECT_PREFIX.\n",
     run};
 
 }  // namespace programs

@@ -28,7 +28,7 @@ void ProgressBar::show(unsigned done, unsigned total) {
 
 void ProgressBar::finish(const std::string& text) {
   // Blanks cover what is left of the bar.
-  std::fprintf(out_, "%s%s  %-60s\n", overwrites_ ? "\r" : "", label_.c_str(), text.c_str());
+  std::fprintf(out_, overwrites_ ? "\r%s  %-60s\n" : "%s  %s\n", label_.c_str(), text.c_str());
   std::fflush(out_);
 }
 

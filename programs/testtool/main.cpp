@@ -20,6 +20,13 @@ void printUsage(std::FILE* out) {
 
 bool isHelp(const std::string& argument) { return argument == "--help" || argument == "-h"; }
 
+/// The status of a command, or failure when its output did not get where it was to go.
+int outputWritten(int status) {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  std::fputs("testtool: the output could not be written\n", stderr);
+  return status == kSuccess ? kFailure : status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -29,7 +36,7 @@ int main(int argc, char** argv) {
   }
   if (isHelp(argv[1])) {
     printUsage(stdout);
-    return kSuccess;
+    return outputWritten(kSuccess);
   }
   for (const Command* command : kCommands) {
     if (std::strcmp(command->name, argv[1]) != 0) continue;
@@ -38,10 +45,10 @@ int main(int argc, char** argv) {
       if (argument == "--") break;
       if (isHelp(argument)) {
         std::fputs(command->help, stdout);
-        return kSuccess;
+        return outputWritten(kSuccess);
       }
     }
-    return command->run(arguments);
+    return outputWritten(command->run(arguments));
   }
   std::fprintf(stderr, "testtool: there is no command '%s'\n", argv[1]);
   printUsage(stderr);

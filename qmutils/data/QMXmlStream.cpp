@@ -54,8 +54,8 @@ QMErrors::QMErrorT QMXmlC::WriteStartTag(std::ostream& os, unsigned indent) cons
                                      : "m_pObjectName is NULL: object invalid");
     return QMErrors::NullObjectProvided;
   }
-  if (m_ObjectName.starts_with(qm::kCommentMark)) {
-    qm::logError(kToStream, "the name would be read as a comment: ", m_ObjectName);
+  if (!qm::isReadableName(m_ObjectName)) {
+    qm::logError(kToStream, "the name would be read as something else: ", m_ObjectName);
     return QMErrors::ErrorBadlyFormedXML;
   }
   indentBy(os, indent);

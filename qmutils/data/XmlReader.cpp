@@ -142,7 +142,7 @@ QMErrorT XmlReader::readStartTag(QMXmlC& node, bool* selfClosed) {
   QMErrorT result = readName(&node.m_ObjectName);
   node.m_bNamed = true;
   const bool named = !node.m_ObjectName.empty() || (node.m_bStrict && isWhite(peek()));
-  if (result == NoError && (!named || node.m_ObjectName.starts_with(kCommentMark))) {
+  if (result == NoError && (!named || !isReadableName(node.m_ObjectName))) {
     result = ErrorBadlyFormedXML;
   }
   while (result == NoError) {

@@ -10,8 +10,11 @@
 
 namespace qm {
 
-/// How the name of an element must not begin: written back it would start a comment.
-inline constexpr std::string_view kCommentMark = "!--";
+/// False for the name of an element that would be read as something else once it is written: as a
+/// comment, an end tag, or the end of an empty element.
+constexpr bool isReadableName(std::string_view name) {
+  return !name.starts_with("!--") && !name.starts_with('/') && !name.ends_with('/');
+}
 
 class XmlReader {
  public:

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "qmutils/platform/export.h"
 #include "qmutils/platform/types.h"
 
 namespace qm::platform {
@@ -20,7 +21,7 @@ struct FileCloser {
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 /// The path in the system's own spelling.
-std::string nativePath(const char* path);
+QMUTILS_API std::string nativePath(const char* path);
 
 /// As fopen(), close-on-exec.
 std::FILE* openFile(const char* path, const char* mode) noexcept;

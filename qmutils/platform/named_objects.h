@@ -9,8 +9,8 @@
 //   const Wakes wakes = objects.release();
 //   objects.wake(wakes);
 //
-// When the last user closes or dies, the content is gone: the next one to open starts with fresh
-// objects. Objects of the same names that hold something else are refused and left untouched.
+// When the last user closes, ends or dies, the content is gone: the next one to open starts with
+// fresh objects. Objects of the same names that hold something else are refused and left untouched.
 //
 // Cost: opening and closing some 0.1 ms; acquire and release without contention some 50 ns; the
 // other calls a few instructions, a system call only where somebody sleeps. Each sleep looks again

@@ -3,6 +3,7 @@
 // All functions may be called from any thread; failures set the last error.
 #pragma once
 
+#include "qmutils/platform/export.h"
 #include "qmutils/platform/types.h"
 
 namespace qm::platform {
@@ -35,5 +36,9 @@ bool processExitCode(HANDLE process, DWORD* code) noexcept;
 bool terminateProcess(HANDLE process, DWORD exitCode) noexcept;
 
 DWORD currentProcessId() noexcept;
+
+/// True when the process that launched this one has ended. A forked child that has not started a
+/// program of its own gets no useful answer.
+QMUTILS_API bool parentIsGone() noexcept;
 
 }  // namespace qm::platform

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -166,6 +167,21 @@ TEST_F(PoolLifetime, TwoGroupsOfOneProcessAreTwoUsers) {
   EXPECT_EQ(sharedObjects().size(), 5u);
   second.close(false);
   EXPECT_TRUE(sharedObjects().empty());
+}
+
+TEST_F(PoolLifetime, AProgramThatEndsWithoutClosingLeavesNothing) {
+  for (const bool othersAreThere : {false, true}) {
+    if (othersAreThere) {
+      ASSERT_EQ(SvOpenComms(5), 0);
+    }
+    Child child([]() -> int {
+      if (SvOpenComms(6) != 0) return 1;
+      std::exit(0);
+    });
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(sharedObjects().size(), othersAreThere ? 5u : 0u);
+  }
+  EXPECT_EQ(SvSendMessage("still there", 1000, 5), 0);
 }
 
 TEST_F(PoolLifetime, NoRingIsMissed) {

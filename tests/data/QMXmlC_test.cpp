@@ -127,6 +127,8 @@ TEST(QMXmlC, ReportsErrorsOnceWithLineAndOffset) {
       {"<a>text", QMErrors::ErrorBadlyFormedXML, "line:1, offset:7\n"},
       {"<a", QMErrors::ErrorBadlyFormedXML, "line:1, offset:2\n"},
       {"<>", QMErrors::ErrorBadlyFormedXML, "line:1, offset:1\n"},
+      {"</a/>", QMErrors::ErrorBadlyFormedXML, "line:1, offset:3\n"},
+      {"<a/ >t</a/>", QMErrors::ErrorBadlyFormedXML, "line:1, offset:3\n"},
       {"< !--x--/>", QMErrors::ErrorBadlyFormedXML, "line:1, offset:8\n"},
       {"<!-- no end", QMErrors::EndOfFileError, nullptr},
       {"<a><!-- no end --", QMErrors::EndOfFileError, nullptr},

@@ -22,10 +22,10 @@ namespace {
 struct Row {
   int code;
   const char* identifier;
-  std::string message;
+  std::string_view message;
 };
 
-const std::vector<Row> kRows = {
+constexpr Row kRows[] = {
 #define QM_ERROR_ROW(code, identifier, message) {code, #identifier, message},
 #include "qmutils/foundation/QMErrorCatalogue.inc"
 #undef QM_ERROR_ROW
@@ -41,11 +41,11 @@ long countBetween(int first, int last) {
 }
 
 std::ptrdiff_t place(int wanted) {
-  return std::ranges::find(kRows, wanted, &Row::code) - kRows.begin();
+  return std::ranges::find(kRows, wanted, &Row::code) - std::begin(kRows);
 }
 
 TEST(ErrorCatalogue, HasAllRowsOnceAndNoPlaceholders) {
-  EXPECT_EQ(kRows.size(), 1763u);
+  EXPECT_EQ(std::size(kRows), 1763u);
   std::set<int> codes;
   std::set<std::string> identifiers;
   for (const Row& row : kRows) {
@@ -87,8 +87,8 @@ TEST(ErrorCatalogue, KeepsItsOrder) {
   for (const auto& [earlier, later] : kBefore) {
     EXPECT_LT(place(earlier), place(later)) << earlier << " before " << later;
   }
-  EXPECT_EQ(kRows.back().code, 0xFFFF);
-  EXPECT_EQ(kRows.front().code, 0);
+  EXPECT_EQ(std::end(kRows)[-1].code, 0xFFFF);
+  EXPECT_EQ(kRows[0].code, 0);
 }
 
 TEST(QMErrToStr, GivesTheMessageAndTheCode) {
@@ -118,7 +118,7 @@ TEST(QMErrToStr, GivesTheMessageAndTheCode) {
   for (const auto& [value, expected] : kTexts) EXPECT_EQ(text(value), expected);
   for (const Row& row : kRows) {
     ASSERT_EQ(text(static_cast<std::uint32_t>(row.code)),
-              row.message + ": " + std::to_string(row.code));
+              std::string(row.message) + ": " + std::to_string(row.code));
   }
 }
 

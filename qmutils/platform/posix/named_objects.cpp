@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <climits>
+#include <cstdlib>
 #include <iterator>
 #include <mutex>
 #include <new>
@@ -74,7 +75,8 @@ struct Group {
   Part doorbells;
   Part section;
   std::atomic<bool> open{false};
-  Wakes pending;  ///< found since the mutex was acquired; belongs to its owner
+  std::atomic<bool> complete{false};  ///< all parts are open
+  Wakes pending;                      ///< found since the mutex was acquired; belongs to its owner
   Group* next = nullptr;
 
   Group(const SharedObjectNames& names, const SharedSectionKind& kind) noexcept;
@@ -82,6 +84,7 @@ struct Group {
 
   bool assignNames() noexcept;
   bool openMutexAs(Joined joined) noexcept;
+  void removeNames() noexcept;
   void dropInCopy() noexcept;
   void unmapParts() noexcept;
 
@@ -110,10 +113,26 @@ void afterCopyInCopy() noexcept {
   afterCopyInOriginal();
 }
 
+/// A program that ends without closing leaves nothing behind either, as long as it ends by itself.
+/// Only names are removed: its threads may use the objects until the very end.
+void removeNamesAtExit() noexcept {
+  std::lock_guard lock(groupsLock);
+  for (Group* group = groups; group != nullptr; group = group->next) {
+    if (!group->complete) continue;
+    if (group->users.isLast(Deadline::after(0))) {
+      group->removeNames();
+      group->users.removeName();
+    }
+    group->users.openGate();
+  }
+}
+
 Group::Group(const SharedObjectNames& names, const SharedSectionKind& kind) noexcept
     : plainNames(names), sectionKind(kind) {
   static const int registered = pthread_atfork(beforeCopy, afterCopyInOriginal, afterCopyInCopy);
+  static const int registeredAtExit = std::atexit(removeNamesAtExit);
   static_cast<void>(registered);
+  static_cast<void>(registeredAtExit);
   std::lock_guard lock(groupsLock);
   next = groups;
   groups = this;
@@ -156,12 +175,20 @@ void Group::unmapParts() noexcept {
   section.mapping.unmap();
 }
 
+void Group::removeNames() noexcept {
+  section.remove(sectionKind);
+  event.remove(kEventKind);
+  doorbells.remove(kDoorbellKind);
+  mutex->remove();
+}
+
 void Group::dropInCopy() noexcept {
   open = false;
+  complete = false;
   mutex = nullptr;
   pending = {};
   unmapParts();
-  users.forget();
+  users.close();
 }
 
 /// Marks a fresh object, refuses one that carries another mark.
@@ -212,7 +239,8 @@ DWORD SharedObjects::openMutex(const Deadline& deadline) noexcept {
       state_->mutex->close(false);
       state_->mutex = nullptr;
     }
-    state_->users.close(joined == Joined::Alone);
+    if (joined == Joined::Alone) state_->users.removeName();
+    state_->users.close();
     setLastError(reason);
     return WAIT_FAILED;
   }
@@ -241,6 +269,7 @@ bool SharedObjects::openSection() noexcept {
   if (!state_->section.isOpen() && !state_->section.open(state_->sectionKind.size, &fresh)) {
     return false;
   }
+  state_->complete = true;
   setLastError(fresh ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS);
   return true;
 }
@@ -249,13 +278,9 @@ void SharedObjects::close(bool keepMutex) noexcept {
   if (!isOpen()) return;
   State& state = *state_;
   state.open = false;
+  state.complete = false;
   const bool last = state.users.isLast(Deadline::after(kGateMilliseconds));
-  if (last) {
-    state.section.remove(state.sectionKind);
-    state.event.remove(kEventKind);
-    state.doorbells.remove(kDoorbellKind);
-    state.mutex->remove();
-  }
+  if (last) state.removeNames();
   if (last && keepMutex) {
     // Nobody is left who could tell.
     state.mutex->release();
@@ -265,7 +290,8 @@ void SharedObjects::close(bool keepMutex) noexcept {
   state.unmapParts();
   state.mutex->close(keepMutex);
   state.mutex = nullptr;
-  state.users.close(last);
+  if (last) state.users.removeName();
+  state.users.close();
 }
 
 bool SharedObjects::isOpen() const noexcept {

@@ -98,9 +98,6 @@ bool UsersLock::isLast(const Deadline& deadline) noexcept {
          setLock(lock_, kUsers, F_WRLCK) == Locking::Done;
 }
 
-void UsersLock::close(bool removeName) noexcept {
-  if (removeName) removeIfSame(name_, identity_);
-  lock_.reset();
-}
+void UsersLock::openGate() noexcept { setLock(lock_, kGate, F_UNLCK); }
 
 }  // namespace qm::platform::posix

@@ -20,13 +20,14 @@ class UsersLock {
   Joined join(const ObjectName& name, const Deadline& deadline) noexcept;
   /// Counts this process among the users and opens the gate.
   bool share() noexcept;
-  /// Takes the gate again; true when no other user is left. The gate is then held until close().
+  /// Takes the gate again; true when no other user is left.
   bool isLast(const Deadline& deadline) noexcept;
-  /// Ends the membership. With `removeName` the lock object goes too (only while alone).
-  void close(bool removeName) noexcept;
-  /// For a copy of the process, which shares the open file description with its original: lets go
-  /// of the descriptor only.
-  void forget() noexcept { lock_.reset(); }
+  void openGate() noexcept;
+  /// Removes the lock object's name. Only while alone.
+  void removeName() noexcept { removeIfSame(name_, identity_); }
+  /// Ends the membership and opens the gate. In a copy of the process, which shares the open file
+  /// description with its original, it only lets go of the descriptor.
+  void close() noexcept { lock_.reset(); }
 
  private:
   ObjectName name_;

@@ -66,6 +66,9 @@ DWORD exitCodeOf(const siginfo_t& info) noexcept {
   return info.si_code == CLD_EXITED ? status : 128 + status;
 }
 
+// As it was when the program was loaded: an orphan is handed to another process.
+const pid_t launchedBy = getppid();
+
 /// One thread collects the ends of all children and signals their handles.
 class ChildWatcher {
  public:
@@ -325,5 +328,7 @@ bool terminateProcess(HANDLE process, DWORD exitCode) noexcept {
 }
 
 DWORD currentProcessId() noexcept { return static_cast<DWORD>(getpid()); }
+
+bool parentIsGone() noexcept { return getppid() != launchedBy; }
 
 }  // namespace qm::platform

@@ -1,4 +1,5 @@
-// A clock that stands still until a test moves it, installed for the life of the object.
+// A clock that stands still until a test moves it, installed for the life of the object. Its
+// monotonic time begins at the system's, so that a wait in progress keeps its deadline.
 #pragma once
 
 #include <atomic>
@@ -23,7 +24,7 @@ class FakeClock : public qm::platform::TimeSource {
   std::uint64_t utcTicks() noexcept override { return ticks_.load(); }
 
  private:
-  std::atomic<std::int64_t> nanoseconds_{1'000'000'000'000};
+  std::atomic<std::int64_t> nanoseconds_{qm::platform::monotonicNanoseconds()};
   std::atomic<std::uint64_t> ticks_;
   qm::platform::TimeSource* former_;
 };

@@ -5,6 +5,7 @@
 #include <ostream>
 #include <vector>
 
+#include "qmutils/foundation/Immortal.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/foundation/PointerText.h"
 #include "qmutils/platform/clock.h"
@@ -83,6 +84,10 @@ struct QMThreadC::ControlC {
     if (handle != nullptr) closeHandle(handle);
   }
 
+  static std::shared_ptr<ControlC> make(const char* name, DWORD stopTimeoutMs, bool autoDelete);
+  /// Stands for the one that there was no memory for: such a thread object cannot be started.
+  static std::shared_ptr<ControlC> none();
+
   QMErrors::QMErrorT create(const std::shared_ptr<ControlC>& self, QMThreadC* object);
   QMErrors::QMErrorT awaitBegin() const;
   QMErrors::QMErrorT notifyEnd() const;
@@ -100,6 +105,19 @@ struct Launch {
 
 }  // namespace
 
+std::shared_ptr<QMThreadC::ControlC> QMThreadC::ControlC::make(const char* name,
+                                                               DWORD stopTimeoutMs,
+                                                               bool autoDelete) try {
+  return std::make_shared<ControlC>(name, stopTimeoutMs, autoDelete);
+} catch (const std::bad_alloc&) {
+  return none();
+}
+
+std::shared_ptr<QMThreadC::ControlC> QMThreadC::ControlC::none() {
+  static qm::Immortal<ControlC> control(nullptr, INFINITE, false);
+  return {std::shared_ptr<ControlC>(), &control.value};  // owns nothing, allocates nothing
+}
+
 // --- the pool -----------------------------------------------------------------------------------
 
 QMThreadC* QMThreadC::m_pThreads = nullptr;
@@ -112,7 +130,7 @@ QMCriticalSectionC& QMThreadC::m_PoolCS() {
 
 QMThreadC::QMThreadC(const char* name, QMThreadC* parent, DWORD stopTimeoutMs, int autoDelete)
     : m_pParent(parent),
-      m_pControl(std::make_shared<ControlC>(name, stopTimeoutMs, autoDelete != 0)) {
+      m_pControl(ControlC::make(name, stopTimeoutMs, autoDelete != 0)) {
   SectionUser user(&m_PoolCS());
   if (user.EnterCriticalSection("QMThreadC::QMThreadC():", kPoolTimeoutMs) != QMErrors::NoError) {
     return;  // reported by the section; the thread works, but stopAll() does not know it
@@ -214,7 +232,11 @@ QMErrors::QMErrorT QMThreadC::start() {
 QMErrors::QMErrorT QMThreadC::ControlC::create(const ControlPtr& self, QMThreadC* object) {
   {
     const std::lock_guard guard(starting);
-    if (endEvent == nullptr) endEvent = createEvent(true, false);
+    if (self == none()) {
+      setLastError(ERROR_NOT_ENOUGH_MEMORY);
+    } else if (endEvent == nullptr) {
+      endEvent = createEvent(true, false);
+    }
     if (endEvent == nullptr) {
       qm::logError(kStart, "while creating m_hEndEvent: ", osErrorText());
       return QMErrors::ResourceAllocationFailed;
@@ -307,7 +329,7 @@ QMErrors::QMErrorT QMThreadC::Stop(const ControlPtr& control, const QMThreadC* o
 }
 
 /// Signals all children before it stops any of them.
-QMErrors::QMErrorT QMThreadC::StopChildren(const QMThreadC* parent) {
+QMErrors::QMErrorT QMThreadC::StopChildren(const QMThreadC* parent) try {
   struct Child {
     ControlPtr control;
     const QMThreadC* object;
@@ -330,6 +352,8 @@ QMErrors::QMErrorT QMThreadC::StopChildren(const QMThreadC* parent) {
     sleep(0, false);
   }
   return first;
+} catch (const std::bad_alloc&) {
+  return QMErrors::MemoryAllocationFailed;
 }
 
 void QMThreadC::ControlC::awaitEnd() const {
@@ -350,7 +374,7 @@ void QMThreadC::ControlC::awaitEnd() const {
   }
 }
 
-QMErrors::QMErrorT QMThreadC::stopAll() {
+QMErrors::QMErrorT QMThreadC::stopAll() try {
   std::vector<ControlPtr> controls;
   std::vector<const QMThreadC*> objects;
   {
@@ -369,6 +393,8 @@ QMErrors::QMErrorT QMThreadC::stopAll() {
     sleep(0, false);
   }
   return first;
+} catch (const std::bad_alloc&) {
+  return QMErrors::MemoryAllocationFailed;
 }
 
 // --- fields -------------------------------------------------------------------------------------

@@ -51,7 +51,8 @@ class QMUTILS_API QMThreadC {
   /// Signals the children, stops each of them, then signals this thread, resuming it if it was
   /// suspended, and waits for its end. After the stop time-out it gives up, logs so, and leaves the
   /// thread running. From within the thread itself the request is ignored. Gives the first failure
-  /// of a notification: 1007 "Failed to resume thread", 2011 (never started) or an OS code.
+  /// of a notification: 1007 "Failed to resume thread", 2011 (never started) or an OS code; 2001 when
+  /// there was no memory to note the children.
   QMErrors::QMErrorT stop();
 
   /// Stops every top-level thread in the order of construction; gives the first failure.

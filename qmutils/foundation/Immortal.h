@@ -4,11 +4,15 @@
 //   std::mutex& lock() { static qm::Immortal<std::mutex> mutex; return mutex.value; }
 #pragma once
 
+#include <utility>
+
 namespace qm {
 
 template <class T>
 union Immortal {
-  constexpr Immortal() : value() {}
+  template <class... Arguments>
+  constexpr explicit Immortal(Arguments&&... arguments)
+      : value(std::forward<Arguments>(arguments)...) {}
   // Not "= default": that would destroy the value, or be deleted.
   ~Immortal() {}
   Immortal(const Immortal&) = delete;

@@ -6,12 +6,14 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "qmutils/platform/thread.h"
 #include "qmutils/platform/waitable.h"
+#include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 
@@ -327,6 +329,31 @@ TEST(QMThreadC, StopResumesASuspendedThread) {
   EXPECT_EQ(thread.stop(), NoError);
   EXPECT_TRUE(log.contains(" INFO: QMThreadC::NotifyEnd(): suspendCount for :body is: 3\n"));
   EXPECT_TRUE(log.contains(" INFO: QMThreadC::NotifyEnd(): suspendCount for :body is: 2\n"));
+}
+
+TEST(QMThreadC, RunningOutOfMemoryGivesACode) {
+  qmtest::LogCapture log;
+  bool alwaysStarted = false;
+  for (int n = 1; !alwaysStarted && n < 100; ++n) {
+    QMThreadC* thread = nullptr;
+    QMErrors::QMErrorT started;
+    {
+      const qmtest::FailingAllocation nth(n);
+      thread = new (std::nothrow) QMThreadC("starved", nullptr, INFINITE, 0);
+      if (thread == nullptr) continue;
+      started = thread->start();
+      alwaysStarted = !nth.hasFailed();
+    }
+    EXPECT_TRUE(started == NoError || started == QMErrors::ResourceAllocationFailed) << started;
+    EXPECT_EQ(thread->stop(), NoError);
+    {
+      const qmtest::FailingAllocation first(1);
+      const QMErrors::QMErrorT stopped = QMThreadC::stopAll();
+      EXPECT_TRUE(stopped == NoError || stopped == QMErrors::MemoryAllocationFailed) << stopped;
+    }
+    delete thread;
+  }
+  EXPECT_TRUE(alwaysStarted);
 }
 
 TEST(QMThreadC, RemovalTakesAThreadOutOfThePool) {

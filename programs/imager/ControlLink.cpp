@@ -24,9 +24,7 @@ std::string plain(std::string text) {
   return text;
 }
 
-std::string fileName(const std::string& path) {
-  return path.substr(path.find_last_of("\\/") + 1);
-}
+std::string fileName(const std::string& path) { return path.substr(path.find_last_of("\\/") + 1); }
 
 }  // namespace
 

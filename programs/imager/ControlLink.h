@@ -9,8 +9,7 @@ namespace programs {
 
 class ControlLink {
  public:
-  ControlLink(unsigned short parentId, unsigned short ownId)
-      : parentId_(parentId), ownId_(ownId) {}
+  ControlLink(unsigned short parentId, unsigned short ownId) : parentId_(parentId), ownId_(ownId) {}
 
   void reportStarted() const;
   void askIdentity() const;

@@ -49,8 +49,8 @@ Failure Drum::layOut(const DrumSettings& settings, unsigned pageWidth, unsigned 
   if (resolution_ == 0) resolution_ = pageResolution > 0 ? pageResolution : kDefaultResolutionDpi;
   if (pageResolution > 0 && std::abs(pageResolution / resolution_ - 1) > kSameResolution) {
     return {QMErrors::ResolutionOutsideValidRange,
-            "the page has " + std::to_string(std::lround(pageResolution)) + " dpi, the drum runs at " +
-                std::to_string(std::lround(resolution_)),
+            "the page has " + std::to_string(std::lround(pageResolution)) +
+                " dpi, the drum runs at " + std::to_string(std::lround(resolution_)),
             ""};
   }
   if (resolution_ > 25400) {

@@ -11,9 +11,9 @@ namespace programs {
 
 class Drum {
  public:
-  /// Lays out a page of that size and resolution. 578 when the drum cannot run at the resolution, or
-  /// it is not that of the page, or gives a plate of more than 1,000,000 pixels along one side; 33327
-  /// when the page does not fit where it is to lie.
+  /// Lays out a page of that size and resolution. 578 when the drum cannot run at the resolution,
+  /// or it is not that of the page, or gives a plate of more than 1,000,000 pixels along one side;
+  /// 33327 when the page does not fit where it is to lie.
   Failure layOut(const DrumSettings& settings, unsigned pageWidth, unsigned pageHeight,
                  double pageResolution);
 

@@ -80,8 +80,7 @@ Failure ExposerC::exposeOnDrum(const JobDescription& job, std::string& picture) 
     const auto hundredth = static_cast<unsigned>(done * 100ull / total);
     if (hundredth != reported) {
       reported = hundredth;
-      link_.reportProgress(kProgressLines, job.number, std::to_string(done),
-                           std::to_string(total));
+      link_.reportProgress(kProgressLines, job.number, std::to_string(done), std::to_string(total));
     }
     return !finishing_;
   };

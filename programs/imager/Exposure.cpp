@@ -22,8 +22,8 @@ class Pace {
 
   void keep(unsigned line) const {
     if (linesPerSecond_ == 0 || line % linesPerRest_ != 0) return;
-    std::this_thread::sleep_until(start_ + std::chrono::microseconds(std::int64_t{line} * 1'000'000 /
-                                                                     linesPerSecond_));
+    std::this_thread::sleep_until(
+        start_ + std::chrono::microseconds(std::int64_t{line} * 1'000'000 / linesPerSecond_));
   }
 
  private:
@@ -59,8 +59,8 @@ Failure exposePage(const JobDescription& job, const LineReport& report, std::str
   if (made != QMErrors::NoError) return {made, "cannot make the output folder", job.outputFolder};
   const std::string name = pictureName(job);
   PlatePicture plate;
-  failure = plate.open(job.outputFolder + "/" + name, drum.width(), drum.height(),
-                       drum.resolution());
+  failure =
+      plate.open(job.outputFolder + "/" + name, drum.width(), drum.height(), drum.resolution());
   if (failure) return failure;
 
   std::vector<std::uint8_t> pageLine;

@@ -16,26 +16,37 @@ namespace {
 
 /// The decoder's messages belong into our reports, not on standard error.
 thread_local std::string* complaintTarget = nullptr;
+thread_local std::string* warningTarget = nullptr;
 
 /// Collects them while the object lives.
 class Complaints {
  public:
-  explicit Complaints(std::string& target) { complaintTarget = &target; }
-  ~Complaints() { complaintTarget = nullptr; }
+  Complaints(std::string& target, bool warningsToo) {
+    target.clear();
+    complaintTarget = &target;
+    if (warningsToo) warningTarget = &target;
+  }
+  ~Complaints() { complaintTarget = warningTarget = nullptr; }
   Complaints(const Complaints&) = delete;
   Complaints& operator=(const Complaints&) = delete;
 };
 
-void keepComplaint(const char*, const char* format, va_list arguments) {
-  if (complaintTarget == nullptr) return;
+void keep(std::string* target, const char* format, va_list arguments) {
+  if (target == nullptr) return;
   char text[256];
   std::vsnprintf(text, sizeof text, format, arguments);
-  *complaintTarget = text;
+  *target = text;
 }
 
-void ignoreWarning(const char*, const char*, va_list) {}
+void keepComplaint(const char*, const char* format, va_list arguments) {
+  keep(complaintTarget, format, arguments);
+}
 
-constexpr std::uint32_t kMostPixels = 1u << 20;             // a metre at 25,400 dpi
+void keepWarning(const char*, const char* format, va_list arguments) {
+  keep(warningTarget, format, arguments);
+}
+
+constexpr std::uint32_t kMostPixels = 1u << 20;            // a metre at 25,400 dpi
 constexpr std::uint64_t kMostTileRowBytes = 512ull << 20;  // a damaged file may claim anything
 constexpr double kSameResolution = 0.01;                   // files round it
 
@@ -43,7 +54,7 @@ constexpr double kSameResolution = 0.01;                   // files round it
 
 PageReader::PageReader() {
   TIFFSetErrorHandler(keepComplaint);
-  TIFFSetWarningHandler(ignoreWarning);
+  TIFFSetWarningHandler(keepWarning);
 }
 
 PageReader::~PageReader() = default;
@@ -59,7 +70,7 @@ Failure PageReader::open(const std::string& path) {
   if (qm::platform::FilePtr(FOpen(path.c_str(), "rb", nullptr)) == nullptr) {
     return {QMErrors::FailedToOpenFile, "the page cannot be opened", path};
   }
-  const Complaints complaints(complaint_);
+  const Complaints complaints(complaint_, false);
   // Mapping the file would turn one that shrinks meanwhile into a crash.
   tiff_.reset(TIFFOpen(qm::platform::nativePath(path.c_str()).c_str(), "rm"));
   return tiff_ != nullptr ? readHeader() : Failure{QMErrors::BadTiffFile, complaint_, path};
@@ -137,21 +148,22 @@ bool PageReader::fillTileRow() {
   return true;
 }
 
-/// The next line as it stands in the file.
+/// The next line as it stands in the file. The decoders mend a damaged line as well as they can and
+/// only warn about it; such a page must not get onto a plate.
 bool PageReader::readPixels(std::vector<std::uint8_t>& line) {
-  const Complaints complaints(complaint_);
+  const Complaints complaints(complaint_, true);
   const std::size_t lineBytes = (std::size_t{width_} + 7) / 8;
   if (tileWidth_ != 0) {
     const std::uint32_t row = next_ % tileHeight_;
     if (row == 0 && !fillTileRow()) return false;
     const auto from = tileRow_.begin() + static_cast<std::ptrdiff_t>(row * lineBytes);
     line.assign(from, from + static_cast<std::ptrdiff_t>(lineBytes));
-    return true;
+    return complaint_.empty();
   }
   line.assign(std::max(lineBytes, static_cast<std::size_t>(TIFFScanlineSize(tiff_.get()))), 0);
   const bool read = TIFFReadScanline(tiff_.get(), line.data(), next_) >= 0;
   line.resize(lineBytes);
-  return read;
+  return read && complaint_.empty();
 }
 
 Failure PageReader::readLine(std::vector<std::uint8_t>& line) {

@@ -29,8 +29,8 @@ class PageReader {
   /// Dots per inch; 0 when the page does not say.
   double resolution() const { return resolution_; }
 
-  /// The next line, 8 pixels a byte, the leftmost in the highest bit; bits behind the last pixel are
-  /// clear. 2003 when the page's data is damaged.
+  /// The next line, 8 pixels a byte, the leftmost in the highest bit; bits behind the last pixel
+  /// are clear. 2003 when the page's data is damaged.
   Failure readLine(std::vector<std::uint8_t>& line);
 
  private:
@@ -45,7 +45,7 @@ class PageReader {
   };
   std::unique_ptr<tiff, Closer> tiff_;
   std::string path_;
-  std::string complaint_;  // the decoder's last message
+  std::string complaint_;  // the decoder's last message about the header or the current line
   std::uint32_t width_ = 0;
   std::uint32_t height_ = 0;
   std::uint32_t next_ = 0;  // line

@@ -42,7 +42,8 @@ class PlatePicture::Png {
     temporary_ = temporary;
     png_ = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, jumpOnError, ignoreWarning);
     if (png_ != nullptr) info_ = png_create_info_struct(png_);
-    if (info_ == nullptr) return {QMErrors::MemoryAllocationFailed, "no memory for a picture", path_};
+    if (info_ == nullptr)
+      return {QMErrors::MemoryAllocationFailed, "no memory for a picture", path_};
     return writeHeader(width, height, oneBit, resolutionDpi) ? Failure{} : diskFailure();
   }
 
@@ -63,9 +64,7 @@ class PlatePicture::Png {
   void withdraw() { std::remove(path_.c_str()); }
 
  private:
-  [[noreturn]] static void jumpOnError(png_structp png, png_const_charp) {
-    png_longjmp(png, 1);
-  }
+  [[noreturn]] static void jumpOnError(png_structp png, png_const_charp) { png_longjmp(png, 1); }
   static void ignoreWarning(png_structp, png_const_charp) {}
 
   Failure diskFailure() const {
@@ -118,8 +117,7 @@ class PlatePicture::Preview {
     const unsigned columns = (width + scale_ - 1) / scale_;
     counts_.assign(columns, 0);
     row_.resize(std::size_t{columns} * 3);
-    return png_.open(path, columns, (height + scale_ - 1) / scale_, false,
-                     resolutionDpi / scale_);
+    return png_.open(path, columns, (height + scale_ - 1) / scale_, false, resolutionDpi / scale_);
   }
 
   Failure addLine(const std::vector<std::uint8_t>& line) {
@@ -138,8 +136,8 @@ class PlatePicture::Preview {
  private:
   Failure addRow() {
     for (std::size_t column = 0; column < counts_.size(); ++column) {
-      const unsigned columns = std::min<unsigned>(
-          scale_, sourceWidth_ - static_cast<unsigned>(column) * scale_);
+      const unsigned columns =
+          std::min<unsigned>(scale_, sourceWidth_ - static_cast<unsigned>(column) * scale_);
       const double share = static_cast<double>(counts_[column]) / (double{1} * columns * lines_);
       row_[column * 3] = mixed(kPlateColour.red, kBurntColour.red, share);
       row_[column * 3 + 1] = mixed(kPlateColour.green, kBurntColour.green, share);

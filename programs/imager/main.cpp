@@ -91,8 +91,7 @@ bool handle(const char* text, const ControlLink& link, ExposerC& exposer) {
     qm::logInfo(1, "imager: ", "commanded by ", packet.pString);
   } else if (packet.nType == qm::imager::kTypeCommand && packet.nCode == qm::imager::kCodeStop) {
     return false;
-  } else if (packet.nType == qm::imager::kTypeCommand &&
-             packet.nCode == qm::imager::kCodeExpose) {
+  } else if (packet.nType == qm::imager::kTypeCommand && packet.nCode == qm::imager::kCodeExpose) {
     exposer.expose(packet.pString);
   } else {
     link.reportFailure(0, {QMErrors::InvalidOption, "a message that means nothing here", ""});

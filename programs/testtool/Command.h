@@ -1,5 +1,5 @@
-// What a command of the test tool is: a name, a help text, and a function. Each command has a file of
-// its own; main.cpp has the list.
+// What a command of the test tool is: a name, a help text, and a function. Each command has a file
+// of its own; main.cpp has the list.
 #pragma once
 
 #include <filesystem>

@@ -36,25 +36,24 @@ QMErrors::QMErrorT ConsoleImager::HandleImagerMessage(QMErrors::QMMessagePacketT
   return QMErrors::NoError;
 }
 
-void ConsoleImager::HandleImagerError(const char* text) {
+void ConsoleImager::HandleImagerError(const char*) {
   const std::lock_guard guard(mutex_);
-  death_ = text;
+  dead_ = true;
   news_.notify_all();
 }
 
 JobState ConsoleImager::await(unsigned job, std::chrono::milliseconds limit) {
   std::unique_lock lock(mutex_);
   JobState& state = jobs_[job];
-  if (!state.ended() && death_.empty()) news_.wait_for(lock, limit);
+  if (!state.ended() && !dead_) news_.wait_for(lock, limit);
   // An imager that could not read the job does not know its number.
   if (!state.ended()) state.error = std::exchange(jobs_[0].error, {});
   return state;
 }
 
-std::string ConsoleImager::death() {
+bool ConsoleImager::isLost() {
   const std::lock_guard guard(mutex_);
-  if (death_.empty() && !IsAlive()) return "its messages cannot be received any more";
-  return death_;
+  return dead_ || !IsAlive();
 }
 
 }  // namespace programs

@@ -29,8 +29,8 @@ class ConsoleImager : public CTPImagerUserC {
 
   /// Waits a moment for news of a job and gives its state.
   JobState await(unsigned job, std::chrono::milliseconds limit);
-  /// Why nothing more can come from the imager; empty while all is well.
-  std::string death();
+  /// True when nothing more can come from the imager. The error stack tells why.
+  bool isLost();
 
  protected:
   QMErrors::QMErrorT HandleImagerMessage(QMErrors::QMMessagePacketT& packet) override;
@@ -40,7 +40,7 @@ class ConsoleImager : public CTPImagerUserC {
   std::mutex mutex_;
   std::condition_variable news_;
   std::map<unsigned, JobState> jobs_;
-  std::string death_;
+  bool dead_ = false;
 };
 
 }  // namespace programs

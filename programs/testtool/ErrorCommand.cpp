@@ -52,7 +52,8 @@ int run(const Arguments& arguments) {
 const Command kErrorCommand = {
     "error", "print the text of result codes",
     "usage: testtool error CODE... | --all\n"
-    "Prints each result code in hexadecimal with its text and decimal number. A CODE is decimal or,\n"
+    "Prints each result code in hexadecimal with its text and decimal number. A CODE is decimal "
+    "or,\n"
     "with 0x, hexadecimal: 2013, 0x5007, 0x20000005 (a system error), 0x60000002 (an errno).\n"
     "  --all   the whole catalogue, in its order\n",
     run};

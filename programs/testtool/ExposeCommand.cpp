@@ -98,7 +98,8 @@ int parseOptions(const Arguments& arguments, Options& options) {
     if (setting > 0) continue;
     std::string value;
     if (argument == "--output" || argument == "--imager" || argument == "--log") {
-      if (!takeValue(arguments, i, value)) return usageError(kExposeCommand, argument + " wants a value");
+      if (!takeValue(arguments, i, value))
+        return usageError(kExposeCommand, argument + " wants a value");
       if (argument == "--output") options.output = value;
       if (argument == "--imager") options.imager = value;
       if (argument == "--log") options.logFile = value;
@@ -134,8 +135,8 @@ int exposePage(ConsoleImager& imager, const fs::path& page, unsigned job, const 
   ProgressBar bar(stdout, page.filename().string());
   std::ostringstream jobLine;
   std::ostringstream imageControl;
-  const QMErrors::QMErrorT started = imager.StartExpose(
-      ICFC::ExposeInfoC(page.string().c_str(), job), jobLine, imageControl);
+  const QMErrors::QMErrorT started =
+      imager.StartExpose(ICFC::ExposeInfoC(page.string().c_str(), job), jobLine, imageControl);
   if (started != QMErrors::NoError) {
     bar.finish(QMErrToStr(started));
     return kFailure;
@@ -155,8 +156,8 @@ int exposePage(ConsoleImager& imager, const fs::path& page, unsigned job, const 
       std::printf("  to look at: %s\n", (output / preview).string().c_str());
       return kSuccess;
     }
-    if (const std::string death = imager.death(); !death.empty()) {
-      bar.finish("the imager has died: " + death);
+    if (imager.isLost()) {
+      bar.finish(QMErrToStr(QMErrors::ImagerHasDied));
       return kFailure;
     }
     if (interrupted()) {
@@ -176,8 +177,7 @@ unsigned short freshId() {
 int exposeAll(const Options& options) {
   ConsoleImager imager(imagerCommand(options));
   const unsigned short id = freshId();
-  const std::string profile =
-      "Default;OutputFolder=" + options.output + options.settings;
+  const std::string profile = "Default;OutputFolder=" + options.output + options.settings;
   CTPImagerUserC::ImagerStartDataC data("", profile.c_str(), id,
                                         static_cast<unsigned short>(id + 1), 0);
   int status = kSuccess;
@@ -187,7 +187,7 @@ int exposeAll(const Options& options) {
     status = kFailure;
   }
   for (std::size_t i = 0; i < options.pages.size() && started == QMErrors::NoError; ++i) {
-    if (status == kInterrupted || !imager.death().empty()) {
+    if (status == kInterrupted || imager.isLost()) {
       std::printf("%s  not exposed\n", options.pages[i].filename().string().c_str());
       if (status == kSuccess) status = kFailure;
       continue;

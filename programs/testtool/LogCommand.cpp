@@ -120,13 +120,13 @@ int run(const Arguments& arguments) {
 
 }  // namespace
 
-const Command kLogCommand = {
-    "log", "follow a log file",
-    "usage: testtool log FILE [-n LINES] [--once]\n"
-    "Prints the last lines of a log and then every line that is added, until Ctrl-C. A log that is\n"
-    "deleted, replaced or begun anew is followed on.\n"
-    "  -n LINES   begin with the last LINES lines (10)\n"
-    "  --once     do not follow\n",
-    run};
+const Command kLogCommand = {"log", "follow a log file",
+                             "usage: testtool log FILE [-n LINES] [--once]\n"
+                             "Prints the last lines of a log and then every line that is added, "
+                             "until Ctrl-C. A log that is\n"
+                             "deleted, replaced or begun anew is followed on.\n"
+                             "  -n LINES   begin with the last LINES lines (10)\n"
+                             "  --once     do not follow\n",
+                             run};
 
 }  // namespace programs

@@ -22,6 +22,8 @@ int poolFailure(const char* action, QMErrors::QMErrorT code) {
 
 /// Prints the dump that the pool writes when it is closed, without its frame.
 void printDumpLine(unsigned, int, char* text) {
+  const char* const taken = std::strstr(text, ", Taken=");
+  if (taken != nullptr && taken[std::strlen(", Taken=")] == '0') return;  // a free place
   constexpr const char* kShown[] = {"pChan->", "DestID="};
   for (const char* beginning : kShown) {
     if (std::strncmp(text, beginning, std::strlen(beginning)) == 0) std::fputs(text, stdout);
@@ -42,8 +44,7 @@ int send(unsigned short destination, const std::string& text) {
   QMErrors::QMErrorT result = SvOpenComms(kOwnId);
   if (result != QMErrors::NoError) return poolFailure("cannot join", result);
   result = SvSendMessage(text.c_str(), 2000, destination);
-  const int status =
-      result == QMErrors::NoError ? kSuccess : poolFailure("cannot send", result);
+  const int status = result == QMErrors::NoError ? kSuccess : poolFailure("cannot send", result);
   SvCloseComms();
   return status;
 }
@@ -52,8 +53,8 @@ int watch(unsigned short id) {
   QMErrors::QMErrorT result = SvOpenComms(id);
   if (result != QMErrors::NoError) return poolFailure("cannot join", result);
   noteInterrupts();
-  while (!interrupted() &&
-         (result == QMErrors::NoError || result == QMErrors::CommandTimedOut)) {
+  std::fprintf(stderr, "watching %u, Ctrl-C ends\n", static_cast<unsigned>(id));
+  while (!interrupted() && (result == QMErrors::NoError || result == QMErrors::CommandTimedOut)) {
     char text[256];
     result = SvReceiveMessage(text, sizeof text, kWatchStepMs);
     if (result == QMErrors::NoError) {
@@ -98,8 +99,10 @@ const Command kPoolCommand = {
     "  show           print the number of messages and each waiting message\n"
     "  send ID TEXT   send a message, for instance '3;5;1;2;;', to an identifier\n"
     "  watch ID       join under an identifier and print what arrives for it, until Ctrl-C;\n"
-    "                 messages already waiting for it are discarded, as for any program that joins\n"
-    "The pool lives as long as some program uses it, and a message as long as the pool. Programs of\n"
+    "                 messages already waiting for it are discarded, as for any program that "
+    "joins\n"
+    "The pool lives as long as some program uses it, and a message as long as the pool. Programs "
+    "of\n"
     "one suite share the environment variable QMUTILS_OBJECT_PREFIX.\n",
     run};
 

@@ -1,4 +1,5 @@
-// How far one page has come, as a line that is written over on a terminal and in quarters elsewhere.
+// How far one page has come, as a line that is written over on a terminal and in quarters
+// elsewhere.
 #pragma once
 
 #include <cstdio>

@@ -127,7 +127,18 @@ QMErrorT CTPImagerUserC::StartExpose(const ICFC::ExposeInfoC& info, std::ostream
     return QMErrors::FailedToSendTransportMessage;
   }
   files.handedOver = true;
+  std::erase_if(m_HandedOver, [](const std::string& path) {
+    return fileAttributes(path.c_str()) == INVALID_FILE_ATTRIBUTES;
+  });
+  m_HandedOver.push_back(files.icf);
+  m_HandedOver.push_back(files.job);
   return NoError;
 } catch (const std::bad_alloc&) {
   return QMErrors::MemoryAllocationFailed;
+}
+
+/// An imager that was stopped or died leaves the files of the jobs it had not come to.
+void CTPImagerUserC::DropUnreadJobs() {
+  for (const std::string& path : m_HandedOver) deleteFile(path.c_str());
+  m_HandedOver.clear();
 }

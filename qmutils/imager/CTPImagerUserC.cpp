@@ -343,6 +343,7 @@ void CTPImagerUserC::ReleaseImager() {
     void* const held = handle->exchange(nullptr);
     if (held != nullptr) closeHandle(held);
   }
+  DropUnreadJobs();
 }
 
 // --- messages -----------------------------------------------------------------------------------

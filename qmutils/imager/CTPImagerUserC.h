@@ -17,6 +17,7 @@
 #include <atomic>
 #include <iosfwd>
 #include <string>
+#include <vector>
 
 #include "qmutils/comms/QMMessagePacket.h"
 #include "qmutils/concurrency/QMThreadC.h"
@@ -67,7 +68,8 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
 
   /// Asks the imager to end and waits 60 s; then asks the operator whether to go on waiting or to
   /// kill it. 0 when it ended by itself or none was held; 2013 when it was killed; 2049 when this
-  /// thread object was told to stop meanwhile. The imager is released in every case.
+  /// thread object was told to stop meanwhile. The imager is released in every case, and the files of
+  /// jobs that it did not come to read are deleted.
   QMErrors::QMErrorT StopImager();
 
   /// Sends a packet to the imager (2 s for a free place in the pool). 124 or 2113 when it does not
@@ -118,6 +120,8 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   QMErrors::QMErrorT MakeJobFiles(JobFiles& files, unsigned jobNumber) const;
   QMErrors::QMErrorT WriteJobFile(JobFiles& files, const std::string& line) const;
 
+  void DropUnreadJobs();
+
   std::string m_ImagerCommand;
   std::string m_Identity;
   std::string m_First;
@@ -132,6 +136,7 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   std::atomic<QMErrors::QMErrorT> m_ReceiveError{QMErrors::NoError};
   std::atomic<void*> m_hProcess{nullptr};
   std::atomic<void*> m_hMainThread{nullptr};
+  std::vector<std::string> m_HandedOver;  // files that the imager deletes once it has read them
   void* m_hNews;  // set by the worker when a start may have succeeded or failed
   DWORD m_dwProcessId = 0;
   DWORD m_dwThreadId = 0;

@@ -252,7 +252,6 @@ TEST_F(CTPImagerUser, HandsAnExposureOver) {
             " <Profile Name = \"normal\"  />\r\n"
             "</ImageControl >\r\n");
   EXPECT_EQ(icf.str(), content);
-  qm::platform::deleteFile(icfPath.c_str());
 
   // What cannot be described leaves no files.
   const auto folder = std::filesystem::path(qm::platform::nativePath(icfPath.c_str())).parent_path();
@@ -264,6 +263,8 @@ TEST_F(CTPImagerUser, HandsAnExposureOver) {
             QMErrors::BadMissingMalformedICFFile);
   EXPECT_NE(stackText().find("REASON: From icf.Save()"), std::string::npos);
   EXPECT_EQ(count(), before);
+  EXPECT_EQ(imager.StopImager(), NoError);
+  EXPECT_EQ(count(), before - 1) << "a file that the imager did not read goes with the imager";
 }
 
 TEST(ICFC, ProfilesAreANameAndSettings) {

@@ -13,6 +13,7 @@
 #include <thread>
 #include <utility>
 
+#include "qmutils/comms/PoolNames.h"
 #include "qmutils/comms/SvComms.h"
 #include "qmutils/foundation/QMDBprintf.h"
 
@@ -57,6 +58,22 @@ std::vector<std::string> PoolTest::sharedObjects() const {
 
 std::string PoolTest::pathOf(const std::string& name) const {
   return std::string(kSharedMemory) + "/" + prefix_ + name;
+}
+
+std::string receive(DWORD timeoutMs) {
+  char text[256];
+  const int code = SvReceiveMessage(text, sizeof text, timeoutMs);
+  return code == 0 ? text : std::to_string(code);
+}
+
+OpenObjects::OpenObjects() : SharedObjects(qm::kPoolObjectNames, qm::kPoolSectionKind) {}
+
+bool OpenObjects::open() {
+  const auto deadline = qm::platform::Deadline::after(20'000);
+  if (openMutex(deadline) != WAIT_OBJECT_0 || acquire(deadline) != WAIT_OBJECT_0) return false;
+  const bool opened = openEvent() && openSection();
+  leave();
+  return opened;
 }
 
 DebugLines::DebugLines() {

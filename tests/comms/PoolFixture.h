@@ -9,6 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "qmutils/platform/named_objects.h"
+#include "qmutils/platform/types.h"
+
 namespace qmtest {
 
 /// Gives every test pool objects of its own and demands that none is left at its end.
@@ -25,6 +28,17 @@ class PoolTest : public ::testing::Test {
 
  private:
   std::string prefix_;
+};
+
+/// The next message for this process, or the code as a text.
+std::string receive(DWORD timeoutMs = 0);
+
+/// The pool's shared objects without the pool, opened by a test itself.
+class OpenObjects : public qm::platform::SharedObjects {
+ public:
+  OpenObjects();
+  bool open();
+  void leave() { wake(release()); }
 };
 
 /// The lines that the library hands to QMDBprintf's callback while the object lives. One at a time.

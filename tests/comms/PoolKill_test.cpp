@@ -237,7 +237,7 @@ class PoolKill : public qmtest::PoolTest {
   void expectSoundPool();
   void noteWaiting();
 
-  platform::SharedObjects pool_{kPoolObjectNames, kPoolSectionKind};
+  qmtest::OpenObjects pool_;
   pid_t users_[kUsers] = {};
   int kills_[kUsers] = {};
   int totalKills_ = 0;
@@ -248,10 +248,7 @@ class PoolKill : public qmtest::PoolTest {
 /// The killer has the pool open, so that it lives from the first to the last message.
 void PoolKill::joinPool() {
   ASSERT_EQ(SvOpenComms(999), 0);
-  ASSERT_EQ(pool_.openMutex(Deadline::after(20'000)), WAIT_OBJECT_0);
-  ASSERT_EQ(pool_.acquire(Deadline::after(20'000)), WAIT_OBJECT_0);
-  ASSERT_TRUE(pool_.openEvent() && pool_.openSection());
-  pool_.wake(pool_.release());
+  ASSERT_TRUE(pool_.open());
 }
 
 void PoolKill::start(int user) {
@@ -342,8 +339,11 @@ TEST_F(PoolKill, NothingIsTornDoubledDisorderedOrLost) {
   const std::uint32_t withMutex = ledger->repairs;
   std::printf("%d kills (%u by themselves), %u repairs by users, %d by the killer, in %.1f s\n",
               totalKills_, ledger->selfKills.load(), withMutex, repairsByKiller_, elapsed());
-  std::printf("%u messages sent, %u received, %u purged, %u waiting, %u lost with a receiver\n",
-              sent, received, purged, waiting, lost[0] + lost[1] + lost[2]);
+  std::printf("%u messages sent, %u received, %u purged, %u waiting\n", sent, received, purged,
+              waiting);
+  std::printf("lost with their receiver: %u and %u in %d and %d deaths, in batches %u in %d\n",
+              lost[0], lost[1], kills_[kSenders], kills_[kSenders + 1], lost[kBatchReceiver],
+              kills_[kSenders + kBatchReceiver]);
   EXPECT_EQ(ledger->torn, 0u);
   EXPECT_EQ(ledger->doubled, 0u);
   EXPECT_EQ(ledger->disordered, 0u);

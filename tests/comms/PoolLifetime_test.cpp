@@ -24,8 +24,8 @@
 #include "tests/support/FakeClock.h"
 
 using qm::platform::Deadline;
-using qm::platform::SharedObjects;
 using qmtest::Child;
+using qmtest::OpenObjects;
 
 namespace {
 
@@ -96,19 +96,6 @@ TEST_F(PoolLifetime, WhoOpensWhileOthersDieMeetsTheRest) {
   EXPECT_GT(deaths, 1000);
   ASSERT_EQ(SvOpenComms(5), 0);
 }
-
-class OpenObjects : public SharedObjects {
- public:
-  OpenObjects() : SharedObjects(qm::kPoolObjectNames, qm::kPoolSectionKind) {}
-  bool open() {
-    if (openMutex(Deadline::after(20'000)) != WAIT_OBJECT_0) return false;
-    if (acquire(Deadline::after(20'000)) != WAIT_OBJECT_0) return false;
-    const bool opened = openEvent() && openSection();
-    leave();
-    return opened;
-  }
-  void leave() { wake(release()); }
-};
 
 TEST_F(PoolLifetime, TheMutexIsRecursiveAndNoticesDeadOwnersUntilRepaired) {
   OpenObjects objects;

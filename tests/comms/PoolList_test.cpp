@@ -92,32 +92,6 @@ TEST(PoolList, MessagesForNobodyAreRemovedInPassing) {
   }
 }
 
-TEST(PoolList, LongTextsAreCut) {
-  Pool pool;
-  const std::string longText(300, 'x');
-  pool.append(longText, 5);
-  EXPECT_EQ(pool.take(5), longText.substr(0, 255));
-  pool.append("abcdef", 5);
-  char small[4] = {'#', '#', '#', '#'};
-  EXPECT_EQ(pool.list.take(5, small, 3), PoolTake::Taken);
-  EXPECT_STREQ(small, "ab");
-  EXPECT_EQ(small[3], '#');
-  pool.append("gone", 5);
-  EXPECT_EQ(pool.list.take(5, nullptr, 0), PoolTake::Taken);
-  EXPECT_EQ(pool.list.count(), 0);
-}
-
-TEST(PoolList, HoldsTwoHundredMessages) {
-  Pool pool;
-  for (int i = 0; i < 200; ++i) pool.append(std::to_string(i), 5);
-  EXPECT_EQ(pool.list.append("too many", 5), PoolAppend::Full);
-  EXPECT_TRUE(pool.list.isSound());
-  EXPECT_EQ(pool.take(5), "0");
-  EXPECT_EQ(pool.list.append("200", 5), PoolAppend::Added);
-  for (int i = 1; i <= 200; ++i) EXPECT_EQ(pool.take(5), std::to_string(i));
-  EXPECT_TRUE(pool.list.isSound());
-}
-
 // The state of the section at each step of an operation, as a killed process would leave it.
 std::vector<PoolSection> snapshots;
 const PoolSection* watched = nullptr;

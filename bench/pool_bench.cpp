@@ -1,13 +1,14 @@
 // Messages between two processes: there and back, and one way as fast as they go. The peers are a
 // pair of POSIX message queues and a Boost.Interprocess message queue of the pool's measures.
 //
-// What counts is the ratio to the peer. Waking another process costs anything between 2 and 20 us,
-// by where the system puts it, so compare interleaved medians, free and on one processor:
+// What counts is the ratio to the peer, on two processors and on one. Left to itself the system
+// flips between the two, and waking another process costs 2 us or 20, so the two processes are
+// placed: each on a processor of its own where two are allowed. Compare interleaved medians:
 //   pool_bench --benchmark_enable_random_interleaving=true --benchmark_repetitions=15
 //   taskset -c 0 pool_bench ...
 #include <benchmark/benchmark.h>
 #include <mqueue.h>
-#include <signal.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,11 +37,32 @@ std::string uniqueName(const char* what) {
   return "/qmutils-bench-" + std::to_string(::getpid()) + what;
 }
 
+/// Keeps the calling process on the `which`-th (from 0) of the processors it was allowed at start;
+/// on the only one when there is no other.
+void stayOnProcessor(int which) {
+  static const cpu_set_t allowed = [] {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    ::sched_getaffinity(0, sizeof set, &set);
+    return set;
+  }();
+  which %= CPU_COUNT(&allowed);
+  for (int processor = 0; processor < CPU_SETSIZE; ++processor) {
+    if (!CPU_ISSET(processor, &allowed) || which-- > 0) continue;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(processor, &one);
+    ::sched_setaffinity(0, sizeof one, &one);
+    return;
+  }
+}
+
 /// Runs `body` in another process until it returns.
 class FarProcess {
  public:
   explicit FarProcess(const std::function<void()>& body) : pid_(::fork()) {
     if (pid_ == 0) {
+      stayOnProcessor(1);
       body();
       ::_exit(0);
     }
@@ -210,4 +232,10 @@ BENCHMARK(openAndClose);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  stayOnProcessor(0);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+}

@@ -19,6 +19,10 @@ if(MSVC)
   target_compile_options(qmutils_flags INTERFACE /W4 /WX)
 else()
   target_compile_options(qmutils_flags INTERFACE -Wall -Wextra -Werror)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    # False alarms on "text" + std::string at -O3 (GCC bug 105651).
+    target_compile_options(qmutils_flags INTERFACE -Wno-restrict)
+  endif()
 endif()
 if(QMUTILS_SANITIZE)
   target_compile_options(qmutils_flags INTERFACE

@@ -240,6 +240,8 @@ QMErrorT QMCommMsgC::FromXMLAttributes(std::istream& is) {
     if (!FromXMLAttribute(raw, value)) {
       return failReading(is, QMErrors::FailedToReadXMLObject, kWhileReadingValue, raw.text());
     }
+    // A stream that could not grow has turned bad and holds only the beginning.
+    if (raw.bad() || value.bad()) return QMErrors::MemoryAllocationFailed;
     const QMErrorT stored = StoreParameter(name.c_str(), std::string(value.text()).c_str());
     if (stored != QMErrors::NoError) return stored;
     eatXMLwhite(is);

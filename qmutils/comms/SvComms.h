@@ -54,7 +54,7 @@ QMUTILS_API QMErrors::QMErrorT SvReceiveMultipleMessages(char* buffer, int size,
 
 /// 1 when `match(text, context)` is not 0 for some message for the own identifier; the messages
 /// stay. 0 otherwise, without a connection, and when the mutex does not come free for 5 s. `match`
-/// runs with the pool locked: it must be quick and must not call the pool.
+/// runs with the pool locked: it must be quick, must not throw and must not call the pool.
 QMUTILS_API int SvHavePendingMessage(int (*match)(const char* text, void* context), void* context);
 
 /// 1 while the pool holds 180 messages or more: senders should hold back.

@@ -8,6 +8,7 @@
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/prompt.h"
+#include "qmutils/platform/suspension_deferral.h"
 #include "qmutils/platform/thread.h"
 #include "qmutils/platform/waitable.h"
 
@@ -15,8 +16,10 @@ using namespace qm::platform;
 
 namespace {
 
+// m_lSectionLock: two bits, and above them the number of waiting threads.
 constexpr std::uint32_t kTaken = 1;
-constexpr std::uint32_t kOneWaiter = 2;
+constexpr std::uint32_t kWakePosted = 2;  // since the last wake-up that a waiter has consumed
+constexpr std::uint32_t kOneWaiter = 4;
 
 constexpr unsigned kNoTag = ~0u;
 constexpr unsigned kMaximumLocks = 0xFFFFFFFFu;
@@ -82,16 +85,12 @@ QMErrors::QMErrorT QMCriticalSectionC::EnterCriticalSection(const char* locker, 
                                                             unsigned tag) {
   const DWORD self = currentThreadId();
   // Only the owner ever stores its own identifier, so this read needs no lock.
-  if (m_dwCurrentOwnerTID.load(std::memory_order_relaxed) != self) {
-    std::uint32_t free = 0;
-    if (!m_lSectionLock.compare_exchange_strong(free, kTaken, std::memory_order_acquire,
-                                                std::memory_order_relaxed)) {
-      m_lSectionLock.fetch_add(kOneWaiter, std::memory_order_relaxed);
-      const QMErrors::QMErrorT result =
-          WaitForSection(locker, killEvent, timeoutMs, reportTimeout, self);
-      m_lSectionLock.fetch_sub(kOneWaiter, std::memory_order_relaxed);
-      if (result != QMErrors::NoError) return result;
-    }
+  if (GetOwnerTID() != self && !TryTake()) {
+    m_lSectionLock.fetch_add(kOneWaiter, std::memory_order_relaxed);
+    const QMErrors::QMErrorT result =
+        WaitForSection(locker, killEvent, timeoutMs, reportTimeout, self);
+    m_lSectionLock.fetch_sub(kOneWaiter, std::memory_order_relaxed);
+    if (result != QMErrors::NoError) return result;
   }
 
   const unsigned count = m_nLockCount.load(std::memory_order_relaxed);
@@ -114,13 +113,13 @@ QMErrors::QMErrorT QMCriticalSectionC::EnterCriticalSection(const char* locker, 
 }
 
 bool QMCriticalSectionC::TryTake() {
-  std::uint32_t seen = m_lSectionLock.load(std::memory_order_relaxed);
-  while ((seen & kTaken) == 0) {
-    if (m_lSectionLock.compare_exchange_weak(seen, seen | kTaken, std::memory_order_acquire,
-                                             std::memory_order_relaxed)) {
+  std::uint32_t seen = 0;
+  do {
+    if (m_lSectionLock.compare_exchange_strong(seen, seen | kTaken, std::memory_order_acquire,
+                                               std::memory_order_relaxed)) {
       return true;
     }
-  }
+  } while ((seen & kTaken) == 0);
   return false;
 }
 
@@ -135,6 +134,7 @@ QMErrors::QMErrorT QMCriticalSectionC::WaitForSection(const char* locker, void* 
   while (!TryTake() && GetOwnerTID() != self) {
     switch (waitAnyUntil(handles, handleCount, deadline)) {
       case WAIT_OBJECT_0:
+        m_lSectionLock.fetch_and(~kWakePosted, std::memory_order_relaxed);
         break;
       case WAIT_OBJECT_0 + 1:
         ReportError(kEnter, ", locker: ", orUnknown(locker), ", kill event signalled:");
@@ -194,20 +194,31 @@ QMErrors::QMErrorT QMCriticalSectionC::SetLockCount(unsigned count) {
 QMErrors::QMErrorT QMCriticalSectionC::MarkFree() {
   QMErrors::QMErrorT result = QMErrors::NoError;
   m_dwCurrentOwnerTID.store(0, std::memory_order_relaxed);
-  std::uint32_t waiters = m_lSectionLock.load(std::memory_order_relaxed);
-  if ((waiters & kTaken) != 0) {
-    waiters = m_lSectionLock.fetch_sub(kTaken, std::memory_order_release) - kTaken;
+  std::uint32_t rest = m_lSectionLock.load(std::memory_order_relaxed);
+  if ((rest & kTaken) != 0) {
+    rest = m_lSectionLock.fetch_sub(kTaken, std::memory_order_release) - kTaken;
   } else {
     ReportError("QMCriticalSectionC::LeaveCriticalSection(): failed releasing m_lSectionLock: ");
     result = QMErrors::e_CriticalSection_SectionLockReleaseFailed;
   }
-  if (waiters == 0) return result;
-  if (!releaseSemaphore(m_hSemaphore, 1, nullptr) && lastError() != ERROR_TOO_MANY_POSTS) {
+  // A single waiter that is on its way already needs no second wake-up: it takes far longer to wake
+  // than this thread to enter and leave again.
+  if (rest < kOneWaiter || rest == (kOneWaiter | kWakePosted)) return result;
+  if (!PostWakeUp()) {
     ReportError("QMCriticalSectionC::LeaveCriticalSection(): failed releasing m_hSemaphore: ",
                 QMErrToStr(QMErrors::lastOsError()));
     result = QMErrors::e_CriticalSection_LockReleaseFailed;
   }
   return result;
+}
+
+bool QMCriticalSectionC::PostWakeUp() {
+  // Other threads that leave rely on a wake-up marked as posted: no suspension in between.
+  const SuspensionDeferral untilPosted;
+  m_lSectionLock.fetch_or(kWakePosted, std::memory_order_relaxed);
+  if (releaseSemaphore(m_hSemaphore, 1, nullptr) || lastError() == ERROR_TOO_MANY_POSTS) return true;
+  m_lSectionLock.fetch_and(~kWakePosted, std::memory_order_relaxed);
+  return false;
 }
 
 template <class... Parts>

@@ -78,6 +78,7 @@ class QMUTILS_API QMCriticalSectionC {
                                     int reportTimeout, DWORD self);
   QMErrors::QMErrorT SetLockCount(unsigned count);
   QMErrors::QMErrorT MarkFree();
+  bool PostWakeUp();
 
   void LogError(QMstrstream& message);
   void LogInfo(QMstrstream& message);
@@ -87,7 +88,7 @@ class QMUTILS_API QMCriticalSectionC {
   template <class... Parts>
   void ReportWarning(const Parts&... parts);
 
-  // Bit 0: taken. Above it the number of waiting threads, so that leaving knows whether to wake.
+  // Taken or not, and whom to wake when leaving.
   std::atomic<std::uint32_t> m_lSectionLock{0};
   void* m_hSemaphore;  // a wake-up: the section may have become free
   // Written by the owner only; atomic because others read them for reports.

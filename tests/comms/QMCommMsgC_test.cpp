@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "tests/support/FailingAllocation.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -235,6 +236,56 @@ TEST(QMCommMsgC, CopiesOutliveTheirSource) {
   EXPECT_EQ(assigned.m_nStringLen, 0);
   EXPECT_EQ(assigned.GetLastError(), 0);
   EXPECT_EQ(assigned.m_Val, 4096);
+}
+
+/// Lets each allocation of an operation fail in turn. The operation gives the code it ended with,
+/// and leaves its result in `message`.
+void expectCodeWhenMemoryRunsOut(const QMCommMsgC& wanted, const auto& operation) {
+  for (int n = 1;; ++n) {
+    QMCommMsgC message(wanted.m_bXMLFormat != 0);
+    std::istringstream is(written(wanted));
+    qmtest::LogCapture log;
+    bool failed = false;
+    QMErrors::QMErrorT code;
+    {
+      qmtest::FailingAllocation nth(n);
+      code = operation(message, is);
+      failed = nth.hasFailed();
+    }
+    if (!failed) {
+      EXPECT_GT(n, 1);
+      EXPECT_EQ(written(message), written(wanted));
+      return;
+    }
+    EXPECT_TRUE(code == 2001 || written(message) == written(wanted)) << "allocation " << n;
+  }
+}
+
+TEST(QMCommMsgC, RunningOutOfMemoryIsACode) {
+  for (const bool xml : {true, false}) {
+    QMCommMsgC wanted(xml);
+    wanted.SetMessageString("a text that is too long for a string to hold it in itself & more");
+    wanted.SetQualifierString("another text that is too long for a string to hold it in itself");
+    expectCodeWhenMemoryRunsOut(wanted, [](QMCommMsgC& message, std::istream& is) {
+      is >> message;
+      return message.GetLastError();
+    });
+    expectCodeWhenMemoryRunsOut(wanted, [&](QMCommMsgC& message, std::istream&) {
+      const auto string = message.SetMessageString(wanted.GetMessageString());
+      const auto qualifier = message.SetQualifierString(wanted.GetQualifierString());
+      return string != 0 ? string : qualifier;
+    });
+  }
+  const QMCommMsgC source = sample(true);
+  QMCommMsgC copy;
+  qmtest::LogCapture log;
+  {
+    qmtest::FailingAllocation first(1);
+    copy = source;
+  }
+  EXPECT_EQ(log.text(), " ERROR: QMCommMsgC::Clone(): failed - Memory allocation failed: 2001\n");
+  EXPECT_EQ(copy.GetMessageString(), nullptr);
+  EXPECT_EQ(copy.m_Val, 4096);
 }
 
 }  // namespace

@@ -256,22 +256,35 @@ TEST(QMCriticalSectionC, ReportsThroughMessageBoxesWhenAskedTo) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST(QMCriticalSectionC, ExcludesThreadsFromEachOther) {
+class Contention : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(QMCriticalSectionC, Contention, testing::Values(2, 4));
+
+TEST_P(Contention, ExcludesThreadsAndLosesNoWakeUp) {
   QMCriticalSectionC section;
+  constexpr int kRounds = 50000;
   long counter = 0;  // plain on purpose: only the section guards it
+  std::atomic<int> running{GetParam()};
+  qmtest::LogCapture log;
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
+  for (int t = 0; t < GetParam(); ++t) {
     threads.emplace_back([&] {
-      for (int i = 0; i < 5000; ++i) {
+      for (int i = 0; i < kRounds; ++i) {
         User user(&section);
-        ASSERT_EQ(user.EnterCriticalSection("adder", 30000), NoError);
-        ASSERT_EQ(user.EnterCriticalSection("again", 30000), NoError);
+        // A lost wake-up would let the last waiter sleep until its time is up.
+        EXPECT_EQ(user.EnterCriticalSection("adder", 30000), NoError);
+        EXPECT_EQ(user.EnterCriticalSection("again", 30000), NoError);
         ++counter;
       }
+      --running;
     });
   }
+  long impatient = 0;
+  for (DWORD timeoutMs = 0; running != 0; timeoutMs ^= 1) {
+    User user(&section);
+    if (user.EnterCriticalSection("impatient", timeoutMs) == NoError) ++counter, ++impatient;
+  }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(counter, 20000);
+  EXPECT_EQ(counter, GetParam() * kRounds + impatient);
 }
 
 }  // namespace

@@ -10,17 +10,12 @@ int main() {
   QMErrors::QMErrorT result = QMCreateMessage(3, 12, 40, -1, "go", "page.tif", text, sizeof text);
   if (result == QMErrors::NoError) result = SvSendMessage(text, 2000, 40);
 
-  char string[256];
-  char qualifier[256];
-  QMErrors::QMMessagePacketT packet;
-  packet.pString = string;
-  packet.nStringSize = sizeof string;
-  packet.pQualifier = qualifier;
-  packet.nQualifierSize = sizeof qualifier;
+  qm::MessagePacket packet;
   if (result == QMErrors::NoError) result = SvReceiveMessage(text, sizeof text, 500);
   if (result == QMErrors::NoError) result = QMExtractMessagePacket(text, packet);
   SvCloseComms();
   if (result != QMErrors::NoError) return 1;
-  std::printf("type %d, code %d: %s %s\n", packet.nType, packet.nCode, string, qualifier);
+  std::printf("type %d, code %d: %s %s\n", packet.nType, packet.nCode, packet.pString,
+              packet.pQualifier);
   return packet.nCode == 12 ? 0 : 1;
 }

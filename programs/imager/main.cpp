@@ -77,13 +77,7 @@ bool parseOptions(int argc, char** argv, Options& options) {
 
 /// Handles one message; false when it asks the imager to end.
 bool handle(const char* text, const ControlLink& link, ExposerC& exposer) {
-  char mainText[257];
-  char qualifier[257];
-  QMErrors::QMMessagePacketT packet;
-  packet.pString = mainText;
-  packet.nStringSize = sizeof mainText;
-  packet.pQualifier = qualifier;
-  packet.nQualifierSize = sizeof qualifier;
+  qm::MessagePacket packet;
   const QMErrors::QMErrorT decoded = QMExtractMessagePacket(text, packet);
   if (decoded != QMErrors::NoError) {
     link.reportFailure(0, {decoded, "a message that cannot be read", ""});

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <thread>
 
 #include "programs/testtool/Command.h"
 #include "programs/testtool/ConsoleImager.h"
@@ -174,6 +175,17 @@ unsigned short freshId() {
   return static_cast<unsigned short>(1000 + ticks / 1000 % 30000 * 2);
 }
 
+/// Ctrl-C ends the wait for an imager that does not come up.
+QMErrors::QMErrorT startImager(ConsoleImager& imager, CTPImagerUserC::ImagerStartDataC& data) {
+  const std::jthread watcher([&imager](const std::stop_token& started) {
+    while (!started.stop_requested()) {
+      if (interrupted()) (void)imager.stop();
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  });
+  return imager.StartImager(data);
+}
+
 int exposeAll(const Options& options) {
   ConsoleImager imager(imagerCommand(options));
   const unsigned short id = freshId();
@@ -181,8 +193,11 @@ int exposeAll(const Options& options) {
   CTPImagerUserC::ImagerStartDataC data("", profile.c_str(), id,
                                         static_cast<unsigned short>(id + 1), 0);
   int status = kSuccess;
-  const QMErrors::QMErrorT started = imager.StartImager(data);
-  if (started != QMErrors::NoError) {
+  const QMErrors::QMErrorT started = startImager(imager, data);
+  if (interrupted()) {
+    std::fputs("testtool expose: stopped before the first page\n", stderr);
+    status = kInterrupted;
+  } else if (started != QMErrors::NoError) {
     std::fprintf(stderr, "testtool expose: the imager does not start: %s\n", QMErrToStr(started));
     status = kFailure;
   }

@@ -1,4 +1,5 @@
-// One message as a plain record, for callers that fill it and pass it by reference.
+// One message as a plain record, for callers that fill it and pass it by reference; and a record
+// with room for the texts of any message, to receive one.
 #pragma once
 
 namespace QMErrors {
@@ -17,3 +18,27 @@ struct QMMessagePacketT {
 };
 
 }  // namespace QMErrors
+
+namespace qm {
+
+/// Bytes for any text of the pool with its NUL, and one to spare.
+inline constexpr unsigned short kMessageTextSize = 257;
+
+/// A record whose texts lie in the object itself: any message of the pool can be read into it.
+class MessagePacket : public QMErrors::QMMessagePacketT {
+ public:
+  MessagePacket() {
+    pString = string_;
+    nStringSize = kMessageTextSize;
+    pQualifier = qualifier_;
+    nQualifierSize = kMessageTextSize;
+  }
+  MessagePacket(const MessagePacket&) = delete;
+  MessagePacket& operator=(const MessagePacket&) = delete;
+
+ private:
+  char string_[kMessageTextSize] = "";
+  char qualifier_[kMessageTextSize] = "";
+};
+
+}  // namespace qm

@@ -156,6 +156,7 @@ QMErrorT CTPImagerUserC::AwaitStarted() {
       (void)stop();
       return m_ReceiveError;
     }
+    if (!IsAlive()) return GiveUpStarting();
     const Deadline roundEnd = Deadline::after(kStartRoundMs);
     while (!m_bImagerStarted && !m_bImagerDied && m_ReceiveError == NoError &&
            waitUntil(m_hNews, roundEnd) == WAIT_OBJECT_0) {
@@ -165,6 +166,15 @@ QMErrorT CTPImagerUserC::AwaitStarted() {
   (void)StopImager();
   LeavePool();
   return QMErrors::CommandTimedOut;
+}
+
+/// The worker was told to stop meanwhile. An imager that has not reported itself has no job yet.
+QMErrorT CTPImagerUserC::GiveUpStarting() {
+  qm::logWarning(0, kStartImager, "Signalled to die while waiting for imager to start");
+  stack(kStartImager, QMErrors::TheWaitWasForcedToExit, "While waiting for imager to start");
+  KillImager();
+  ReleaseImager();
+  return QMErrors::TheWaitWasForcedToExit;
 }
 
 /// The thread that closes the pool owns its mutex until that thread ends, so it is the worker, or
@@ -235,13 +245,7 @@ QMErrorT CTPImagerUserC::ReceiveOne() {
 }
 
 void CTPImagerUserC::Dispatch(const char* text) {
-  char mainText[kMessageSize + 1];
-  char qualifier[kMessageSize + 1];
-  QMErrors::QMMessagePacketT packet;
-  packet.pString = mainText;
-  packet.nStringSize = sizeof mainText;
-  packet.pQualifier = qualifier;
-  packet.nQualifierSize = sizeof qualifier;
+  qm::MessagePacket packet;
   const QMErrorT decoded = QMExtractMessagePacket(text, packet);
   if (decoded != NoError) {
     stack(kRun, decoded, std::string("SvReceiveMessage() returned: ") + QMErrToStr(decoded));
@@ -270,7 +274,7 @@ QMErrorT CTPImagerUserC::StopImager() try {
   if (m_hProcess == nullptr) return NoError;
   m_bStoppingImager = true;
   if (wait(m_hProcess, 0) != WAIT_OBJECT_0) {
-    const QMErrorT sent = SendCommand(qm::imager::kCodeStop, m_nChildID, "");
+    const QMErrorT sent = SendStop();
     if (sent != NoError) {
       stack(kStopImager, sent, std::string("SendMessage() returned: ") + QMErrToStr(sent));
     }
@@ -280,6 +284,16 @@ QMErrorT CTPImagerUserC::StopImager() try {
   return result;
 } catch (const std::bad_alloc&) {
   return QMErrors::MemoryAllocationFailed;
+}
+
+QMErrorT CTPImagerUserC::SendStop() {
+  // A program that ends stops all its threads first; the worker has then left the pool.
+  const bool rejoins = !IsAlive();
+  QMErrorT result = rejoins ? SvOpenComms(m_nParentID) : NoError;
+  if (result != NoError) return result;
+  result = SendCommand(qm::imager::kCodeStop, m_nChildID, "");
+  if (rejoins) LeavePool();
+  return result;
 }
 
 QMErrorT CTPImagerUserC::AwaitImagerEnd() {

@@ -63,7 +63,8 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
 
   /// Joins the pool, launches the imager and waits up to 60 s until it reports that it has started.
   /// 0 at once while an imager is held. The pool's code; 2039 "Error Unable To Create Process"; the
-  /// worker's code; 2207 "Imager has died"; 2013 "Command timed out".
+  /// worker's code; 2207 "Imager has died"; 2013 "Command timed out"; 2049 when another thread called
+  /// stop() meanwhile, which terminates the imager.
   QMErrors::QMErrorT StartImager(ImagerStartDataC& data);
 
   /// Asks the imager to end and waits 60 s; then asks the operator whether to go on waiting or to
@@ -108,11 +109,13 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   QMErrors::QMErrorT Launch();
   QMErrors::QMErrorT StartWorker();
   QMErrors::QMErrorT AwaitStarted();
+  QMErrors::QMErrorT GiveUpStarting();
   void LeavePool();
   void ReportDeath();
   QMErrors::QMErrorT ReceiveOne();
   void Dispatch(const char* text);
   QMErrors::QMErrorT SendCommand(int code, int value, const char* text);
+  QMErrors::QMErrorT SendStop();
   QMErrors::QMErrorT AwaitImagerEnd();
   bool AskWhetherToWait() const;
   void KillImager();

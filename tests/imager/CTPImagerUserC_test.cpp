@@ -201,6 +201,25 @@ TEST_F(CTPImagerUser, AnImagerThatNeverReportsIsStoppedAfterAMinute) {
   EXPECT_EQ(start(imager, "normal"), NoError);
 }
 
+TEST_F(CTPImagerUser, AStartIsGivenUpWhenTheThreadIsToldToStop) {
+  TestImager imager;
+  std::thread impatient([&] {
+    while (!imager.IsAlive()) std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(imager.stop(), NoError);
+  });
+  EXPECT_EQ(start(imager, "silent"), QMErrors::TheWaitWasForcedToExit);
+  impatient.join();
+  EXPECT_EQ(start(imager, "normal"), NoError) << "the silent imager is gone";
+}
+
+TEST_F(CTPImagerUser, StopsInAnOrderlyWayAfterAllThreadsWereStopped) {
+  TestImager imager;
+  ASSERT_EQ(start(imager, "normal"), NoError);
+  EXPECT_EQ(QMThreadC::stopAll(), NoError);
+  EXPECT_EQ(imager.StopImager(), NoError);
+  EXPECT_TRUE(QMErrorC::IsEmpty()) << stackText();
+}
+
 std::vector<std::string> questions;
 
 TEST_F(CTPImagerUser, TheOperatorDecidesAboutAnImagerThatDoesNotStop) {

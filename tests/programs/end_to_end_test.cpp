@@ -173,6 +173,19 @@ TEST_F(Programs, CtrlCStopsAnExposureInAnOrderlyWay) {
   }
 }
 
+TEST_F(Programs, CtrlCEndsTheWaitForAnImagerThatDoesNotComeUp) {
+  const std::string silent = folder_.file("silent");
+  std::ofstream(silent) << "#!/bin/sh\nexec sleep 600\n";
+  fs::permissions(silent, fs::perms::owner_all);
+  Program testtool(TESTTOOL, expose({"--imager", silent, makePage("page.tif")}));
+  ASSERT_TRUE(await([&] { return testtool.child() != 0; })) << testtool.errors();
+  const pid_t imager = testtool.child();
+  testtool.signal(SIGINT);
+  EXPECT_EQ(testtool.wait(), 130);
+  EXPECT_EQ(testtool.errors(), "testtool expose: stopped before the first page\n");
+  EXPECT_FALSE(isRunning(imager));
+}
+
 TEST_F(Programs, AnImagerThatDiesIsReported) {
   const std::string slow = makePage("slow.tif");
   for (const int number : {SIGKILL, SIGTERM}) {

@@ -76,13 +76,7 @@ int main(int argc, char** argv) {
     char text[256];
     const QMErrors::QMErrorT received = SvReceiveMessage(text, sizeof text, 60000);
     if (received != QMErrors::NoError) return 4;  // nobody commands this imager any more
-    char mainText[257];
-    char qualifier[257];
-    QMErrors::QMMessagePacketT packet;
-    packet.pString = mainText;
-    packet.nStringSize = sizeof mainText;
-    packet.pQualifier = qualifier;
-    packet.nQualifierSize = sizeof qualifier;
+    qm::MessagePacket packet;
     if (QMExtractMessagePacket(text, packet) == QMErrors::NoError && !handle(packet, profile)) {
       return 0;
     }

@@ -1,6 +1,7 @@
 #include "qmutils/app/CQMAppUtils.h"
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -27,22 +28,31 @@ QMErrors::QMErrorT readModulePath(HINSTANCE module, std::string& path, const cha
   return error;
 }
 
-QMErrors::QMErrorT pathOf(HINSTANCE module, CString& path, bool stripName, const char* label) {
+QMErrors::QMErrorT noMemory(const char* label) {
+  qm::logError(label, QMErrToStr(QMErrors::MemoryAllocationFailed));
+  return QMErrors::MemoryAllocationFailed;
+}
+
+QMErrors::QMErrorT pathOf(HINSTANCE module, CString& path, bool stripName, const char* label) try {
   std::string text;
   const QMErrors::QMErrorT result = readModulePath(module, text, label);
   if (stripName) text.resize(std::min(text.find_last_of(kModuleSeparators), text.size()));
   if (result == QMErrors::NoError) path = text.c_str();
   return result;
+} catch (const std::bad_alloc&) {
+  return noMemory(label);
 }
 
 QMErrors::QMErrorT nameOf(HINSTANCE module, CString& name, bool stripExtension,
-                          const char* label) {
+                          const char* label) try {
   std::string text;
   const QMErrors::QMErrorT result = readModulePath(module, text, label);
   text.erase(0, text.find_last_of(kModuleSeparators) + 1);
   if (stripExtension) text.resize(std::min(text.rfind('.'), text.size()));
   if (result == QMErrors::NoError) name = text.c_str();
   return result;
+} catch (const std::bad_alloc&) {
+  return noMemory(label);
 }
 
 /// The folder of a path when it is the root itself, which SplitPath() shows as no folder at all.

@@ -44,9 +44,9 @@ void PoolList::setCount(std::uint16_t count) noexcept {
 }
 
 /// What must hold before a message may be linked behind the newest.
-bool PoolList::endsAgree() const noexcept {
-  const std::uint16_t first = section_.start_of_list;
-  const std::uint16_t last = section_.end_of_list;
+bool PoolList::endsAgree(std::uint16_t* newest) const noexcept {
+  const std::uint16_t first = read(section_.start_of_list);
+  const std::uint16_t last = *newest = read(section_.end_of_list);
   if (first >= kPoolSlots || last >= kPoolSlots) return false;
   if (count() == 0) return first == 0 && last == 0 && !isTaken(0);
   return isTaken(first) && isTaken(last) && section_.slots[last].next == last;
@@ -60,14 +60,16 @@ std::uint16_t PoolList::lowestFreeSlot() const noexcept {
     bool allTaken = true;
     for (std::uint16_t i = 0; i < kAtOnce; ++i) allTaken &= isTaken(first + i);
     if (allTaken) continue;
-    while (isTaken(first)) ++first;
-    return first;
+    for (std::uint16_t i = first; i < first + kAtOnce; ++i) {
+      if (!isTaken(i)) return i;
+    }
   }
   return kNone;
 }
 
 PoolAppend PoolList::append(std::string_view text, std::uint16_t destination) noexcept {
-  if (!endsAgree()) return PoolAppend::Damaged;
+  std::uint16_t newest;
+  if (!endsAgree(&newest)) return PoolAppend::Damaged;
   const std::uint16_t number = lowestFreeSlot();
   if (number == kNone) return count() == kPoolSlots ? PoolAppend::Full : PoolAppend::Damaged;
   const bool empty = count() == 0;
@@ -79,14 +81,14 @@ PoolAppend PoolList::append(std::string_view text, std::uint16_t destination) no
   slot.Msg[length] = '\0';
   slot.DestID = destination;
   slot.index = number;
-  slot.prev = section_.end_of_list;
+  slot.prev = newest;
   slot.next = number;
   poolStep(PoolStep::AppendFilled);
   // In an empty pool the slot is number 0, the head of the list, and this store decides.
   decide(slot.Taken, std::uint32_t{1});
   poolStep(PoolStep::AppendMarked);
   // Else this one does; until then the slot hangs on nothing and a repair frees it.
-  if (!empty) decide(section_.slots[section_.end_of_list].next, number);
+  if (!empty) decide(section_.slots[newest].next, number);
   poolStep(PoolStep::AppendLinked);
   section_.end_of_list = number;
   poolStep(PoolStep::AppendEndMoved);
@@ -96,13 +98,14 @@ PoolAppend PoolList::append(std::string_view text, std::uint16_t destination) no
 }
 
 PoolTake PoolList::take(std::uint16_t receiver, char* buffer, std::size_t size) noexcept {
-  std::uint16_t at = section_.start_of_list;
+  std::uint16_t at = read(section_.start_of_list);
   if (at >= kPoolSlots) return PoolTake::Damaged;
   if (!isTaken(at)) return count() == 0 ? PoolTake::None : PoolTake::Damaged;
   std::uint16_t older = kNone;
   for (int steps = 0; steps < kPoolSlots; ++steps) {
-    const PoolSlot& slot = section_.slots[at];
-    if (slot.next >= kPoolSlots) return PoolTake::Damaged;
+    PoolSlot& slot = section_.slots[at];
+    const std::uint16_t next = read(slot.next);
+    if (next >= kPoolSlots) return PoolTake::Damaged;
     if (slot.DestID == receiver) {
       if (size > 0) {
         const std::size_t length = std::min(textLength(slot.Msg, kPoolTextSize - 1), size - 1);
@@ -110,13 +113,12 @@ PoolTake PoolList::take(std::uint16_t receiver, char* buffer, std::size_t size) 
         buffer[length] = '\0';
       }
       poolStep(PoolStep::TakeCopied);
-      remove(at, older);
+      remove(at, older, next);
       return PoolTake::Taken;
     }
-    const std::uint16_t next = slot.next;
     if (next == at && at != section_.end_of_list) return PoolTake::Damaged;
     if (slot.DestID == 0) {
-      remove(at, older);
+      remove(at, older, next);
     } else {
       older = at;
     }
@@ -127,10 +129,10 @@ PoolTake PoolList::take(std::uint16_t receiver, char* buffer, std::size_t size) 
   return PoolTake::Damaged;
 }
 
-/// `older` is the message before, kNone for the oldest. The slot's `prev` is not trusted.
-void PoolList::remove(std::uint16_t number, std::uint16_t older) noexcept {
+/// `older` is the message before, kNone for the oldest; `newer` the one behind, or `number` itself
+/// for the newest. The slot's own links are not looked at.
+void PoolList::remove(std::uint16_t number, std::uint16_t older, std::uint16_t newer) noexcept {
   PoolSlot& slot = section_.slots[number];
-  const std::uint16_t newer = slot.next;
   const bool oldest = older == kNone;
   const bool newest = newer == number;
   // One store takes the message out. Only then may Taken be cleared: a chain that ran into a free
@@ -160,18 +162,20 @@ void PoolList::remove(std::uint16_t number, std::uint16_t older) noexcept {
   poolStep(PoolStep::TakeCounted);
 }
 
-/// Follows the list over taken slots and ends it where it breaks off or returns to itself. Gives
-/// the newest slot, kNone for an empty list.
-std::uint16_t PoolList::cutChain(bool (&kept)[kPoolSlots]) noexcept {
-  std::uint16_t slot = section_.start_of_list;
-  if (slot >= kPoolSlots || !isTaken(slot)) return kNone;
-  for (;;) {
-    kept[slot] = true;
-    const std::uint16_t next = section_.slots[slot].next;
-    if (next == slot) return slot;
-    if (next >= kPoolSlots || !isTaken(next) || kept[next]) {
+/// Follows the list over taken slots and ends it where it breaks off or returns to itself. Stores
+/// the numbers of its slots, oldest first, and gives how many there are.
+std::uint16_t PoolList::cutChain(std::uint16_t (&order)[kPoolSlots]) noexcept {
+  bool inList[kPoolSlots] = {};
+  std::uint16_t slot = read(section_.start_of_list);
+  if (slot >= kPoolSlots || !isTaken(slot)) return 0;
+  for (std::uint16_t messages = 0;;) {
+    order[messages++] = slot;
+    inList[slot] = true;
+    const std::uint16_t next = read(section_.slots[slot].next);
+    if (next == slot) return messages;
+    if (next >= kPoolSlots || !isTaken(next) || inList[next]) {
       decide(section_.slots[slot].next, slot);
-      return slot;
+      return messages;
     }
     slot = next;
   }
@@ -179,57 +183,56 @@ std::uint16_t PoolList::cutChain(bool (&kept)[kPoolSlots]) noexcept {
 
 void PoolList::repair() noexcept {
   poolStep(PoolStep::RepairBegun);
-  bool kept[kPoolSlots] = {};
-  const std::uint16_t newest = cutChain(kept);
+  std::uint16_t order[kPoolSlots];
+  const std::uint16_t messages = cutChain(order);
   poolStep(PoolStep::RepairCut);
   // Strays are freed before the head of the list moves: a repair that is killed in between must
   // not let the next one find a stray at the head.
+  bool inList[kPoolSlots] = {};
+  for (std::uint16_t i = 0; i < messages; ++i) inList[order[i]] = true;
   for (std::uint16_t slot = 0; slot < kPoolSlots; ++slot) {
-    if (!kept[slot]) decide(section_.slots[slot].Taken, std::uint32_t{0});
+    if (!inList[slot]) decide(section_.slots[slot].Taken, std::uint32_t{0});
   }
   poolStep(PoolStep::RepairFreed);
-  if (newest == kNone) {
-    decide(section_.start_of_list, std::uint16_t{0});
-    section_.end_of_list = 0;
-    poolStep(PoolStep::RepairEndsSet);
-    setCount(0);
-    poolStep(PoolStep::RepairCounted);
-    return;
-  }
-  std::uint16_t older = section_.start_of_list;
-  std::uint16_t messages = 0;
-  for (std::uint16_t at = older;; at = section_.slots[at].next) {
-    section_.slots[at].prev = older;
-    section_.slots[at].index = at;
-    slot(at);  // ends the text
-    ++messages;
-    older = at;
-    if (at == newest) break;
+  if (messages == 0) decide(section_.start_of_list, std::uint16_t{0});
+  for (std::uint16_t i = 0; i < messages; ++i) {
+    PoolSlot& taken = section_.slots[order[i]];
+    taken.prev = order[i == 0 ? 0 : i - 1];
+    taken.index = order[i];
+    slot(order[i]);  // ends the text
   }
   poolStep(PoolStep::RepairBackLinked);
-  section_.end_of_list = newest;
+  section_.end_of_list = messages == 0 ? std::uint16_t{0} : order[messages - 1];
   poolStep(PoolStep::RepairEndsSet);
   setCount(messages);
   poolStep(PoolStep::RepairCounted);
 }
 
+bool PoolList::hasMessages() const noexcept {
+  const std::uint16_t first = read(section_.start_of_list);
+  return first >= kPoolSlots || isTaken(first);
+}
+
 bool PoolList::isSound() const noexcept {
   bool inList[kPoolSlots] = {};
   std::uint16_t messages = 0;
-  if (!endsAgree()) return false;
+  std::uint16_t newest;
+  if (!endsAgree(&newest)) return false;
   if (count() > 0) {
-    std::uint16_t older = section_.start_of_list;
-    for (std::uint16_t at = older;; at = section_.slots[at].next) {
+    std::uint16_t older = read(section_.start_of_list);
+    std::uint16_t next;
+    for (std::uint16_t at = older;; at = next) {
       if (at >= kPoolSlots || !isTaken(at) || inList[at]) return false;
-      const PoolSlot& slot = section_.slots[at];
+      PoolSlot& slot = section_.slots[at];
+      next = read(slot.next);
       if (slot.index != at || slot.prev != older) return false;
       if (textLength(slot.Msg, kPoolTextSize) == kPoolTextSize) return false;
       inList[at] = true;
       ++messages;
       older = at;
-      if (slot.next == at) break;
+      if (next == at) break;
     }
-    if (older != section_.end_of_list) return false;
+    if (older != newest) return false;
   }
   if (messages != count()) return false;
   for (std::uint16_t at = 0; at < kPoolSlots; ++at) {

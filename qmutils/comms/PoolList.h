@@ -10,6 +10,7 @@
 // A walk costs one step a message; nothing allocates, waits or fails otherwise.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string_view>
 
@@ -90,6 +91,9 @@ class PoolList {
   /// True when every index, link and number agrees.
   bool isSound() const noexcept;
 
+  /// True unless the list is empty; of a damaged one it says so too.
+  bool hasMessages() const noexcept;
+
   /// The number of messages; may be called without the mutex.
   std::uint16_t count() const noexcept;
   std::uint16_t start() const noexcept { return section_.start_of_list; }
@@ -98,25 +102,31 @@ class PoolList {
  private:
   static constexpr std::uint16_t kNone = 0xFFFF;
 
+  /// One reading of an index, so that what was checked is what is used: whoever damaged the section
+  /// may go on writing to it.
+  static std::uint16_t read(std::uint16_t& index) noexcept {
+    return std::atomic_ref(index).load(std::memory_order_relaxed);
+  }
+
   bool isTaken(std::uint16_t slot) const noexcept { return section_.slots[slot].Taken != 0; }
-  bool endsAgree() const noexcept;
+  bool endsAgree(std::uint16_t* newest) const noexcept;
   std::uint16_t lowestFreeSlot() const noexcept;
-  void remove(std::uint16_t slot, std::uint16_t older) noexcept;
+  void remove(std::uint16_t slot, std::uint16_t older, std::uint16_t newer) noexcept;
   void setCount(std::uint16_t count) noexcept;
-  std::uint16_t cutChain(bool (&kept)[kPoolSlots]) noexcept;
+  std::uint16_t cutChain(std::uint16_t (&order)[kPoolSlots]) noexcept;
 
   PoolSection& section_;
 };
 
 template <class Each>
 bool PoolList::visit(Each&& each) noexcept {
-  std::uint16_t at = section_.start_of_list;
+  std::uint16_t at = read(section_.start_of_list);
   if (at >= kPoolSlots) return false;
   if (!isTaken(at)) return count() == 0;
   for (int steps = 0; steps < kPoolSlots; ++steps) {
     if (!each(slot(at))) return true;
     if (at == section_.end_of_list) return true;
-    at = section_.slots[at].next;
+    at = read(section_.slots[at].next);
     if (at >= kPoolSlots || !isTaken(at)) return false;
   }
   return false;

@@ -68,9 +68,9 @@ Entity decodeNumber(std::istream& in, char* character) {
     if (c == kEndOfStream) return Entity::InputEnded;
     if (c == ';') break;
     if (!isDigit(c)) return Entity::Bad;
-    value = value * 10 + static_cast<unsigned>(c - '0');
-    if (value >= kLimit) return Entity::Bad;
+    value = std::min(value * 10 + static_cast<unsigned>(c - '0'), kLimit);
   }
+  if (value >= kLimit) return Entity::Bad;
   *character = static_cast<char>(value);
   return Entity::Decoded;
 }

@@ -21,7 +21,7 @@ struct QMMessagePacketT {
 
 namespace qm {
 
-/// Bytes for any text of the pool with its NUL, and one to spare.
+/// Room for any text of a message with its NUL.
 inline constexpr unsigned short kMessageTextSize = 257;
 
 /// A record whose texts lie in the object itself: any message of the pool can be read into it.

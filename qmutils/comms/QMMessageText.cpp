@@ -11,6 +11,7 @@ namespace {
 
 using QMErrors::QMErrorT;
 
+constexpr char16_t kLastAscii = 127;
 constexpr char kSeparator = ';';
 constexpr std::size_t kSeparators = 5;
 /// Texts are read through a buffer of this size, NUL included.
@@ -76,13 +77,18 @@ QMErrorT WorkText::load(const char* from, std::size_t wideLimit) noexcept {
 
 /// The text behind the mark may lie at an odd address, so its units are put together from bytes.
 QMErrorT WorkText::loadWide(const char* bytes, std::size_t limit) noexcept {
-  char16_t units[kWorkSize];
+  char16_t units[kWorkSize + 1];
   std::size_t count = 0;
   for (;; ++count, bytes += 2) {
     if (count == kWorkSize) return QMErrors::BufferTooSmall;
     units[count] = static_cast<char16_t>(static_cast<unsigned char>(bytes[0]) |
                                          static_cast<unsigned char>(bytes[1]) << 8);
     if (units[count] == 0) break;
+    if (units[count] > kLastAscii) {
+      // It decides the result, and no NUL need lie behind it: a text of the pool ends with one byte.
+      units[count + 1] = 0;
+      break;
+    }
   }
   // Limited by the caller's string buffer, although the whole message is converted: installed
   // programs size that buffer for the message.

@@ -27,6 +27,7 @@ using QMErrors::QMErrorT;
 constexpr DWORD kOpenMs = 20'000;
 constexpr DWORD kCloseMs = 2'000;
 constexpr DWORD kPendingMs = 5'000;
+constexpr DWORD kLookAgainMs = 100;
 
 /// Identifier 0 receives nothing, so its doorbell tells waiting senders of free slots.
 constexpr std::uint16_t kRoomBell = 0;
@@ -89,6 +90,7 @@ class Connection {
   void noteOsError() noexcept;
 
   DWORD lock(TimeLimit& limit) noexcept;
+  DWORD lockInCall(TimeLimit& limit) noexcept;
   DWORD tryLock() noexcept;
   DWORD repairIfAbandoned(DWORD waitResult) noexcept;
   void unlock() noexcept;
@@ -216,7 +218,7 @@ QMErrorT Connection::openPool(bool abandoned) noexcept {
 
 /// Ends an opening that came as far as the mutex. Nothing of another's section is touched.
 QMErrorT Connection::giveUpOpening(QMErrorT code) noexcept {
-  // Whoever uses the pool checks it and repairs it where it does not agree, so it is enough to keep
+  // The users check the list and the event, and repair what does not agree, so it is enough to keep
   // the mutex usable.
   objects_.declareRepaired();
   unlock();
@@ -257,6 +259,19 @@ DWORD Connection::lock(TimeLimit& limit) noexcept {
   return repairIfAbandoned(result);
 }
 
+/// The same for calls, which give up with WAIT_FAILED when the connection is closed meanwhile.
+DWORD Connection::lockInCall(TimeLimit& limit) noexcept {
+  DWORD result = tryLock();
+  while (result == WAIT_TIMEOUT) {
+    const DWORD remainingMs = limit.remainingMs();
+    if (remainingMs == 0) return WAIT_TIMEOUT;
+    if (!isConnected()) return WAIT_FAILED;
+    TimeLimit step(std::min(remainingMs, kLookAgainMs));
+    result = lock(step);
+  }
+  return result;
+}
+
 void Connection::unlock() noexcept {
   const platform::Wakes wakes = objects_.release();
   poolStep(PoolStep::Released);
@@ -265,6 +280,8 @@ void Connection::unlock() noexcept {
 
 void Connection::repair() noexcept {
   PoolList pool = list();
+  // A mutex is also abandoned by everyone who closes the pool, which damages nothing.
+  const bool damaged = !pool.isSound() || objects_.eventIsSet() != pool.hasMessages();
   pool.repair();
   poolStep(PoolStep::Repaired);
   if (pool.count() > 0) {
@@ -276,6 +293,7 @@ void Connection::repair() noexcept {
   objects_.wakeEverybody();
   poolStep(PoolStep::WokenEverybody);
   objects_.declareRepaired();
+  if (!damaged) return;
   QMDBprintf(kImportant, kLogMode, "Repaired the pool, %d messages%s", pool.count(), kLineEnd);
 }
 
@@ -304,7 +322,7 @@ PoolTake Connection::take(std::uint16_t receiver, char* buffer, std::size_t size
     result = pool.take(receiver, buffer, size);
   }
   // Also without a message for the receiver: those for nobody may have gone.
-  if (pool.count() != before) {
+  if (result == PoolTake::Taken || pool.count() != before) {
     if (pool.count() == 0) objects_.resetEvent();
     poolStep(PoolStep::EventChanged);
     objects_.ring(kRoomBell);
@@ -318,7 +336,7 @@ QMErrorT Connection::send(const char* text, DWORD timeoutMs, std::uint16_t desti
              ownId_.load(), destination, text, kLineEnd);
   TimeLimit limit(timeoutMs);
   for (;;) {
-    const DWORD locked = lock(limit);
+    const DWORD locked = lockInCall(limit);
     if (locked != WAIT_OBJECT_0) return codeOfFailedWait(locked);
     if (append(text, destination) == PoolAppend::Added) {
       unlock();
@@ -340,7 +358,11 @@ QMErrorT Connection::send(const char* text, DWORD timeoutMs, std::uint16_t desti
 /// linking its message and setting the event leaves nothing else to notice it by.
 DWORD Connection::waitForEvent(TimeLimit& limit) noexcept {
   while (!objects_.eventIsSet()) {
-    if (tryLock() == WAIT_OBJECT_0) unlock();
+    if (tryLock() == WAIT_OBJECT_0) {
+      // Its setting may have died with a sender, and the repair with an opener that had no memory.
+      if (!objects_.eventIsSet() && list().hasMessages()) repair();
+      unlock();
+    }
     if (objects_.eventIsSet()) break;
     const DWORD remainingMs = limit.remainingMs();
     if (remainingMs == 0) return WAIT_TIMEOUT;
@@ -355,7 +377,7 @@ DWORD Connection::lockWhenEventIsSet(TimeLimit& limit) noexcept {
   for (;;) {
     const DWORD waited = waitForEvent(limit);
     if (waited != WAIT_OBJECT_0) return waited;
-    const DWORD locked = lock(limit);
+    const DWORD locked = lockInCall(limit);
     if (locked != WAIT_OBJECT_0 || objects_.eventIsSet()) return locked;
     // Another receiver was faster and took the last message.
     unlock();
@@ -397,7 +419,7 @@ QMErrorT Connection::receiveAll(char* buffer, std::size_t size, DWORD timeoutMs)
     const DWORD waited = waitForEvent(limit);
     if (waited == WAIT_TIMEOUT) return QMErrors::NoError;
     if (waited != WAIT_OBJECT_0) return QMErrors::CommandAborted;
-    const DWORD locked = lock(limit);
+    const DWORD locked = lockInCall(limit);
     if (locked == WAIT_TIMEOUT && heldBefore) return QMErrors::NoError;
     if (locked != WAIT_OBJECT_0) return codeOfFailedWait(locked);
 
@@ -424,7 +446,7 @@ QMErrorT Connection::receiveAll(char* buffer, std::size_t size, DWORD timeoutMs)
 
 bool Connection::havePending(int (*match)(const char*, void*), void* context) noexcept {
   TimeLimit limit(kPendingMs);
-  if (lock(limit) != WAIT_OBJECT_0) return false;
+  if (lockInCall(limit) != WAIT_OBJECT_0) return false;
   const std::uint16_t ownId = ownId_;
   bool found = false;
   const auto matches = [&](const PoolSlot& slot) {
@@ -522,6 +544,9 @@ int SvIsOverloaded(void) {
   return call && call->isOverloaded() ? 1 : 0;
 }
 
-void SvCloseComms(void) { Connection::instance().close(); }
+QMErrors::QMErrorT SvCloseComms(void) {
+  Connection::instance().close();
+  return QMErrors::NoError;
+}
 
 DWORD SvGetCommsOSError(void) { return Connection::instance().osError(); }

@@ -65,7 +65,7 @@ QMUTILS_API int SvIsOverloaded(void);
 /// processes wait until the thread ends or opens the pool again. So the last thing that a thread
 /// does in the pool, close it, should be among the last things it does at all. The log of the
 /// waiting messages waits for the mutex without limit. Does nothing without a connection.
-QMUTILS_API void SvCloseComms(void);
+QMUTILS_API QMErrors::QMErrorT SvCloseComms(void);
 
 /// The system's error number after the most recent operation on the pool's objects.
 QMUTILS_API DWORD SvGetCommsOSError(void);

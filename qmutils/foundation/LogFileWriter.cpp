@@ -20,7 +20,7 @@ constexpr char kAsterisks[] = "*************************************************
 static_assert(sizeof kAsterisks == 64 + 1);
 
 void report(const char* problem, const char* name) noexcept {
-  std::fprintf(stderr, "QMLogFileC::WriteToFile %s%s\n", problem, name);
+  std::fprintf(stderr, "QMLogFileC::WriteToFile%s%s\n", problem, name);
 }
 
 void writeToStandardError(std::string_view text) noexcept {
@@ -110,14 +110,13 @@ void LogFileWriter::write(unsigned int level, const char* text, const LogFileSty
   block.clear();
   const LogTag fullTag(LogStamp::now(), style.tagShowsDate, level);
   const std::string_view tag = style.tag ? fullTag.view() : std::string_view();
-  if (!std::exchange(headerWritten_, true)) {
-    appendHeader(&block, tag, style, wasDeleted, formerName);
-  }
+  if (!headerWritten_) appendHeader(&block, tag, style, wasDeleted, formerName);
   const std::size_t lineStart = block.size();
   block += tag;
   block += text;
-  appendToFile(block);
+  const bool written = file_.append(block);
   if (style.teeCerr) writeToStandardError(std::string_view(block).substr(lineStart));
+  if (!written) reportWriteFailure();
   block_ = std::move(block);
 }
 
@@ -133,7 +132,7 @@ bool LogFileWriter::fileExists() noexcept {
 
 bool LogFileWriter::openFile() noexcept {
   if (file_.isOpen() || file_.open(name_.c_str())) return true;
-  report("Failed to open:", name_.c_str());
+  report("Failed to open:", name_.orEmpty());
   return false;
 }
 
@@ -146,8 +145,9 @@ SharedText LogFileWriter::changeDay(unsigned int level, const LogFileStyle& styl
   std::string line;
   appendLine(&line, style.tag ? tag.view() : std::string_view(),
              {"Log file day has changed: switching to: ", newName});
-  if (openFile()) appendToFile(line);
+  const bool written = !openFile() || file_.append(line);
   if (style.teeCerr) writeToStandardError(line);
+  if (!written) reportWriteFailure();
   if (!setName(nullptr)) throw std::bad_alloc();
   headerWritten_ = false;
   return formerName;
@@ -188,7 +188,8 @@ bool LogFileWriter::isToBeContinued() noexcept {
 
 void LogFileWriter::appendHeader(std::string* block, std::string_view tag,
                                  const LogFileStyle& style, bool wasDeleted,
-                                 const SharedText& formerName) const {
+                                 const SharedText& formerName) try {
+  headerWritten_ = true;  // a line that the extra header logs has no header of its own
   const LogStamp stamp = LogStamp::now();
   appendLine(block, tag, {std::string_view(kAsterisks)});
   appendLine(block, tag, {"** ", name_.c_str(), " Created on:", stamp.date, stamp.time});
@@ -199,11 +200,14 @@ void LogFileWriter::appendHeader(std::string* block, std::string_view tag,
   if (formerName.c_str() != nullptr) {
     appendLine(block, tag, {"Log output continuing from: ", formerName.c_str()});
   }
-  appendLine(block, tag, {"TagFields: TimeStamp Level Thread ThreadPriority Message"});
+  appendLine(block, tag, {"TagFields:", "TimeStamp Level Thread ThreadPriority Message"});
+} catch (const std::bad_alloc&) {
+  headerWritten_ = false;
+  throw;
 }
 
-void LogFileWriter::appendToFile(std::string_view text) noexcept {
-  if (!file_.append(text)) report("Failed to write to:", name_.c_str());
+void LogFileWriter::reportWriteFailure() const noexcept {
+  report("Failed to write to:", name_.orEmpty());
 }
 
 }  // namespace qm

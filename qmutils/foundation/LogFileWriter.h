@@ -48,8 +48,8 @@ class LogFileWriter {
   void deleteStaleFile() noexcept;
   bool isToBeContinued() noexcept;
   void appendHeader(std::string* block, std::string_view tag, const LogFileStyle& style,
-                    bool wasDeleted, const SharedText& formerName) const;
-  void appendToFile(std::string_view text) noexcept;
+                    bool wasDeleted, const SharedText& formerName);
+  void reportWriteFailure() const noexcept;
 
   mutable std::mutex nameMutex_;  ///< for name() against a change of the name
   SharedText root_;               ///< as given, to work out the name of another weekday

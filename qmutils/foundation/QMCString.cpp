@@ -34,6 +34,7 @@ int lowered(char c) noexcept {
 }  // namespace
 
 QMCString::QMCString(const char* text) noexcept { assign(textOrEmpty(text)); }
+QMCString::QMCString(std::string_view text) noexcept { assign(text); }
 QMCString::QMCString(const QMCString& other) noexcept { assign(other.m_Text); }
 QMCString::~QMCString() = default;
 

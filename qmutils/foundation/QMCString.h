@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdarg>
-#include <iosfwd>
 #include <string>
 #include <string_view>
 
@@ -16,6 +15,7 @@ class QMUTILS_API QMCString {
  public:
   QMCString() noexcept = default;
   QMCString(const char* text) noexcept;
+  explicit QMCString(std::string_view text) noexcept;
   QMCString(const QMCString& other) noexcept;
   QMCString(QMCString&& other) noexcept = default;
   virtual ~QMCString();

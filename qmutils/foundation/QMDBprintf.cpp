@@ -2,7 +2,8 @@
 
 #include <atomic>
 #include <cstdarg>
-#include <cstdio>
+
+#include "qmutils/platform/c_locale.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ void QMDBprintf(unsigned int level, int mode, const char* format, ...) {
   char text[2052];
   std::va_list arguments;
   va_start(arguments, format);
-  const int length = std::vsnprintf(text, sizeof text, format, arguments);
+  const int length = qm::platform::formatInCLocale(text, sizeof text, format, arguments);
   va_end(arguments);
   if (length >= 0) callback(level, mode, text);
 }

@@ -51,7 +51,8 @@ class QMUTILS_API QMErrorC {
   static QMErrors::QMErrorT Stack(const char* function, QMErrors::QMErrorT code,
                                   QMstrstream& reason);
   /// Appends copies of the records of a chain that are not stacked yet and marks them stacked; the
-  /// chain stays the caller's. 0, or 2001 "Memory allocation failed" (copies made so far stay).
+  /// chain stays the caller's and is not part of the stack. 0, also for NoError, which stacks
+  /// nothing; 2001 "Memory allocation failed" (copies made so far stay).
   static QMErrors::QMErrorT Stack(QMErrorC* chain);
 
   static void ClearStack();

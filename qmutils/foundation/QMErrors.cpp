@@ -101,7 +101,7 @@ QMErrorT QMFillError(QMERROR_ST* record, QMErrorT code, std::uint32_t extra, con
   return code;
 }
 
-std::ostream& operator<<(std::ostream& os, const QMERROR_ST& record) {
+std::ostream& QMErrors::operator<<(std::ostream& os, const QMERROR_ST& record) {
   os << "ErrInfo [ ";
   if (record.firstError != record.error) os << QMErrToStr(record.firstError) << ", ";
   os << QMErrToStr(record.error) << ", ";

@@ -48,10 +48,10 @@ struct QMERROR_ST {
 #pragma pack(pop)
 static_assert(sizeof(QMERROR_ST) == 47);
 
-}  // namespace QMErrors
-
 /// "ErrInfo [ first, error, extra, L=line, F=<file> ] " without a line end.
-QMUTILS_API std::ostream& operator<<(std::ostream& os, const QMErrors::QMERROR_ST& record);
+QMUTILS_API std::ostream& operator<<(std::ostream& os, const QMERROR_ST& record);
+
+}  // namespace QMErrors
 
 extern "C" {
 

@@ -1,5 +1,6 @@
 #include "qmutils/foundation/QMFileUtilsC.h"
 
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -16,7 +17,7 @@ constexpr std::string_view kSeparators = "\\/";
 const char* osErrorText() { return QMErrToStr(QMErrors::lastOsError()); }
 
 void assign(QMCString* target, std::string_view text) {
-  if (target != nullptr) *target = QMCString(std::string(text).c_str());
+  if (target != nullptr) *target = QMCString(text);
 }
 
 bool given(const QMCString* text) { return text != nullptr && !text->IsEmpty(); }
@@ -77,7 +78,7 @@ QMErrors::QMErrorT QMFileUtilsC::MakeFolder(const char* path) {
   return result;
 }
 
-QMErrors::QMErrorT QMFileUtilsC::MakeFolderLevels(const char* path, QMCString& failedLevel) {
+QMErrors::QMErrorT QMFileUtilsC::MakeFolderLevels(const char* path, QMCString& failedLevel) try {
   if (path == nullptr) return QMErrors::BadCommandLineArguments;
   if (FileExists(path) != 0) return QMErrors::NoError;
   const std::string_view whole = path;
@@ -92,21 +93,24 @@ QMErrors::QMErrorT QMFileUtilsC::MakeFolderLevels(const char* path, QMCString& f
       return QMErrors::lastOsError();
     }
   }
-  if (FileExists(path) != 0) return QMErrors::NoError;
-  (void)createDirectory(path);  // for the reason why
+  // The last attempt gives the reason why; another program may make the folder meanwhile.
+  if (FileExists(path) != 0 || createDirectory(path) || FileExists(path) != 0) {
+    return QMErrors::NoError;
+  }
   return QMErrors::lastOsError();
+} catch (const std::bad_alloc&) {
+  return QMErrors::MemoryAllocationFailed;
 }
 
 void QMFileUtilsC::SplitPath(const QMCString& path, QMCString* drive, QMCString* dir,
                              QMCString* name, QMCString* ext) {
-  std::string_view rest = path.view();
+  const QMCString text(path);  // the outputs may be the path itself
+  std::string_view rest = text.view();
   const auto cut = [&rest](QMCString* target, std::size_t at) {
     const bool found = at != std::string_view::npos;
     assign(target, found ? rest.substr(0, at) : std::string_view());
     if (found) rest.remove_prefix(at + 1);
   };
-  const std::string text(rest);  // the outputs may be the path itself
-  rest = text;
   cut(drive, rest.find(':'));
   cut(dir, rest.find_last_of(kSeparators));
   const std::size_t dot = rest.rfind('.');

@@ -1,10 +1,12 @@
 #include "qmutils/foundation/QMLogFileC.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <mutex>
 #include <new>
 #include <optional>
 #include <ostream>
+#include <utility>
 
 #include "qmutils/foundation/Immortal.h"
 #include "qmutils/foundation/LogFileWriter.h"
@@ -12,6 +14,7 @@
 #include "qmutils/foundation/QMErrors.h"
 #include "qmutils/foundation/SharedText.h"
 #include "qmutils/foundation/ShortLock.h"
+#include "qmutils/platform/clock.h"
 #include "qmutils/platform/prompt.h"
 #include "qmutils/platform/suspension_deferral.h"
 #include "qmutils/platform/thread.h"
@@ -20,6 +23,7 @@
 namespace {
 
 constexpr DWORD kLockTimeoutMs = 60'000;
+constexpr DWORD kStepMs = 50;
 
 // Destination bits of a line's mode.
 constexpr int kToFile = 1;
@@ -51,7 +55,8 @@ Log& theLog() {
 /// thread cannot be suspended meanwhile, which would stop every other thread at its next line.
 class LogLock {
  public:
-  LogLock() noexcept : result_(take()) {
+  LogLock() noexcept {
+    take();
     if (result_ == WAIT_TIMEOUT) {
       const qm::SharedText name = theLog().writer.name();
       std::fprintf(stderr,
@@ -77,19 +82,28 @@ class LogLock {
   /// A line takes about a microsecond, waking a blocked thread ten times as long, and a mutex that
   /// is handed to a blocked thread blocks the next one too. So a thread looks again for some
   /// microseconds before it blocks.
-  static DWORD take() noexcept {
+  void take() noexcept {
     constexpr int kTries = 100;
-    const HANDLE mutex = theLog().mutex.load();
     for (int i = 0; i < kTries; ++i) {
-      const DWORD result = qm::platform::wait(mutex, 0);
-      if (result != WAIT_TIMEOUT) return result;
+      if (tryTake(0)) return;
       qm::platform::sleep(0, false);
     }
-    return qm::platform::wait(mutex, kLockTimeoutMs);
+    const auto deadline = qm::platform::Deadline::after(kLockTimeoutMs);
+    while (!tryTake(std::min(deadline.remainingMs(), kStepMs)) && !deadline.passed()) {
+    }
   }
 
-  std::optional<qm::platform::SuspensionDeferral> deferral_{std::in_place};
-  DWORD result_;
+  /// True when the wait has ended, well or badly. A suspension that was asked for during a step
+  /// takes effect behind it.
+  bool tryTake(DWORD timeoutMs) noexcept {
+    deferral_.emplace();
+    result_ = qm::platform::wait(theLog().mutex.load(), timeoutMs);
+    if (result_ == WAIT_TIMEOUT) deferral_.reset();
+    return result_ != WAIT_TIMEOUT;
+  }
+
+  std::optional<qm::platform::SuspensionDeferral> deferral_;
+  DWORD result_ = WAIT_TIMEOUT;
 };
 
 void reportNoMemory(const char* label) noexcept {
@@ -115,7 +129,10 @@ QMLogFileC::QMLogFileC(const char* name, bool autoDelete, bool dailyLog, bool te
   PSetName(name, autoDelete, dailyLog);
 }
 
-QMLogFileC::~QMLogFileC() {
+QMLogFileC::~QMLogFileC() { Close(); }
+
+void QMLogFileC::Close() {
+  if (std::exchange(m_bClosed, true)) return;
   const LogLock lock;
   if (!lock.isHeld()) return;
   theLog().writer.forgetName();

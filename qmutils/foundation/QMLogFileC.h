@@ -16,7 +16,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <iosfwd>
 
 #include "qmutils/foundation/QMLogStreamC.h"
@@ -67,12 +66,17 @@ class QMUTILS_API QMLogFileC {
 
  protected:
   /// One or more lines for the header; null when there is nothing to say. Called with the log's
-  /// mutex held; the text stays the object's.
+  /// mutex held, by the thread that writes the first line; the text stays the object's. A class that
+  /// overrides it calls Close() first in its own destructor.
   virtual const char* GetExtraHeaderInfo();
+  /// What the destructor does; later calls do nothing.
+  void Close();
 
   QMLogStreamC m_Log;  ///< for a derived class's own lines
 
  private:
+  bool m_bClosed = false;
+
   static void PSetName(const char* name, bool autoDelete, bool dailyLog);
   static const char* extraHeaderInfo();
   static void writeLine(unsigned int level, const char* text) noexcept;

@@ -5,7 +5,6 @@
 #include <charconv>
 #include <climits>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <locale>
 #include <new>
@@ -13,6 +12,7 @@
 
 #include "qmutils/foundation/PointerText.h"
 #include "qmutils/foundation/UnicodeText.h"
+#include "qmutils/platform/c_locale.h"
 #include "qmutils/platform/thread.h"
 
 namespace {
@@ -240,6 +240,7 @@ QMLogStreamC& QMLogStreamC::operator<<(double value) {
 QMLogStreamC& QMLogStreamC::operator<<(char value) { return *this << std::string_view(&value, 1); }
 
 QMLogStreamC& QMLogStreamC::operator<<(const void* value) {
+  if (!IsValidDebugLevel()) return *this;
   return *this << qm::PointerText(value).view();
 }
 
@@ -294,7 +295,7 @@ void QMLogStreamC::Format(unsigned int level, unsigned int mode, const char* for
   char text[kFormatBufferSize];
   std::va_list arguments;
   va_start(arguments, format);
-  const int length = std::vsnprintf(text, sizeof text, format, arguments);
+  const int length = qm::platform::formatInCLocale(text, sizeof text, format, arguments);
   va_end(arguments);
   if (length < 0) text[0] = '\0';
   append(text);
@@ -363,7 +364,11 @@ std::ios_base::fmtflags QMLogStreamC::setf(std::ios_base::fmtflags flags,
 }
 
 void QMLogStreamC::flush() {
-  if (m_pOstream != nullptr) m_pOstream->flush();
+  if (m_pOstream != nullptr) {
+    m_pOstream->flush();
+  } else if (pptr() != pbase()) {
+    sync();
+  }
 }
 
 std::ostream& operator<<(std::ostream& os, QMMessageLevel level) {

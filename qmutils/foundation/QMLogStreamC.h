@@ -9,7 +9,7 @@
 // ever finer information) is below the debug level; a line that is not shown costs one comparison
 // per piece. Each thread writes through a stream of its own, so lines are assembled without locks;
 // bringing lines of several threads into order is the output hook's business. A line up to 500
-// characters takes no allocation; when memory runs out the rest of a line is dropped. Numbers in
+// characters of texts and whole numbers takes no allocation; when memory runs out the rest of a line is dropped. Numbers in
 // lines never depend on the global locale.
 //
 // The hooks are process-wide and stay until replaced; null never uninstalls one. Programs install
@@ -184,7 +184,7 @@ class QMUTILS_API QMLogStreamC : public QMLogStrstreambufC {
   std::ios_base::fmtflags setf(std::ios_base::fmtflags flags) noexcept;
   std::ios_base::fmtflags setf(std::ios_base::fmtflags flags,
                                std::ios_base::fmtflags mask) noexcept;
-  /// Flushes the ostream, if one was made, which delivers the line.
+  /// Delivers what has been written so far, without ending the line.
   void flush();
 
  private:

@@ -14,6 +14,7 @@
 //   QMErrorC::Stack("ReaderC::open", code, reason);   // takes "cannot open plate.xml"
 #pragma once
 
+#include <new>
 #include <sstream>
 #include <string_view>
 
@@ -40,11 +41,13 @@ class TextStream : public Base {
   }
 
  private:
-  void start(View text) {
+  void start(View text) try {
     this->str(std::basic_string<Char>(text));
     if constexpr (requires(TextStream & stream) { stream.seekp(0, std::ios_base::end); }) {
       this->seekp(0, std::ios_base::end);
     }
+  } catch (const std::bad_alloc&) {
+    this->setstate(std::ios_base::badbit);
   }
 };
 

@@ -31,7 +31,8 @@ QMUTILS_API int FileIsUnicode(std::FILE* file);
 QMUTILS_API char* FGets(char* dest, int size, std::FILE* file, int unicode);
 
 /// Writes a printf-style text of at most size - 1 bytes (the rest is cut) and gives the number of
-/// characters or UTF-16 units written; negative on failure. Single-byte text is interpreted a
+/// characters or UTF-16 units written. On failure -1 for single-byte text, and for UTF-16 the units
+/// that did get written. Single-byte text is interpreted a
 /// second time after formatting: "%%" becomes "%", "%n" disappears, all else stays as it is.
 QMUTILS_API int FPrint(std::FILE* file, int unicode, int size, const char* format, ...)
     QMUTILS_PRINTF(4, 5);

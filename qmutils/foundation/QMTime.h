@@ -5,6 +5,7 @@
 // thread; none fails loudly: a time that cannot be represented gives zeros.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <ctime>
 #include <iosfwd>
@@ -22,6 +23,12 @@ QMUTILS_API double ToRealSeconds(const FILETIME& time);
 QMUTILS_API FILETIME ToFileTime(const std::uint64_t& seconds);
 /// Rounded to the nearest tick, halves away from zero; beyond the range the nearest end, NaN as 0.
 QMUTILS_API FILETIME ToFileTime(const double& seconds);
+/// Where `unsigned long long` is another type than std::uint64_t.
+template <std::same_as<unsigned long long> Seconds>
+  requires(!std::same_as<Seconds, std::uint64_t>)
+FILETIME ToFileTime(const Seconds& seconds) {
+  return ToFileTime(static_cast<std::uint64_t>(seconds));
+}
 
 QMUTILS_API SYSTEMTIME ToSystemTime(const std::uint64_t& seconds);
 /// Milliseconds 0.

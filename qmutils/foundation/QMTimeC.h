@@ -9,6 +9,8 @@
 class QMUTILS_API QMTimeC {
  public:
   static std::int64_t GetTimeMS();
-  /// a - b
-  static std::int64_t Difference(std::int64_t a, std::int64_t b) { return a - b; }
+  /// a - b, wrapping around
+  static std::int64_t Difference(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+  }
 };

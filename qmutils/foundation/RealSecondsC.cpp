@@ -1,6 +1,7 @@
 #include "qmutils/foundation/RealSecondsC.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <ostream>
 
@@ -25,8 +26,11 @@ double RealSecondsC::Time() const noexcept {
 }
 
 double RealSecondsC::Ago() const noexcept {
-  const auto passed = qm::platform::performanceCounter() - m_Counter.QuadPart;
-  return passed < 0 ? 0.0 : static_cast<double>(passed) / ticksPerSecond();
+  const auto now = qm::platform::performanceCounter();
+  if (now <= m_Counter.QuadPart) return 0;
+  const auto passed =
+      static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(m_Counter.QuadPart);
+  return static_cast<double>(passed) / ticksPerSecond();
 }
 
 DWORD RealSecondsC::NextTimeOut(const DWORD& timeoutMs) const noexcept {

@@ -11,7 +11,7 @@ class QMUTILS_API RealSecondsC {
  public:
   RealSecondsC() noexcept;
   /// A moment taken elsewhere, in ticks of the performance counter.
-  explicit RealSecondsC(const LARGE_INTEGER& counter) noexcept : m_Counter(counter) {}
+  RealSecondsC(const LARGE_INTEGER& counter) noexcept : m_Counter(counter) {}
 
   void Reset() noexcept;
   /// The moment on the performance counter, in seconds.

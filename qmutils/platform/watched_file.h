@@ -23,8 +23,6 @@ class WatchedAppendFile {
   /// True while the name the file was opened under leads to this very file. Costs far less than
   /// asking the file system each time where the system reports changes by itself.
   bool stillNamed() noexcept;
-  /// True when nothing has been written into the file yet, by anyone.
-  bool isEmpty() const noexcept;
   /// Appends the whole text; false with the last error set (112 when the disk is full).
   bool append(std::string_view text) noexcept;
 

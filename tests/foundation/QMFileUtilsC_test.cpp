@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "qmutils/platform/file.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempFolder.h"
 
@@ -60,7 +61,11 @@ TEST(QMFileUtilsC, FilesAreHiddenCopiedDatedAndDeleted) {
   EXPECT_EQ(QMFileUtilsC::GetLastWriteTime(a.c_str(), first), QMErrors::NoError);
   EXPECT_EQ(QMFileUtilsC::GetLastWriteTime(b.c_str(), second), QMErrors::NoError);
   EXPECT_EQ(first.dwHighDateTime, second.dwHighDateTime);
-  EXPECT_EQ(QMFileUtilsC::HideFile(a.c_str(), 0), QMErrors::NoError);
+  for (const int hide : {1, 0}) {
+    EXPECT_EQ(QMFileUtilsC::HideFile(a.c_str(), hide), QMErrors::NoError);
+    const DWORD attributes = qm::platform::fileAttributes(a.c_str());
+    EXPECT_EQ((attributes & FILE_ATTRIBUTE_HIDDEN) != 0, hide != 0);
+  }
   EXPECT_NE(QMFileUtilsC::DeleteFileA(b.c_str(), 1), 0);
   EXPECT_NE(QMFileUtilsC::DeleteFileA(b.c_str(), 0), 0);
   EXPECT_EQ(log.text(), "");
@@ -76,6 +81,10 @@ TEST(QMFileUtilsC, FilesAreHiddenCopiedDatedAndDeleted) {
   EXPECT_EQ(QMFileUtilsC::HideFile(b.c_str(), 1), QMErrors::fromOsError(ERROR_FILE_NOT_FOUND));
   EXPECT_TRUE(log.contains(
       " ERROR: QMFileUtilsC::HideFile(): GetFileAttributes() failed, reason: Error: 2 (0x2) "));
+  EXPECT_EQ(QMFileUtilsC::HideFile("/proc/self/status", 1), QMErrors::fromOsError(50));
+  EXPECT_TRUE(log.contains(" ERROR: QMFileUtilsC::HideFile(): unable to make hidden file: "
+                           "/proc/self/status, reason: Error: 50 (0x32) "))
+      << log.text();
   EXPECT_EQ(QMFileUtilsC::GetLastWriteTime(nullptr, first), QMErrors::BadCommandLineArguments);
   EXPECT_EQ(QMFileUtilsC::GetLastWriteTime(b.c_str(), first), QMErrors::UnableToFindFile);
   EXPECT_NE(QMFileUtilsC::GetLastWriteTime(folder.path().c_str(), first), QMErrors::NoError);

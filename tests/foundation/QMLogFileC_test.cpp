@@ -75,7 +75,7 @@ TEST_F(LogFile, HeaderOpensTheFileAndOnlyTheFile) {
   write("second\r\n");
   const std::string expected = std::string(64, '*') + "\n** " + path +
                                " Created on: 06\\11\\2006 15:03:07.045 \n** extra\n"
-                               "TagFields: TimeStamp Level Thread ThreadPriority Message\n"
+                               "TagFields:TimeStamp Level Thread ThreadPriority Message\n"
                                "first\nsecond\r\n";
   EXPECT_EQ(readFile(path), expected);
 
@@ -236,11 +236,11 @@ TEST_F(LogFile, AutoDeleteTakesADailyFileOfAnotherDate) {
 TEST_F(LogFile, FailuresAreReportedAndTheProgramGoesOn) {
   writer_.setName("/dev/full", false, false, true);
   EXPECT_EQ(standardErrorOf([&] { write("lost\n"); }),
-            "QMLogFileC::WriteToFile Failed to write to:/dev/full\n");
+            "QMLogFileC::WriteToFileFailed to write to:/dev/full\n");
   const std::string missing = folder_.file("no such folder/app.log");
   writer_.setName(missing.c_str(), false, false, true);
   EXPECT_EQ(standardErrorOf([&] { write("lost\n"); }),
-            "QMLogFileC::WriteToFile Failed to open:" + missing + "\n");
+            "QMLogFileC::WriteToFileFailed to open:" + missing + "\n");
 
   // A disk that fills up and has room again.
   const std::string path = folder_.file("app.log");
@@ -254,7 +254,7 @@ TEST_F(LogFile, FailuresAreReportedAndTheProgramGoesOn) {
   const std::string reported = standardErrorOf([&] { write("too much\n"); });
   setrlimit(RLIMIT_FSIZE, &unlimited);
   std::signal(SIGXFSZ, former);
-  EXPECT_EQ(reported, "QMLogFileC::WriteToFile Failed to write to:" + path + "\n");
+  EXPECT_EQ(reported, "QMLogFileC::WriteToFileFailed to write to:" + path + "\n");
   write("\nafter\n");
   EXPECT_EQ(linesOf(path).back(), "after");
 }

@@ -115,6 +115,18 @@ TEST_F(LogStream, EachLineIsDeliveredWithItsLevelAndMode) {
   }
 }
 
+TEST_F(LogStream, FlushDeliversAnUnfinishedLineOnce) {
+  QMLogStreamC log = plain();
+  log.flush();
+  EXPECT_EQ(log_.text(), "");
+  log << "exposing ";
+  log.flush();
+  EXPECT_EQ(log_.text(), "exposing ");
+  log << std::dec << 5;
+  log.flush();
+  EXPECT_EQ(log_.text(), "exposing 5");
+}
+
 TEST_F(LogStream, FormatOfAHiddenLineLeavesTheMode) {
   log_.setDebugLevel(5);
   QMLogStreamC log = plain();

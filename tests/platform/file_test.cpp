@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -97,6 +98,45 @@ TEST_F(Files, AttributesKeepMarksAndReadOnly) {
   EXPECT_TRUE(setFileAttributes(file.c_str(), FILE_ATTRIBUTE_HIDDEN));
   fs::rename(file, path("moved"));
   EXPECT_EQ(fileAttributes(path("moved").c_str()), FILE_ATTRIBUTE_HIDDEN) << "not part of the name";
+}
+
+/// Runs checks in a child without the superuser's rights; true when all of them held.
+template <class Checks>
+bool asOrdinaryUser(const Checks& checks) {
+  constexpr uid_t kNobody = 65534;
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool dropped = geteuid() != 0 || (setgid(kNobody) == 0 && setuid(kNobody) == 0);
+    _exit(dropped && checks() ? 0 : 1);
+  }
+  int status = -1;
+  return waitpid(child, &status, 0) == child && status == 0;
+}
+
+TEST_F(Files, AReadOnlyFileIsMarkedByItsOwner) {
+  chmod(folder_.path().c_str(), 0777);
+  EXPECT_TRUE(asOrdinaryUser([&] {
+    const std::string file = path("own");
+    writeFile(file, "x");
+    const DWORD hidden = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN;
+    return chmod(file.c_str(), 0464) == 0 &&
+           fileAttributes(file.c_str()) == FILE_ATTRIBUTE_READONLY &&
+           setFileAttributes(file.c_str(), hidden) && fileAttributes(file.c_str()) == hidden;
+  }));
+  EXPECT_EQ(fs::status(path("own")).permissions(), fs::perms(0464)) << "its mode stays";
+}
+
+TEST_F(Files, ACopyOverAFileThatWasThereNeverDeletesIt) {
+  const std::string from = path("from"), foreign = path("foreign"), pipe = path("pipe");
+  writeFile(from, "new");
+  writeFile(foreign, "old");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0666), 0);
+  for (const std::string& name : {folder_.path(), from}) chmod(name.c_str(), 0755);
+  for (const std::string& name : {foreign, pipe}) chmod(name.c_str(), 0666);
+  EXPECT_TRUE(asOrdinaryUser([&] { return copyFile(from.c_str(), foreign.c_str(), false); }));
+  EXPECT_EQ(readFile(foreign), "new");
+  EXPECT_FALSE(copyFile(from.c_str(), pipe.c_str(), false)) << "and does not wait for a reader";
+  EXPECT_TRUE(fs::is_fifo(pipe));
 }
 
 TEST_F(Files, SearchFindsEntriesByPattern) {

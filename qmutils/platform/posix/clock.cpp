@@ -6,6 +6,7 @@
 
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/unix_time.h"
+#include "qmutils/platform/suspension_deferral.h"
 
 namespace qm::platform {
 
@@ -109,7 +110,10 @@ std::uint64_t utcTicks() noexcept {
 SYSTEMTIME localSystemTimeAt(std::uint64_t ticks) noexcept {
   const time_t seconds = unixSecondsFromTicks(ticks);
   tm local{};
-  localtime_r(&seconds, &local);  // fails only for years beyond an int
+  {
+    const SuspensionDeferral zoneLock;  // the C library's
+    localtime_r(&seconds, &local);      // fails only for years beyond an int
+  }
   SYSTEMTIME time{};
   time.wYear = static_cast<WORD>(local.tm_year + 1900);
   time.wMonth = static_cast<WORD>(local.tm_mon + 1);

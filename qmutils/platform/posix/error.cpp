@@ -108,6 +108,7 @@ constexpr Sentence kSentences[] = {
     {145, "The folder is not empty."},
     {147, "There are not enough resources for the command."},
     {148, "The path cannot be used now."},
+    {156, "The thread cannot be suspended any further."},
     {158, "The segment is already unlocked."},
     {160, "The arguments are incorrect."},
     {161, "The path is invalid."},

@@ -56,6 +56,18 @@ bool copyContent(int from, int to) noexcept {
   }
 }
 
+bool changeMode(const char* path, mode_t from, mode_t to) noexcept {
+  return from == to || chmod(path, to & 07777) == 0 || failWithErrno(errno);
+}
+
+/// A mark can only be written while the file is writable.
+bool writeMarksAs(const char* path, DWORD attributes, mode_t mode) noexcept {
+  const mode_t writable = mode | S_IWUSR;
+  if (!changeMode(path, mode, writable)) return false;
+  const bool written = writeMarks(path, attributes);
+  return changeMode(path, writable, mode) && written;
+}
+
 /// Opens a file for reading and asks for its status; folders fail with 5. Never waits for the other
 /// end of a pipe.
 Descriptor openForReading(const char* path, struct stat* status) noexcept {
@@ -72,25 +84,47 @@ Descriptor openForReading(const char* path, struct stat* status) noexcept {
   return file;
 }
 
-Descriptor openForCopying(const char* path, bool mustBeNew, const struct stat& source) noexcept {
-  // Not truncated yet: the target may be the source itself.
-  const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (mustBeNew ? O_EXCL : 0);
-  Descriptor file(open(path, flags, S_IRUSR | S_IWUSR));
-  struct stat status;
-  if (!file.isOpen()) {
-    if (errno == EEXIST) {
+struct CopyTarget {
+  Descriptor file;
+  bool isNew = false;
+};
+
+/// Opens the target of a copy; not truncated yet, as it may be the source itself. Only a regular
+/// file is written to, and no open waits for the other end of a pipe.
+CopyTarget openForCopying(const char* path, bool mustBeNew, const struct stat& source) noexcept {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK;
+  CopyTarget target{Descriptor(open(path, kFlags | O_EXCL, S_IRUSR | S_IWUSR)), true};
+  if (!target.file.isOpen() && errno == EEXIST) {
+    if (mustBeNew) {
       failWith(ERROR_FILE_EXISTS);
-    } else {
-      failOnPath(path);
+      return target;
     }
-  } else if (fstat(file.get(), &status) != 0) {
+    target = {Descriptor(open(path, kFlags, S_IRUSR | S_IWUSR)), false};
+  }
+  struct stat status;
+  if (!target.file.isOpen()) {
+    failOnPath(path);
+  } else if (fstat(target.file.get(), &status) != 0) {
     failWithErrno(errno);
-    file.reset();
+    target.file.reset();
+  } else if (!S_ISREG(status.st_mode)) {
+    failWith(ERROR_ACCESS_DENIED);
+    target.file.reset();
   } else if (sameFile(status, source)) {
     failWith(ERROR_SHARING_VIOLATION);
-    file.reset();
+    target.file.reset();
   }
-  return file;
+  return target;
+}
+
+/// Gives a copy the marks, mode and times of its source. A file that was there before may belong to
+/// somebody else, who alone may change these: its content counts.
+bool copyProperties(int from, const struct stat& source, const CopyTarget& target) noexcept {
+  const timespec times[] = {source.st_atim, source.st_mtim};
+  const auto allowed = [&target](bool done) { return done || (!target.isNew && errno == EPERM); };
+  const int file = target.file.get();
+  return allowed(copyMarks(from, file)) && allowed(fchmod(file, source.st_mode & 0777) == 0) &&
+         allowed(futimens(file, times) == 0);
 }
 
 /// Follows symbolic links, also to a file that does not exist yet; false with the last error set.
@@ -214,17 +248,14 @@ bool setFileAttributes(const char* path, DWORD attributes) noexcept {
   if (!native.ok()) return false;
   struct stat status;
   if (stat(native.c_str(), &status) != 0) return failOnPath(native.c_str());
-  const bool wasReadOnly = (status.st_mode & kAnyWrite) == 0;
-  const bool makeReadOnly = (attributes & FILE_ATTRIBUTE_READONLY) != 0 && !isFolder(status);
-  // A mark can only be written while the file is writable.
-  if (wasReadOnly && !makeReadOnly && chmod(native.c_str(), status.st_mode | S_IWUSR) != 0) {
-    return failWithErrno(errno);
+  mode_t mode = status.st_mode;
+  const bool makeReadOnly = (attributes & FILE_ATTRIBUTE_READONLY) != 0;
+  if (!isFolder(status) && makeReadOnly != isReadOnly(native.c_str(), status)) {
+    mode = makeReadOnly ? mode & ~kAnyWrite : mode | S_IWUSR;
   }
-  if (!writeMarks(native.c_str(), attributes)) return false;
-  if (makeReadOnly && !wasReadOnly && chmod(native.c_str(), status.st_mode & ~kAnyWrite) != 0) {
-    return failWithErrno(errno);
-  }
-  return true;
+  return (hasMarks(native.c_str(), attributes) ||
+          writeMarksAs(native.c_str(), attributes, status.st_mode)) &&
+         changeMode(native.c_str(), status.st_mode, mode);
 }
 
 bool deleteFile(const char* path) noexcept {
@@ -241,17 +272,15 @@ bool copyFile(const char* from, const char* to, bool failIfExists) noexcept {
   struct stat status;
   const Descriptor in = openForReading(source.c_str(), &status);
   if (!in.isOpen()) return false;
-  Descriptor out = openForCopying(target.c_str(), failIfExists, status);
-  if (!out.isOpen()) return false;
-  const timespec times[] = {status.st_atim, status.st_mtim};
-  bool copied = ftruncate(out.get(), 0) == 0 && copyContent(in.get(), out.get()) &&
-                copyMarks(in.get(), out.get()) && fchmod(out.get(), status.st_mode & 0777) == 0 &&
-                futimens(out.get(), times) == 0;
+  CopyTarget out = openForCopying(target.c_str(), failIfExists, status);
+  if (!out.file.isOpen()) return false;
+  bool copied = ftruncate(out.file.get(), 0) == 0 && copyContent(in.get(), out.file.get()) &&
+                copyProperties(in.get(), status, out);
   // Some file systems report a full disk only when the file is closed.
-  if (copied) copied = close(out.release()) == 0;
+  if (copied) copied = close(out.file.release()) == 0;
   if (copied) return true;
   const int error = errno;
-  unlink(target.c_str());
+  if (out.isNew) unlink(target.c_str());
   return failWithErrno(error);
 }
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <string_view>
 
 #include "qmutils/platform/posix/errno_translation.h"
 
@@ -39,6 +40,21 @@ int copyNameOfWanted(dl_phdr_info* module, std::size_t, void* argument) {
   return 1;
 }
 
+/// Where the program was started from, also when its file has been replaced or removed since.
+std::string programPath() {
+  char path[PATH_MAX];
+  const ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (length < 0) {
+    failWithErrno(errno);
+    return {};
+  }
+  path[length] = '\0';
+  std::string_view text(path);
+  constexpr std::string_view kRemoved = " (deleted)";
+  if (text.ends_with(kRemoved) && access(path, F_OK) != 0) text.remove_suffix(kRemoved.size());
+  return std::string(text);
+}
+
 }  // namespace
 
 HINSTANCE programModule() noexcept {
@@ -48,18 +64,18 @@ HINSTANCE programModule() noexcept {
 }
 
 std::string modulePath(HINSTANCE module) {
-  Search search{module, "/proc/self/exe"};
-  if (module != nullptr && module != programModule() &&
-      dl_iterate_phdr(copyNameOfWanted, &search) == 0) {
+  if (module == nullptr || module == programModule()) return programPath();
+  Search search{module, ""};
+  if (dl_iterate_phdr(copyNameOfWanted, &search) == 0) {
     failWith(126);
     return {};
   }
   char path[PATH_MAX];
-  if (realpath(search.name, path) == nullptr) {
-    failWithErrno(errno);
-    return {};
-  }
-  return path;
+  if (realpath(search.name, path) != nullptr) return path;
+  // Replaced or removed since it was loaded.
+  if (search.name[0] == '/') return search.name;
+  failWithErrno(errno);
+  return {};
 }
 
 }  // namespace qm::platform

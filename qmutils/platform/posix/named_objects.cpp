@@ -14,6 +14,7 @@
 #include "qmutils/platform/posix/named_objects_mutex.h"
 #include "qmutils/platform/posix/named_objects_users.h"
 #include "qmutils/platform/posix/named_objects_words.h"
+#include "qmutils/platform/thread.h"
 
 namespace qm::platform {
 namespace posix {
@@ -44,6 +45,9 @@ constexpr std::uint32_t kOneRing = 2;
 constexpr SharedSectionKind kEventKind = {sizeof(EventBlock), 0, kEventMagic};
 constexpr SharedSectionKind kDoorbellKind = {sizeof(DoorbellBlock), 0, kDoorbellMagic};
 
+/// The end of the process waits this long for an opening or closing: milliseconds.
+constexpr int kAttemptsAtExit = 100;
+
 /// Closing waits this long for others that join or leave.
 constexpr DWORD kGateMilliseconds = 2000;
 
@@ -65,6 +69,9 @@ struct Part {
 /// What a SharedObjects holds. All groups of the process stand in one list, for the copy of the
 /// process that has to drop them.
 struct Group {
+  // Being opened or closed; kAtExit for good once the process ends.
+  enum Change : int { kUnchanging, kChanging, kAtExit };
+
   SharedObjectNames plainNames;
   SharedSectionKind sectionKind;
   ObjectName usersName;
@@ -76,12 +83,14 @@ struct Group {
   Part section;
   std::atomic<bool> open{false};
   std::atomic<bool> complete{false};  ///< all parts are open
+  std::atomic<int> change{kUnchanging};
   Wakes pending;                      ///< found since the mutex was acquired; belongs to its owner
   Group* next = nullptr;
 
   Group(const SharedObjectNames& names, const SharedSectionKind& kind) noexcept;
   ~Group();
 
+  bool beginChange(Change wanted, int attempts) noexcept;
   bool assignNames() noexcept;
   bool openMutexAs(Joined joined) noexcept;
   void removeNames() noexcept;
@@ -102,7 +111,7 @@ void beforeCopy() noexcept {
   RobustMutex::lockRegistry();
 }
 
-void afterCopyInOriginal() noexcept {
+void afterCopyInParent() noexcept {
   RobustMutex::unlockRegistry();
   groupsLock.unlock();
 }
@@ -110,7 +119,7 @@ void afterCopyInOriginal() noexcept {
 void afterCopyInCopy() noexcept {
   for (Group* group = groups; group != nullptr; group = group->next) group->dropInCopy();
   RobustMutex::dropAllInCopy();
-  afterCopyInOriginal();
+  afterCopyInParent();
 }
 
 /// A program that ends without closing leaves nothing behind either, as long as it ends by itself.
@@ -118,7 +127,8 @@ void afterCopyInCopy() noexcept {
 void removeNamesAtExit() noexcept {
   std::lock_guard lock(groupsLock);
   for (Group* group = groups; group != nullptr; group = group->next) {
-    if (!group->complete) continue;
+    // Who is just closing removes the names himself.
+    if (!group->beginChange(Group::kAtExit, kAttemptsAtExit) || !group->complete) continue;
     if (group->users.isLast(Deadline::after(0))) {
       group->removeNames();
       group->users.removeName();
@@ -129,7 +139,7 @@ void removeNamesAtExit() noexcept {
 
 Group::Group(const SharedObjectNames& names, const SharedSectionKind& kind) noexcept
     : plainNames(names), sectionKind(kind) {
-  static const int registered = pthread_atfork(beforeCopy, afterCopyInOriginal, afterCopyInCopy);
+  static const int registered = pthread_atfork(beforeCopy, afterCopyInParent, afterCopyInCopy);
   static const int registeredAtExit = std::atexit(removeNamesAtExit);
   static_cast<void>(registered);
   static_cast<void>(registeredAtExit);
@@ -147,6 +157,35 @@ Group::~Group() {
     }
   }
 }
+
+/// Keeps opening, closing and the end of the process apart. False when the process ends, or the
+/// change in progress does not.
+bool Group::beginChange(Change wanted, int attempts) noexcept {
+  for (int attempt = 0; attempt < attempts; ++attempt) {
+    int present = kUnchanging;
+    if (change.compare_exchange_strong(present, wanted)) return true;
+    if (present == kAtExit) return false;
+    sleep(1, false);
+  }
+  return false;
+}
+
+/// An opening or closing in progress.
+class ChangeInProgress {
+ public:
+  explicit ChangeInProgress(Group& group) noexcept
+      : group_(group), begun_(group.beginChange(Group::kChanging, INT_MAX)) {}
+  ~ChangeInProgress() {
+    if (begun_) group_.change = Group::kUnchanging;
+  }
+  ChangeInProgress(const ChangeInProgress&) = delete;
+  ChangeInProgress& operator=(const ChangeInProgress&) = delete;
+  explicit operator bool() const noexcept { return begun_; }
+
+ private:
+  Group& group_;
+  const bool begun_;
+};
 
 bool Group::assignNames() noexcept {
   return usersName.assign(plainNames.users) && mutexName.assign(plainNames.mutex) &&
@@ -183,6 +222,7 @@ void Group::removeNames() noexcept {
 }
 
 void Group::dropInCopy() noexcept {
+  change = kUnchanging;
   open = false;
   complete = false;
   mutex = nullptr;
@@ -227,6 +267,11 @@ DWORD SharedObjects::openMutex(const Deadline& deadline) noexcept {
   if (state_->open) {
     setLastError(ERROR_ALREADY_EXISTS);
     return WAIT_OBJECT_0;
+  }
+  const ChangeInProgress opening(*state_);
+  if (!opening) {
+    setLastError(ERROR_OPERATION_ABORTED);
+    return WAIT_FAILED;
   }
   if (!state_->assignNames()) return WAIT_FAILED;
   const Joined joined = state_->users.join(state_->usersName, deadline);
@@ -277,6 +322,8 @@ bool SharedObjects::openSection() noexcept {
 void SharedObjects::close(bool keepMutex) noexcept {
   if (!isOpen()) return;
   State& state = *state_;
+  const ChangeInProgress closing(state);
+  if (!closing) return;  // the names are removed, the rest goes with the process
   state.open = false;
   state.complete = false;
   const bool last = state.users.isLast(Deadline::after(kGateMilliseconds));

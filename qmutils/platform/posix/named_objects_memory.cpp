@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/errno_translation.h"
@@ -90,8 +91,8 @@ bool Mapping::map(const Descriptor& object, std::size_t size) noexcept {
 }
 
 void Mapping::unmap() noexcept {
-  if (address_ != nullptr) ::munmap(address_, size_);
-  address_ = nullptr;
+  // In this order, so that a copy of the process made in between does not unmap it again.
+  if (void* const address = std::exchange(address_, nullptr)) ::munmap(address, size_);
 }
 
 Descriptor openObject(const ObjectName& name) noexcept { return openWith(name, 0); }

@@ -7,7 +7,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <utility>
 
 #include "qmutils/platform/named_objects.h"
 #include "qmutils/platform/posix/descriptor.h"
@@ -32,13 +31,8 @@ struct ObjectIdentity {
 class Mapping {
  public:
   Mapping() noexcept = default;
-  Mapping(Mapping&& other) noexcept
-      : address_(std::exchange(other.address_, nullptr)), size_(other.size_) {}
-  Mapping& operator=(Mapping&& other) noexcept {
-    std::swap(address_, other.address_);
-    std::swap(size_, other.size_);
-    return *this;
-  }
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
   ~Mapping() { unmap(); }
 
   bool map(const Descriptor& object, std::size_t size) noexcept;

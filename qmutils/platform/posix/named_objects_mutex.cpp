@@ -38,10 +38,10 @@ bool initialise(pthread_mutex_t* mutex) noexcept {
   pthread_mutexattr_t attributes;
   int result = pthread_mutexattr_init(&attributes);
   if (result != 0) return failWithErrno(result);
-  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-  result = pthread_mutex_init(mutex, &attributes);
+  result = pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  if (result == 0) result = pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  if (result == 0) result = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+  if (result == 0) result = pthread_mutex_init(mutex, &attributes);
   pthread_mutexattr_destroy(&attributes);
   return result == 0 || failWithErrno(result);
 }
@@ -60,12 +60,14 @@ RobustMutex* RobustMutex::create(const ObjectName& name) noexcept {
     failWith(ERROR_INVALID_HANDLE);
     return nullptr;
   }
+  // First the mark: should this process die before the mutex is ready, the next user, who is then
+  // alone, knows the object as ours and makes it afresh. Others open it only behind the gate.
   MutexBlock* block = mapping.as<MutexBlock>();
+  std::atomic_ref(block->magic).store(kMutexMagic, std::memory_order_release);
   if (!initialise(&block->mutex)) {
     removeIfSame(name, identity);
     return nullptr;
   }
-  std::atomic_ref(block->magic).store(kMutexMagic, std::memory_order_release);
   mapping.unmap();
   return open(name);
 }
@@ -209,19 +211,22 @@ void RobustMutex::declareRepaired() noexcept {
   pthread_mutex_consistent(&block().mutex);
 }
 
-void RobustMutex::release() noexcept {
+void RobustMutex::unlockAndWake() noexcept {
   pthread_mutex_unlock(&block().mutex);
   // Exchanged and not only read: a sleeper announces itself and tries the mutex, we free the mutex
   // and look for an announcement, and one of us must see the other.
   if (block().sleepers.exchange(0) != 0) sharedWake(block().sleepers, 1);
+}
+
+void RobustMutex::release() noexcept {
+  unlockAndWake();
   allowSuspension();
 }
 
 void RobustMutex::giveUpKept() noexcept {
   if (keptBy_ != threadToken()) return;
   keptBy_ = 0;
-  pthread_mutex_unlock(&block().mutex);
-  if (block().sleepers.exchange(0) != 0) sharedWake(block().sleepers, 1);
+  unlockAndWake();
 }
 
 void RobustMutex::lockRegistry() noexcept { registryLock.lock(); }

@@ -17,7 +17,7 @@ namespace qm::platform::posix {
 
 /// What lies in the object.
 struct MutexBlock {
-  std::uint32_t magic;  ///< written last: the rest is ready
+  std::uint32_t magic;  ///< written first: the object is ours
   /// 1 while somebody may be asleep until the mutex is free. The mutex is only ever tried, never
   /// waited for inside the C library, because there a wait that both has a deadline and may find
   /// the owner dead is invisible to tools that watch locks.
@@ -60,6 +60,7 @@ class RobustMutex {
   static RobustMutex* find(const ObjectIdentity& identity) noexcept;
   static void reapDead(const ObjectName& name, const ObjectIdentity& alive) noexcept;
   DWORD tryOnce() noexcept;
+  void unlockAndWake() noexcept;
   MutexBlock& block() const noexcept { return *mapping_.as<MutexBlock>(); }
 
   ObjectName name_;

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -13,6 +14,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
 
 extern char** environ;
 
@@ -71,7 +73,10 @@ std::optional<int> run(const std::string& program, char* const* arguments) {
   sigset_t none;
   sigemptyset(&none);
   posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  sigset_t all;
+  sigfillset(&all);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t child = 0;
   const int failed = posix_spawn(&child, program.c_str(), nullptr, &attributes, arguments, environ);
   posix_spawnattr_destroy(&attributes);
@@ -95,10 +100,10 @@ std::optional<int> showDialog(const char* text, const char* caption, UINT style)
   char name[] = "zenity";
   char* const arguments[] = {name, kind.data(), title.data(), body.data(), noMarkup, nullptr};
   const std::optional<int> status = run(program, arguments);
-  // 0 is the affirmative button, 1 the other one or a closed window; all else is a failure.
-  if (!status || *status > 1) return std::nullopt;
-  if (!asksYesNo(style)) return IDOK;
-  return *status == 0 ? IDYES : IDNO;
+  // Only the affirmative button is certain: 1 is the other one, a closed window, or a display that
+  // could not be opened, and then the text must still go out.
+  if (status != 0) return std::nullopt;
+  return asksYesNo(style) ? IDYES : IDOK;
 }
 
 int printInstead(const char* text, const char* caption, UINT style) noexcept {

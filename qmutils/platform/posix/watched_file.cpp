@@ -20,19 +20,23 @@ namespace qm::platform {
 
 namespace {
 
-/// File systems whose files other machines may move: their changes are not reported here.
-bool isRemote(int descriptor) noexcept {
+/// File systems of which it is known that no other machine can move their files, which would not be
+/// reported here.
+bool isLocal(int descriptor) noexcept {
   struct statfs status;
-  if (fstatfs(descriptor, &status) != 0) return true;
+  if (fstatfs(descriptor, &status) != 0) return false;
   switch (static_cast<unsigned>(status.f_type)) {
-    case 0x6969:      // NFS
-    case 0x517B:      // SMB
-    case 0xFF534D42:  // CIFS
-    case 0xFE534D42:  // SMB 2
-    case 0x01021997:  // 9P
-    case 0x65735546:  // FUSE
-    case 0x00C36400:  // Ceph
-    case 0x5346414F:  // AFS
+    case 0xEF53:      // ext2 to ext4
+    case 0x58465342:  // XFS
+    case 0x9123683E:  // Btrfs
+    case 0xF2F52010:  // F2FS
+    case 0x2FC12FC1:  // ZFS
+    case 0xCA451A4E:  // bcachefs
+    case 0x3153464A:  // JFS
+    case 0x52654973:  // ReiserFS
+    case 0x01021994:  // tmpfs
+    case 0x858458F6:  // ramfs
+    case 0x794C7630:  // overlay, whose changes are in a local upper layer
       return true;
     default:
       return false;
@@ -67,7 +71,9 @@ struct WatchedAppendFile::Watch {
 
   /// True when something may have happened to the name since the last call. Asks how much there is
   /// to read, which is the cheapest question, and reads the events only to be rid of them.
-  bool mayHaveChanged() const noexcept {
+  bool mayHaveChanged() noexcept {
+    // A forked child shares the notifier, and would take the events away from its parent.
+    if (notifier.isOpen() && getpid() != watcher) notifier.reset();
     if (!notifier.isOpen()) return true;
     int pending = 0;
     if (ioctl(notifier.get(), FIONREAD, &pending) == 0 && pending == 0) return false;
@@ -84,11 +90,12 @@ struct WatchedAppendFile::Watch {
   }
 
   void startNotifier() noexcept {
-    if (path.c_str()[0] != '/' || isRemote(file.get())) return;
+    if (path.c_str()[0] != '/' || !isLocal(file.get())) return;
     Descriptor started(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     if (!started.isOpen() || !watchName(started.get())) return;
     // What happened between opening and watching left no event.
     if (nameLeadsHere()) notifier = std::move(started);
+    watcher = getpid();
   }
 
   /// Watches the file and every folder above it; false when a part of the name is a link or cannot
@@ -110,6 +117,7 @@ struct WatchedAppendFile::Watch {
   NativePath path;
   Descriptor file;
   Descriptor notifier;
+  pid_t watcher = 0;  ///< the process that made the notifier
   struct stat identity {};
 };
 
@@ -130,11 +138,6 @@ bool WatchedAppendFile::isOpen() const noexcept { return watch_ != nullptr; }
 
 bool WatchedAppendFile::stillNamed() noexcept {
   return watch_ != nullptr && watch_->stillNamed();
-}
-
-bool WatchedAppendFile::isEmpty() const noexcept {
-  struct stat status;
-  return watch_ != nullptr && fstat(watch_->file.get(), &status) == 0 && status.st_size == 0;
 }
 
 bool WatchedAppendFile::append(std::string_view text) noexcept {

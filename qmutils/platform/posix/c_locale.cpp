@@ -1,0 +1,19 @@
+#include "qmutils/platform/c_locale.h"
+
+#include <locale.h>
+
+#include <cstdio>
+
+namespace qm::platform {
+
+int formatInCLocale(char* buffer, std::size_t size, const char* format,
+                    std::va_list arguments) noexcept {
+  // Never freed: threads may outlive main(). Null, when there is no memory, changes nothing.
+  static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", nullptr);
+  const locale_t former = uselocale(cLocale);
+  const int length = std::vsnprintf(buffer, size, format, arguments);
+  if (former != nullptr) uselocale(former);
+  return length;
+}
+
+}  // namespace qm::platform

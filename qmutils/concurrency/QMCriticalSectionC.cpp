@@ -1,6 +1,7 @@
 #include "qmutils/concurrency/QMCriticalSectionC.h"
 
 #include <new>
+#include <optional>
 #include <ostream>
 #include <string>
 
@@ -194,31 +195,34 @@ QMErrors::QMErrorT QMCriticalSectionC::SetLockCount(unsigned count) {
 QMErrors::QMErrorT QMCriticalSectionC::MarkFree() {
   QMErrors::QMErrorT result = QMErrors::NoError;
   m_dwCurrentOwnerTID.store(0, std::memory_order_relaxed);
-  std::uint32_t rest = m_lSectionLock.load(std::memory_order_relaxed);
-  if ((rest & kTaken) != 0) {
-    rest = m_lSectionLock.fetch_sub(kTaken, std::memory_order_release) - kTaken;
-  } else {
+  // Once the section is free another thread may enter, leave and destroy it.
+  void* const semaphore = m_hSemaphore;
+  std::uint32_t seen = m_lSectionLock.load(std::memory_order_relaxed);
+  if ((seen & kTaken) == 0) {
     ReportError("QMCriticalSectionC::LeaveCriticalSection(): failed releasing m_lSectionLock: ");
     result = QMErrors::e_CriticalSection_SectionLockReleaseFailed;
   }
-  // A single waiter that is on its way already needs no second wake-up: it takes far longer to wake
-  // than this thread to enter and leave again.
-  if (rest < kOneWaiter || rest == (kOneWaiter | kWakePosted)) return result;
-  if (!PostWakeUp()) {
-    ReportError("QMCriticalSectionC::LeaveCriticalSection(): failed releasing m_hSemaphore: ",
-                QMErrToStr(QMErrors::lastOsError()));
-    result = QMErrors::e_CriticalSection_LockReleaseFailed;
-  }
-  return result;
-}
-
-bool QMCriticalSectionC::PostWakeUp() {
   // Other threads that leave rely on a wake-up marked as posted: no suspension in between.
-  const SuspensionDeferral untilPosted;
-  m_lSectionLock.fetch_or(kWakePosted, std::memory_order_relaxed);
-  if (releaseSemaphore(m_hSemaphore, 1, nullptr) || lastError() == ERROR_TOO_MANY_POSTS) return true;
-  m_lSectionLock.fetch_and(~kWakePosted, std::memory_order_relaxed);
-  return false;
+  std::optional<SuspensionDeferral> untilPosted;
+  bool wakes;
+  std::uint32_t rest;
+  do {
+    rest = seen & ~kTaken;
+    // A single waiter that is on its way already needs no second wake-up: it takes far longer to
+    // wake than this thread to enter and leave again.
+    wakes = rest >= kOneWaiter && rest != (kOneWaiter | kWakePosted);
+    if (wakes) {
+      rest |= kWakePosted;
+      if (!untilPosted) untilPosted.emplace();
+    }
+  } while (!m_lSectionLock.compare_exchange_weak(seen, rest, std::memory_order_release,
+                                                 std::memory_order_relaxed));
+  if (!wakes || releaseSemaphore(semaphore, 1, nullptr)) return result;
+  // An invalid handle that was one: the section was destroyed meanwhile.
+  if (lastError() == ERROR_TOO_MANY_POSTS || semaphore != nullptr) return result;
+  ReportError("QMCriticalSectionC::LeaveCriticalSection(): failed releasing m_hSemaphore: ",
+              QMErrToStr(QMErrors::lastOsError()));
+  return QMErrors::e_CriticalSection_LockReleaseFailed;
 }
 
 template <class... Parts>

@@ -78,7 +78,6 @@ class QMUTILS_API QMCriticalSectionC {
                                     int reportTimeout, DWORD self);
   QMErrors::QMErrorT SetLockCount(unsigned count);
   QMErrors::QMErrorT MarkFree();
-  bool PostWakeUp();
 
   void LogError(QMstrstream& message);
   void LogInfo(QMstrstream& message);

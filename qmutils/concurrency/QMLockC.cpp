@@ -35,10 +35,11 @@ QMErrors::QMErrorT QMLockC::fail() const {
 QMErrors::QMErrorT QMLockC::lock() {
   const QMErrors::QMErrorT usable = fail();
   if (usable != QMErrors::NoError) return usable;
-  setLastError(0);
-  if (wait(m_hMutex, m_nTimeout) == WAIT_OBJECT_0) return QMErrors::NoError;
+  const DWORD result = wait(m_hMutex, m_nTimeout);
+  if (result == WAIT_OBJECT_0) return QMErrors::NoError;
+  // Only a failed wait has a reason of the system's.
   qm::logError("QMLockC::lock(): ", "owner: ", m_pOwner, "waiting for mutex",
-               QMErrToStr(QMErrors::lastOsError()));
+               QMErrToStr(result == WAIT_FAILED ? QMErrors::lastOsError() : QMErrors::NoError));
   return QMErrors::CommandTimedOut;
 }
 

@@ -1,5 +1,6 @@
 #include "qmutils/concurrency/QMThreadC.h"
 
+#include <algorithm>
 #include <mutex>
 #include <new>
 #include <ostream>
@@ -8,8 +9,10 @@
 #include "qmutils/foundation/Immortal.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/foundation/PointerText.h"
+#include "qmutils/foundation/ShortLock.h"
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
+#include "qmutils/platform/suspension_deferral.h"
 #include "qmutils/platform/thread.h"
 #include "qmutils/platform/waitable.h"
 
@@ -18,6 +21,13 @@ using namespace qm::platform;
 namespace {
 
 using SectionUser = QMCriticalSectionC::QMCriticalSectionUserC;
+
+/// Enters the pool's section for a scope. Its holder cannot be suspended, as every other thread
+/// object would have to wait for it.
+class PoolUser : private SuspensionDeferral, public SectionUser {
+ public:
+  explicit PoolUser(QMCriticalSectionC& section) : SectionUser(&section) {}
+};
 
 constexpr DWORD kPoolTimeoutMs = 60000;
 constexpr DWORD kAllOnes = 0xFFFFFFFFu;
@@ -72,10 +82,12 @@ struct QMThreadC::ControlC {
     if (endEvent != nullptr) closeHandle(endEvent);
   }
 
-  bool isAlive() const {
-    void* const handle = thread;
+  static bool isRunning(void* handle) {
     return handle != nullptr && wait(handle, 0) == WAIT_TIMEOUT;
   }
+  bool isAlive() const { return isRunning(thread); }
+  /// An identifier is given to another thread once its own has ended.
+  bool isCurrentThread() const { return threadId == currentThreadId() && isAlive() && !deleted; }
 
   bool endSignalled() const { return wait(endEvent, 0) != WAIT_TIMEOUT; }
 
@@ -91,19 +103,15 @@ struct QMThreadC::ControlC {
   QMErrors::QMErrorT create(const std::shared_ptr<ControlC>& self, QMThreadC* object);
   QMErrors::QMErrorT awaitBegin() const;
   QMErrors::QMErrorT notifyEnd() const;
-  void awaitEnd() const;
+  QMErrors::QMErrorT end();
+  void awaitEnd(void* stopped) const;
+
+  /// What a new thread is given; it owns its share of the control block.
+  struct Launch {
+    std::shared_ptr<ControlC> control;
+    QMThreadC* object;
+  };
 };
-
-namespace {
-
-/// What a new thread is given; it owns both.
-template <class ControlPtr>
-struct Launch {
-  ControlPtr control;
-  QMThreadC* object;
-};
-
-}  // namespace
 
 std::shared_ptr<QMThreadC::ControlC> QMThreadC::ControlC::make(const char* name,
                                                                DWORD stopTimeoutMs,
@@ -131,7 +139,7 @@ QMCriticalSectionC& QMThreadC::m_PoolCS() {
 QMThreadC::QMThreadC(const char* name, QMThreadC* parent, DWORD stopTimeoutMs, int autoDelete)
     : m_pParent(parent),
       m_pControl(ControlC::make(name, stopTimeoutMs, autoDelete != 0)) {
-  SectionUser user(&m_PoolCS());
+  PoolUser user(m_PoolCS());
   if (user.EnterCriticalSection("QMThreadC::QMThreadC():", kPoolTimeoutMs) != QMErrors::NoError) {
     return;  // reported by the section; the thread works, but stopAll() does not know it
   }
@@ -164,7 +172,7 @@ void QMThreadC::Unlink() {
 QMErrors::QMErrorT QMThreadC::RemoveThread(int deleteIt) {
   QMErrors::QMErrorT left;
   {
-    SectionUser user(&m_PoolCS());
+    PoolUser user(m_PoolCS());
     const QMErrors::QMErrorT entered =
         user.EnterCriticalSection("QMThreadC::RemoveThread(): ", kPoolTimeoutMs);
     if (entered != QMErrors::NoError) {
@@ -190,8 +198,18 @@ QMErrors::QMErrorT QMThreadC::RemoveThread(int deleteIt) {
   return left;
 }
 
+void QMThreadC::SetParent(QMThreadC* parent) {
+  for (QMThreadC* ancestor = parent; ancestor != nullptr; ancestor = ancestor->GetParent()) {
+    if (ancestor != this) continue;
+    qm::logWarning(0, "QMThreadC::SetParent(): ", "a thread cannot be its own ancestor: ",
+                   GetSafeThreadName());
+    return;
+  }
+  m_pParent.store(parent);
+}
+
 QMThreadC* QMThreadC::FindChild(QMThreadC* after) {
-  SectionUser user(&m_PoolCS());
+  PoolUser user(m_PoolCS());
   if (user.EnterCriticalSection("QMThreadC::FindChild(): ", kPoolTimeoutMs) != QMErrors::NoError) {
     return nullptr;
   }
@@ -208,10 +226,10 @@ QMErrors::QMErrorT QMThreadC::run() {
 }
 
 DWORD QMThreadC::ThreadWrapper(void* argument) {
-  const std::unique_ptr<Launch<ControlPtr>> launch(static_cast<Launch<ControlPtr>*>(argument));
+  const std::unique_ptr<ControlC::Launch> launch(static_cast<ControlC::Launch*>(argument));
   ControlC& control = *launch->control;
   QMThreadC* const object = launch->object;
-  { const std::lock_guard handleIsStored(control.starting); }
+  { const qm::ShortLock handleIsStored(control.starting); }
   (void)object->SleepEx(0, false);
   const QMErrors::QMErrorT result = object->run();
   if (control.autoDelete) {
@@ -231,7 +249,7 @@ QMErrors::QMErrorT QMThreadC::start() {
 
 QMErrors::QMErrorT QMThreadC::ControlC::create(const ControlPtr& self, QMThreadC* object) {
   {
-    const std::lock_guard guard(starting);
+    const qm::ShortLock guard(starting);
     if (self == none()) {
       setLastError(ERROR_NOT_ENOUGH_MEMORY);
     } else if (endEvent == nullptr) {
@@ -245,8 +263,7 @@ QMErrors::QMErrorT QMThreadC::ControlC::create(const ControlPtr& self, QMThreadC
       closeThread();
       finished = false;
       resetEvent(endEvent);
-      auto launch = std::unique_ptr<Launch<ControlPtr>>(new (std::nothrow)
-                                                            Launch<ControlPtr>{self, object});
+      std::unique_ptr<Launch> launch(new (std::nothrow) Launch{self, object});
       if (launch != nullptr) {
         DWORD id = 0;
         thread = startThread(&QMThreadC::ThreadWrapper, launch.get(), &id);
@@ -312,20 +329,30 @@ QMErrors::QMErrorT QMThreadC::stop() {
 
 /// `object` is only compared; it may be deleted by its own thread at any moment.
 QMErrors::QMErrorT QMThreadC::Stop(const ControlPtr& control, const QMThreadC* object) {
-  if (control->thread != nullptr && control->threadId == currentThreadId() && !control->deleted) {
+  if (control->isCurrentThread()) {
     qm::logWarning(kTraceLevel, kStop, "Cannot stop() thread from within itself ignoring request");
     return QMErrors::NoError;
   }
   QMErrors::QMErrorT first = StopChildren(object);
-  if (control->isAlive()) {
-    const QMErrors::QMErrorT notified = control->notifyEnd();
-    remember(first, notified);
-    if (notified != QMErrors::NoError) return first;
-  }
-  control->awaitEnd();
-  control->closeThread();
-  if (control->endEvent != nullptr) resetEvent(control->endEvent);
+  remember(first, control->end());
   return first;
+}
+
+/// Ends the thread that runs now; one that somebody starts meanwhile is left alone.
+QMErrors::QMErrorT QMThreadC::ControlC::end() {
+  void* stopped;
+  {
+    const qm::ShortLock guard(starting);
+    stopped = thread;
+    const QMErrors::QMErrorT notified = isRunning(stopped) ? notifyEnd() : QMErrors::NoError;
+    if (notified != QMErrors::NoError) return notified;
+  }
+  awaitEnd(stopped);
+  const qm::ShortLock guard(starting);
+  if (!thread.compare_exchange_strong(stopped, nullptr)) return QMErrors::NoError;
+  if (stopped != nullptr) closeHandle(stopped);
+  if (endEvent != nullptr) resetEvent(endEvent);
+  return QMErrors::NoError;
 }
 
 /// Signals all children before it stops any of them.
@@ -337,11 +364,11 @@ QMErrors::QMErrorT QMThreadC::StopChildren(const QMThreadC* parent) try {
   std::vector<Child> children;
   QMErrors::QMErrorT first = QMErrors::NoError;
   {
-    SectionUser user(&m_PoolCS());
+    PoolUser user(m_PoolCS());
     const QMErrors::QMErrorT entered = user.EnterCriticalSection(kStop, kPoolTimeoutMs);
     if (entered != QMErrors::NoError) return entered;
     for (QMThreadC* member = m_pThreads; member != nullptr; member = member->m_pNext) {
-      if (member->GetParent() != parent) continue;
+      if (member->GetParent() != parent || member == parent) continue;
       remember(first, member->NotifyEnd());
       children.push_back({member->m_pControl, member});
       sleep(0, false);
@@ -356,10 +383,10 @@ QMErrors::QMErrorT QMThreadC::StopChildren(const QMThreadC* parent) try {
   return QMErrors::MemoryAllocationFailed;
 }
 
-void QMThreadC::ControlC::awaitEnd() const {
+void QMThreadC::ControlC::awaitEnd(void* stopped) const {
   const Deadline deadline = Deadline::after(stopTimeoutMs);
-  for (int step = 1; !deleted && isAlive(); ++step) {
-    if (deadline.passed()) {
+  for (int step = 1; !deleted && thread == stopped && isRunning(stopped); ++step) {
+    if (step > 1 && deadline.passed()) {
       logPlain(0, kStop,
                "ERROR: Could not stop thread. Thread being killed, this could leave dangling "
                "resources.");
@@ -370,7 +397,7 @@ void QMThreadC::ControlC::awaitEnd() const {
       logPlain(kTraceLevel, kStop, "Waiting for thread ", name, " id 0x", std::hex,
                threadId.load(), " to die...");
     }
-    (void)wait(thread, kStopStepMs);
+    (void)wait(stopped, kStopStepMs);
   }
 }
 
@@ -378,7 +405,7 @@ QMErrors::QMErrorT QMThreadC::stopAll() try {
   std::vector<ControlPtr> controls;
   std::vector<const QMThreadC*> objects;
   {
-    SectionUser user(&m_PoolCS());
+    PoolUser user(m_PoolCS());
     const QMErrors::QMErrorT entered = user.EnterCriticalSection(kStop, kPoolTimeoutMs);
     if (entered != QMErrors::NoError) return entered;
     for (QMThreadC* member = m_pThreads; member != nullptr; member = member->m_pNext) {
@@ -435,13 +462,14 @@ DWORD QMThreadC::WaitForSingleObject(void* handle, DWORD timeoutMs) const {
 
 namespace {
 
-void traceWaiting(const char* label, const char* name, DWORD id, DWORD count, void* const* handles,
+void traceWaiting(const char* label, const QMThreadC& thread, DWORD count, void* const* handles,
                   const char* open, const char* close, DWORD timeoutMs) {
   if (!tracing()) return;
   QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
   log.SetMessageLevel(kTraceLevel);
   log._LogInfo();
-  log << label << name << ", id=0x" << std::hex << id << std::dec << " waiting on " << count
+  log << label << thread.GetSafeThreadName() << ", id=0x" << std::hex << thread.GetThreadID()
+      << std::dec << " waiting on " << count
       << open;
   for (DWORD i = 0; i < count; ++i) {
     log << (i == 0 ? "" : ", ") << qm::PointerText(handles[i]).view();
@@ -449,19 +477,18 @@ void traceWaiting(const char* label, const char* name, DWORD id, DWORD count, vo
   log << close << timeoutMs << std::endl;
 }
 
-void traceReturning(const char* label, const char* name, DWORD id, DWORD count, bool all,
+/// `first` and `count`: the objects that result 0 is about.
+void traceReturning(const char* label, const QMThreadC& thread, DWORD first, DWORD count,
                     DWORD result) {
   if (!tracing()) return;
   QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
   log.SetMessageLevel(kTraceLevel);
   log._LogInfo();
-  log << label << name << ", id=0x" << std::hex << id << std::dec << " returning: ";
-  for (DWORD i = 0; i < count; ++i) {
-    if (result == WAIT_OBJECT_0 + i || (all && result == WAIT_OBJECT_0)) {
-      log << " Object " << i << " was signalled ";
-    } else if (result == WAIT_ABANDONED_0 + i) {
-      log << " Object " << i << " was abandoned ";
-    }
+  log << label << thread.GetSafeThreadName() << ", id=0x" << std::hex << thread.GetThreadID()
+      << std::dec << " returning: ";
+  for (DWORD i = first; i < first + count; ++i) {
+    if (result == WAIT_OBJECT_0) log << " Object " << i << " was signalled ";
+    if (result == WAIT_ABANDONED_0) log << " Object " << i << " was abandoned ";
   }
   if (result == WAIT_TIMEOUT) log << " Timed out ";
   log << std::endl;
@@ -471,31 +498,41 @@ void traceReturning(const char* label, const char* name, DWORD id, DWORD count, 
 
 DWORD QMThreadC::WaitForMultipleObjects(DWORD count, void* const* handles, bool waitAll,
                                         DWORD timeoutMs) const {
-  const char* const label = waitAll ? "QMThreadC::WaitForMultipleObjects( ALL ): "
-                                    : "QMThreadC::WaitForMultipleObjects( ANY ): ";
-  const char* const name = GetSafeThreadName();
-  const DWORD id = GetThreadID();
-  traceWaiting(label, name, id, count, handles, waitAll ? " objects: " : " objects[",
-               waitAll ? ", timeout = " : "], timeout = ", timeoutMs);
-  DWORD result = WAIT_OBJECT_0;
-  DWORD traced = count;
-  if (waitAll) {
-    const Deadline deadline = Deadline::after(timeoutMs);
-    for (DWORD i = 0; i < count && result == WAIT_OBJECT_0; ++i) {
-      result = WaitForSingleObject(handles[i], deadline.remainingMs());
-    }
-  } else {
-    void* waited[MAXIMUM_WAIT_OBJECTS];
-    void* const endEvent = GetEndEvent();
-    const DWORD all = endEvent != nullptr ? count + 1 : count;
-    if (all <= MAXIMUM_WAIT_OBJECTS && handles != nullptr) {
-      for (DWORD i = 0; i < count; ++i) waited[i] = handles[i];
-      if (endEvent != nullptr) waited[count] = endEvent;
-    }
-    result = waitAny(handles != nullptr ? waited : nullptr, all, timeoutMs);
-    traced = all;
+  if (count > MAXIMUM_WAIT_OBJECTS || (handles == nullptr && count != 0)) {
+    setLastError(ERROR_INVALID_PARAMETER);
+    return WAIT_FAILED;
   }
-  traceReturning(label, name, id, traced, waitAll, result);
+  return waitAll ? WaitForAll(count, handles, timeoutMs) : WaitForAny(count, handles, timeoutMs);
+}
+
+DWORD QMThreadC::WaitForAll(DWORD count, void* const* handles, DWORD timeoutMs) const {
+  const char* const label = "QMThreadC::WaitForMultipleObjects( ALL ): ";
+  traceWaiting(label, *this, count, handles, " objects: ", ", timeout = ", timeoutMs);
+  const Deadline deadline = Deadline::after(timeoutMs);
+  DWORD result = WAIT_OBJECT_0;
+  DWORD waited = 0;
+  while (waited < count && result == WAIT_OBJECT_0) {
+    result = WaitForSingleObject(handles[waited++], deadline.remainingMs());
+  }
+  // All of them, or the one at which the wait ended.
+  const bool all = result == WAIT_OBJECT_0;
+  traceReturning(label, *this, all ? 0 : waited - 1, all ? count : 1, result);
+  return result;
+}
+
+DWORD QMThreadC::WaitForAny(DWORD count, void* const* handles, DWORD timeoutMs) const {
+  const char* const label = "QMThreadC::WaitForMultipleObjects( ANY ): ";
+  traceWaiting(label, *this, count, handles, " objects[", "], timeout = ", timeoutMs);
+  void* waited[MAXIMUM_WAIT_OBJECTS + 1];
+  std::copy_n(handles, count, waited);
+  void* const endEvent = GetEndEvent();
+  waited[count] = endEvent;
+  const DWORD all = endEvent != nullptr ? count + 1 : count;
+  const DWORD result = waitAny(waited, all, timeoutMs);
+  const bool abandoned = result >= WAIT_ABANDONED_0 && result < WAIT_ABANDONED_0 + all;
+  const bool one = abandoned || result < WAIT_OBJECT_0 + all;
+  const DWORD kind = abandoned ? WAIT_ABANDONED_0 : one ? WAIT_OBJECT_0 : result;
+  traceReturning(label, *this, one ? result - kind : 0, one ? 1 : 0, kind);
   return result;
 }
 

@@ -31,7 +31,7 @@
 class QMUTILS_API QMThreadC {
  public:
   /// Joins the pool; no thread is started. `name` is a literal or lives as long as the object (null:
-  /// "Unknown"). `parent` may be null: a top-level thread. `stopTimeoutMs` limits how long stop()
+  /// "Unknown"); with `autoDelete` it is a literal. `parent` may be null: a top-level thread. `stopTimeoutMs` limits how long stop()
   /// waits. With `autoDelete` non-zero the object, which must come from new, deletes itself after
   /// run() returns.
   QMThreadC(const char* name, QMThreadC* parent, DWORD stopTimeoutMs, int autoDelete);
@@ -65,7 +65,8 @@ class QMUTILS_API QMThreadC {
   /// The first pool member behind `after` (null: from the oldest) whose parent is this object.
   QMThreadC* FindChild(QMThreadC* after);
   QMThreadC* GetParent() const { return m_pParent.load(); }
-  void SetParent(QMThreadC* parent) { m_pParent.store(parent); }
+  /// Refused, with a log line, for the thread itself and what stands below it.
+  void SetParent(QMThreadC* parent);
   /// True for a top-level thread.
   bool bIsParent() const { return GetParent() == nullptr; }
 
@@ -111,6 +112,8 @@ class QMUTILS_API QMThreadC {
   static DWORD ThreadWrapper(void* argument);
   static QMErrors::QMErrorT Stop(const ControlPtr& control, const QMThreadC* object);
   static QMErrors::QMErrorT StopChildren(const QMThreadC* parent);
+  DWORD WaitForAll(DWORD count, void* const* handles, DWORD timeoutMs) const;
+  DWORD WaitForAny(DWORD count, void* const* handles, DWORD timeoutMs) const;
   bool IsStopping() const;
   bool IsPooled() const;
   void Unlink();

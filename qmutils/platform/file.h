@@ -49,12 +49,12 @@ bool createDirectory(const char* path) noexcept;
 /// Puts `temporary` in the place of `target` in one step: whatever happens, the target is the old
 /// file or the new one. The new file takes the target's mode and owner; a symbolic link is
 /// followed, not replaced. Refused with 5 when the target exists and could not be written.
-bool replaceFile(const char* temporary, const char* target) noexcept;
+QMUTILS_API bool replaceFile(const char* temporary, const char* target) noexcept;
 /// False with 5 when `target` exists and is read-only or no regular file; asked before the
 /// temporary file is made.
 bool mayReplaceFile(const char* target) noexcept;
 /// Flushes a stream's data to the disk, so that a following replaceFile() is safe against power
 /// loss.
-bool flushToDisk(std::FILE* file) noexcept;
+QMUTILS_API bool flushToDisk(std::FILE* file) noexcept;
 
 }  // namespace qm::platform

@@ -23,7 +23,7 @@ struct ProcessInformation {
 /// process group of its own, so that Ctrl-C in the parent's terminal does not reach it.
 /// `creationFlags`: a priority class, with DETACHED_PROCESS also without standard input.
 /// `showState` is the initial window state (2: minimised), for systems with windows.
-/// Fails with 2 or 3 (not found), 5 (not executable), 193 (not a program), 8.
+/// Fails with 2 (not found), 5 (not executable), 193 (not a program), 8.
 bool createProcess(const char* commandLine, DWORD creationFlags, WORD showState,
                    ProcessInformation* information) noexcept;
 

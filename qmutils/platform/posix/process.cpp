@@ -20,6 +20,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "qmutils/platform/error.h"
@@ -46,7 +47,7 @@ int killThroughPidfd(int pidfd) noexcept {
 
 /// A child as the watcher sees it: its pidfd, and the objects behind the two handles.
 struct Child {
-  int pidfd = -1;
+  int pidfd = -1;  ///< closed once the child has ended
   WaitObject* process = nullptr;
   WaitObject* mainThread = nullptr;
   // Guarded by the dispatcher's lock:
@@ -69,16 +70,42 @@ DWORD exitCodeOf(const siginfo_t& info) noexcept {
 // As it was when the program was loaded: an orphan is handed to another process.
 const pid_t launchedBy = getppid();
 
+/// Keeps signals away from the calling thread and those it starts.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() noexcept {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+/// A program that was started with SIGCHLD ignored would never learn how its children ended.
+void keepEndedChildren() noexcept {
+  struct sigaction action;
+  if (sigaction(SIGCHLD, nullptr, &action) != 0) return;
+  if (action.sa_handler != SIG_IGN && (action.sa_flags & SA_NOCLDWAIT) == 0) return;
+  if (action.sa_handler == SIG_IGN) action.sa_handler = SIG_DFL;
+  action.sa_flags &= ~SA_NOCLDWAIT;
+  sigaction(SIGCHLD, &action, nullptr);
+}
+
 /// One thread collects the ends of all children and signals their handles.
 class ChildWatcher {
  public:
   /// Null when the system refuses; the next launch tries again. Never destroyed: children may
-  /// outlive main().
+  /// outlive main(). A forked child has its parent's without the thread, and makes its own.
   static ChildWatcher* instance() noexcept {
     static constinit std::mutex mutex;
     static constinit ChildWatcher* watcher = nullptr;
     const std::lock_guard lock(mutex);
-    if (watcher == nullptr) watcher = create();
+    if (watcher == nullptr || watcher->process_ != getpid()) watcher = create();
     return watcher;
   }
 
@@ -95,15 +122,11 @@ class ChildWatcher {
   static ChildWatcher* create() noexcept {
     const int epoll = epoll_create1(EPOLL_CLOEXEC);
     if (epoll < 0) return nullptr;
+    keepEndedChildren();
     try {
       auto watcher = std::unique_ptr<ChildWatcher>(new ChildWatcher(epoll));
-      // The program's signals are for its own threads.
-      sigset_t all;
-      sigset_t before;
-      sigfillset(&all);
-      pthread_sigmask(SIG_SETMASK, &all, &before);
+      const SignalsBlocked forItsThread;  // the program's signals are for its own threads
       std::thread([self = watcher.get()] { self->run(); }).detach();
-      pthread_sigmask(SIG_SETMASK, &before, nullptr);
       return watcher.release();
     } catch (...) {
       close(epoll);
@@ -127,17 +150,22 @@ class ChildWatcher {
     DispatcherLock lock;
     WakeList wakes;
     child->ended = true;
-    const DWORD code = child->forcedCode.value_or(exitCodeOf(info));
+    const int pidfd = std::exchange(child->pidfd, -1);
+    // A process that was just ending when it was told to keeps its own code.
+    const bool killed = info.si_code == CLD_KILLED && info.si_status == SIGKILL;
+    const DWORD code =
+        killed ? child->forcedCode.value_or(exitCodeOf(info)) : exitCodeOf(info);
     for (WaitObject* object : {child->mainThread, child->process}) {
       object->exitCode = code;
       signalObject(object, lock, wakes);
       unpin(object);
     }
-    lock.unlock();
-    wakes.wakeAll();
+    lock.unlockAndWake(wakes);
+    close(pidfd);  // the child may be gone by now
   }
 
   const int epoll_;
+  const pid_t process_ = getpid();
 };
 
 bool isProgramFile(const std::string& path) noexcept {
@@ -157,7 +185,7 @@ std::string findProgram(const std::string& name) {
   std::string_view rest = path == nullptr ? "" : path;
   while (!rest.empty()) {
     const std::size_t end = std::min(rest.find(':'), rest.size());
-    folders.push_back(std::string(rest.substr(0, end)) + "/");
+    if (end != 0) folders.push_back(std::string(rest.substr(0, end)) + "/");
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
   for (const std::string& folder : folders) {
@@ -186,6 +214,19 @@ Launch resolveLaunch(const char* commandLine) {
   return {};
 }
 
+/// Default signals and a process group of its own; gives an errno value.
+int setDefaultSignals(posix_spawnattr_t* attributes) noexcept {
+  sigset_t signals;
+  sigfillset(&signals);
+  int error = posix_spawnattr_setsigdefault(attributes, &signals);
+  sigemptyset(&signals);
+  if (error == 0) error = posix_spawnattr_setsigmask(attributes, &signals);
+  if (error == 0) error = posix_spawnattr_setpgroup(attributes, 0);
+  if (error != 0) return error;
+  return posix_spawnattr_setflags(
+      attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+}
+
 /// Spawns with only the standard descriptors, default signals and a process group of its own; gives
 /// an errno value.
 int spawn(const Launch& launch, bool detached, pid_t* pid) {
@@ -200,17 +241,13 @@ int spawn(const Launch& launch, bool detached, pid_t* pid) {
   if (error != 0) return error;
   error = posix_spawnattr_init(&attributes);
   if (error == 0) {
-    if (detached) posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-    sigset_t signals;
-    sigfillset(&signals);
-    posix_spawnattr_setsigdefault(&attributes, &signals);
-    sigemptyset(&signals);
-    posix_spawnattr_setsigmask(&attributes, &signals);
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF |
-                                              POSIX_SPAWN_SETSIGMASK);
-    error = posix_spawn(pid, launch.path.c_str(), &actions, &attributes, arguments.data(), environ);
+    if (detached) error = posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    if (error == 0) error = posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    if (error == 0) error = setDefaultSignals(&attributes);
+    if (error == 0) {
+      error =
+          posix_spawn(pid, launch.path.c_str(), &actions, &attributes, arguments.data(), environ);
+    }
     posix_spawnattr_destroy(&attributes);
   }
   posix_spawn_file_actions_destroy(&actions);
@@ -235,10 +272,21 @@ void killUnwatched(pid_t pid) noexcept {
   }
 }
 
-void dropHandles(const ProcessInformation& information) noexcept {
-  if (information.process != nullptr) closeHandle(information.process);
-  if (information.mainThread != nullptr) closeHandle(information.mainThread);
-}
+/// The two handles of a launch, closed again unless it succeeds.
+struct LaunchHandles {
+  HANDLE process = nullptr;
+  HANDLE mainThread = nullptr;
+
+  LaunchHandles() = default;
+  LaunchHandles(const LaunchHandles&) = delete;
+  LaunchHandles& operator=(const LaunchHandles&) = delete;
+  ~LaunchHandles() {
+    const DWORD number = lastError();
+    if (process != nullptr) closeHandle(process);
+    if (mainThread != nullptr) closeHandle(mainThread);
+    setLastError(number);
+  }
+};
 
 /// Launches into `child`, whose two objects exist already.
 bool launchChild(const Launch& launch, DWORD flags, ChildWatcher& watcher, Child* child,
@@ -253,12 +301,13 @@ bool launchChild(const Launch& launch, DWORD flags, ChildWatcher& watcher, Child
     ++child->mainThread->pins;
   }
   if (child->pidfd >= 0 && watcher.watch(child)) return true;
-  const DWORD number = lastErrorFromErrno(errno);
-  killUnwatched(*pid);
+  const int reason = errno;
+  // ESRCH: it has ended and been collected by somebody else, so the number is no longer ours.
+  if (reason != ESRCH) killUnwatched(*pid);
   DispatcherLock lock;
   unpin(child->process);
   unpin(child->mainThread);
-  return failWith(number);
+  return failWithErrno(reason);
 }
 
 /// With the dispatcher's lock held: the child of a process handle, or null with the last error 6.
@@ -281,11 +330,10 @@ bool createProcess(const char* commandLine, DWORD creationFlags, WORD /*showStat
   ChildWatcher* watcher = ChildWatcher::instance();
   if (watcher == nullptr) return failWith(ERROR_NOT_ENOUGH_MEMORY);
   auto child = std::make_shared<Child>();
-  ProcessInformation result;
-  child->process = newObject(Kind::Process, 0, &result.process);
-  child->mainThread = newObject(Kind::Process, 0, &result.mainThread);
+  LaunchHandles handles;
+  child->process = newObject(Kind::Process, 0, &handles.process);
+  child->mainThread = newObject(Kind::Process, 0, &handles.mainThread);
   if (child->process == nullptr || child->mainThread == nullptr) {
-    dropHandles(result);
     return failWith(ERROR_NOT_ENOUGH_MEMORY);
   }
   {
@@ -294,14 +342,11 @@ bool createProcess(const char* commandLine, DWORD creationFlags, WORD /*showStat
     child->mainThread->attachment = child;
   }
   pid_t pid = 0;
-  if (!launchChild(launch, creationFlags, *watcher, child.get(), &pid)) {
-    const DWORD number = lastError();
-    dropHandles(result);
-    return failWith(number);
-  }
-  result.processId = static_cast<DWORD>(pid);
-  result.threadId = static_cast<DWORD>(pid);
-  *information = result;
+  if (!launchChild(launch, creationFlags, *watcher, child.get(), &pid)) return false;
+  information->process = std::exchange(handles.process, nullptr);
+  information->mainThread = std::exchange(handles.mainThread, nullptr);
+  information->processId = static_cast<DWORD>(pid);
+  information->threadId = static_cast<DWORD>(pid);
   return true;
 } catch (const std::bad_alloc&) {
   return failWith(ERROR_NOT_ENOUGH_MEMORY);

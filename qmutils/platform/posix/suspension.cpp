@@ -50,8 +50,15 @@ bool prepareSuspension() noexcept {
   return installed;
 }
 
-void signalSuspension(const ThreadRecord& record) noexcept {
-  syscall(SYS_tgkill, getpid(), static_cast<pid_t>(record.threadId), suspensionSignal());
+void allowSuspensionSignal() noexcept {
+  sigset_t signal;
+  sigemptyset(&signal);
+  sigaddset(&signal, suspensionSignal());
+  pthread_sigmask(SIG_UNBLOCK, &signal, nullptr);
+}
+
+bool signalSuspension(const ThreadRecord& record) noexcept {
+  return syscall(SYS_tgkill, getpid(), static_cast<pid_t>(record.threadId), suspensionSignal()) == 0;
 }
 
 void parkWhileSuspended(ThreadRecord& record) noexcept {

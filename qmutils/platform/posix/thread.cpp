@@ -35,16 +35,17 @@ struct StartRequest {
 
 void* threadMain(void* argument) {
   auto* request = static_cast<StartRequest*>(argument);
-  WaitObject* object = request->object;
+  ThreadRecord* const record = request->record;
+  record->object = request->object;
+  allowSuspensionSignal();
   const ThreadEntry entry = request->entry;
   void* const entryArgument = request->argument;
-  adoptThreadRecord(request->record);
-  if (request->id != nullptr) *request->id = request->record->threadId;
+  adoptThreadRecord(record);
+  if (request->id != nullptr) *request->id = record->threadId;
   FutexWord* begun = &request->begun;
   begun->store(1, std::memory_order_release);
   futexWake(begun, 1);
-  const DWORD exitCode = entry(entryArgument);
-  endCurrentThread(object, exitCode);
+  record->exitCode = entry(entryArgument);
   return nullptr;
 }
 
@@ -182,7 +183,11 @@ DWORD suspendThread(HANDLE thread) noexcept {
       return kFailed;
     }
     previous = record->suspension.fetch_add(1, std::memory_order_acq_rel);
-    if (!self && (previous & kParked) == 0) signalSuspension(*record);
+    if (!self && (previous & kParked) == 0 && !signalSuspension(*record)) {
+      record->suspension.fetch_sub(1, std::memory_order_acq_rel);
+      setLastError(ERROR_SIGNAL_REFUSED);
+      return kFailed;
+    }
     ++record->pins;
   }
   if (self) {
@@ -262,7 +267,11 @@ bool queueAsyncCall(HANDLE thread, AsyncCall call, void* argument) noexcept {
 }
 
 DWORD sleep(DWORD milliseconds, bool alertable) noexcept {
-  if (alertable) return alertableSleep(Deadline::after(milliseconds));
+  if (alertable) {
+    const DWORD result = alertableSleep(Deadline::after(milliseconds));
+    if (milliseconds == 0 && result == 0) sched_yield();
+    return result;
+  }
   if (milliseconds == 0) {
     sched_yield();
     return 0;

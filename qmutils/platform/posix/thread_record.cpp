@@ -1,6 +1,6 @@
 #include "qmutils/platform/posix/thread_record.h"
 
-#include <sched.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -19,15 +19,6 @@ namespace {
 
 constinit ThreadRecord* firstFreeRecord = nullptr;  // guarded by the dispatcher's lock
 
-/// Ends the record of a thread that the platform did not start, when that thread ends.
-struct ForeignThreadEnd {
-  bool armed = false;
-  ~ForeignThreadEnd() {
-    if (armed && ownRecord != nullptr) endCurrentThread(nullptr, 0);
-  }
-};
-thread_local ForeignThreadEnd foreignThreadEnd;
-
 void reset(ThreadRecord& record) noexcept {
   record.threadId = 0;
   record.parking.store(0, std::memory_order_relaxed);
@@ -35,6 +26,8 @@ void reset(ThreadRecord& record) noexcept {
   record.deferral.store(0, std::memory_order_relaxed);
   record.suspensionPending.store(false, std::memory_order_relaxed);
   record.priority.store(THREAD_PRIORITY_NORMAL, std::memory_order_relaxed);
+  record.object = nullptr;
+  record.exitCode = 0;
   record.gone = false;
 }
 
@@ -48,65 +41,36 @@ void renumberAfterFork() noexcept {
   if (ownRecord != nullptr) ownRecord->threadId = static_cast<DWORD>(syscall(SYS_gettid));
 }
 
+void unlockInChild() noexcept {
+  renumberAfterFork();
+  unlockDispatcherAfterFork();
+}
+
 DWORD systemThreadId() noexcept {
-  static const int registered = pthread_atfork(nullptr, nullptr, renumberAfterFork);
+  static const int registered =
+      pthread_atfork(lockDispatcherForFork, unlockDispatcherAfterFork, unlockInChild);
   (void)registered;
   return static_cast<DWORD>(syscall(SYS_gettid));
 }
 
-/// A record for a thread that others started. Such a thread cannot go on without one, and the few
-/// bytes are not to be had only when the process is at its end anyway.
-ThreadRecord& makeForeignRecord() noexcept {
-  ThreadRecord* record = new (std::nothrow) ThreadRecord;
-  if (record == nullptr) std::abort();
-  record->threadId = systemThreadId();
-  ownRecord = record;
-  foreignThreadEnd.armed = true;
-  return *record;
-}
-
-}  // namespace
-
-ThreadRecord& currentThread() noexcept {
-  ThreadRecord* record = ownRecord;
-  return record != nullptr ? *record : makeForeignRecord();
-}
-
-void adoptThreadRecord(ThreadRecord* record) noexcept {
-  record->threadId = systemThreadId();
-  ownRecord = record;
-}
-
-ThreadRecord* newThreadRecord() noexcept {
-  {
-    DispatcherLock lock;
-    if (firstFreeRecord != nullptr) {
-      ThreadRecord* record = firstFreeRecord;
-      firstFreeRecord = record->nextFree;
-      reset(*record);
-      return record;
-    }
-  }
-  return new (std::nothrow) ThreadRecord;
-}
-
-ThreadRecord* currentThreadIfKnown() noexcept { return ownRecord; }
-
-void endCurrentThread(WaitObject* threadObject, DWORD exitCode) noexcept {
-  ThreadRecord* record = ownRecord;
+/// Gives up the calling thread's record: its mutexes become abandoned, suspenders learn that the
+/// thread is gone, and its handle is signalled.
+void endCurrentThread(void* ending) noexcept {
+  auto* record = static_cast<ThreadRecord*>(ending);
+  WaitObject* const threadObject = record->object;
   abandonOwned(*record);
   // It must not park any more, as nobody could resume it.
   record->deferral.fetch_add(1, std::memory_order_relaxed);
   WakeList wakes;
   QueuedCall* calls;
   {
-    DispatcherLock lock;
+    DispatcherLock lock(DispatcherLock::kThreadIsEnding);
     calls = record->firstCall;
     record->firstCall = record->lastCall = nullptr;
     record->gone = true;
     record->suspension.fetch_or(kEnded, std::memory_order_release);
     if (threadObject != nullptr) {
-      threadObject->exitCode = exitCode;
+      threadObject->exitCode = record->exitCode;
       threadObject->thread = nullptr;
       signalObject(threadObject, lock, wakes);
       unpin(threadObject);
@@ -123,6 +87,53 @@ void endCurrentThread(WaitObject* threadObject, DWORD exitCode) noexcept {
   DispatcherLock lock(DispatcherLock::kThreadIsEnding);
   if (record->pins == 0) recycle(record);
 }
+
+/// Without a key no end of a thread would be noticed; the system has 1024 of them.
+pthread_key_t makeThreadEndKey() noexcept {
+  pthread_key_t key;
+  if (pthread_key_create(&key, endCurrentThread) != 0) std::abort();
+  return key;
+}
+
+/// A record for a thread that others started. Such a thread cannot go on without one, and the few
+/// bytes are not to be had only when the process is at its end anyway.
+ThreadRecord& makeForeignRecord() noexcept {
+  ThreadRecord* record = new (std::nothrow) ThreadRecord;
+  if (record == nullptr) std::abort();
+  adoptThreadRecord(record);
+  return *record;
+}
+
+}  // namespace
+
+ThreadRecord& currentThread() noexcept {
+  ThreadRecord* record = ownRecord;
+  return record != nullptr ? *record : makeForeignRecord();
+}
+
+void adoptThreadRecord(ThreadRecord* record) noexcept {
+  // Behind all thread_local destructors, which may still use the library; and also when the thread
+  // ends by pthread_exit(). The main thread's record lasts as long as the process.
+  static const pthread_key_t atThreadEnd = makeThreadEndKey();
+  record->threadId = systemThreadId();
+  ownRecord = record;
+  pthread_setspecific(atThreadEnd, record);
+}
+
+ThreadRecord* newThreadRecord() noexcept {
+  {
+    DispatcherLock lock;
+    if (firstFreeRecord != nullptr) {
+      ThreadRecord* record = firstFreeRecord;
+      firstFreeRecord = record->nextFree;
+      reset(*record);
+      return record;
+    }
+  }
+  return new (std::nothrow) ThreadRecord;
+}
+
+ThreadRecord* currentThreadIfKnown() noexcept { return ownRecord; }
 
 void unpinThreadRecord(ThreadRecord* record) noexcept {
   if (--record->pins == 0 && record->gone) recycle(record);

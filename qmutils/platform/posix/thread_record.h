@@ -34,6 +34,10 @@ struct ThreadRecord {
   std::atomic<bool> suspensionPending{false};
   std::atomic<int> priority{THREAD_PRIORITY_NORMAL};
 
+  /// The handle's object and the exit code, of a thread that the platform started.
+  WaitObject* object = nullptr;
+  DWORD exitCode = 0;
+
   /// Mutexes owned, newest first. Only the thread itself touches the list.
   WaitObject* ownedMutexes = nullptr;
 
@@ -57,10 +61,6 @@ void adoptThreadRecord(ThreadRecord* record) noexcept;
 
 /// A fresh record; null when memory runs out. The dispatcher's lock must not be held.
 ThreadRecord* newThreadRecord() noexcept;
-
-/// Gives up the calling thread's record: its mutexes become abandoned, suspenders learn that the
-/// thread is gone. `threadObject`, if any, is signalled and loses the pin of the running thread.
-void endCurrentThread(WaitObject* threadObject, DWORD exitCode) noexcept;
 
 /// With the dispatcher's lock held: lets a suspender go; the last one recycles a gone record.
 void unpinThreadRecord(ThreadRecord* record) noexcept;

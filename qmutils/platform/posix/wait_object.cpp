@@ -1,7 +1,9 @@
 #include "qmutils/platform/posix/wait_object.h"
 
+#include <memory>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/suspension.h"
@@ -31,10 +33,15 @@ void appendFree(WaitObject* object) noexcept {
   lastFree = object;
 }
 
-bool addChunk() noexcept {
-  if (chunksInUse == kChunkCount) return false;
-  WaitObject* chunk = new (std::nothrow) WaitObject[kChunkSize];
-  if (chunk == nullptr) return false;
+/// Adds a chunk without holding the lock while it asks for memory: a thread may have been suspended
+/// inside the allocator, and who is to resume it needs the lock.
+bool addChunk(DispatcherLock& lock) noexcept {
+  lock.unlock();
+  std::unique_ptr<WaitObject[]> made(new (std::nothrow) WaitObject[kChunkSize]);
+  lock.lock();
+  if (firstFree != nullptr) return true;  // another thread was faster
+  if (made == nullptr || chunksInUse == kChunkCount) return false;
+  WaitObject* const chunk = made.release();
   for (std::uint32_t i = 0; i < kChunkSize; ++i) {
     chunk[i].index = chunksInUse * kChunkSize + i;
     appendFree(&chunk[i]);
@@ -52,7 +59,6 @@ HANDLE makeHandle(const WaitObject& object, std::uint32_t generation) noexcept {
 void recycle(WaitObject* object) noexcept {
   const std::uint64_t word = object->word.load(std::memory_order_relaxed);
   object->word.store(word >> kGenerationShift << kGenerationShift, std::memory_order_release);
-  object->attachment.reset();
   object->thread = nullptr;
   object->exitCode = STILL_ACTIVE;
   appendFree(object);
@@ -84,6 +90,16 @@ bool take(WaitObject* object, DWORD threadId) noexcept {
 
 }  // namespace
 
+void lockDispatcherForFork() noexcept {
+  deferSuspension();
+  dispatcherMutex.lock();
+}
+
+void unlockDispatcherAfterFork() noexcept {
+  dispatcherMutex.unlock();
+  allowSuspension();
+}
+
 DispatcherLock::DispatcherLock() noexcept : defers_(true) {
   deferSuspension();
   dispatcherMutex.lock();
@@ -98,6 +114,13 @@ DispatcherLock::~DispatcherLock() {
 void DispatcherLock::unlock() noexcept {
   held_ = false;
   dispatcherMutex.unlock();
+  if (defers_) allowSuspension();
+}
+
+void DispatcherLock::unlockAndWake(WakeList& wakes) noexcept {
+  held_ = false;
+  dispatcherMutex.unlock();
+  wakes.wakeAll();
   if (defers_) allowSuspension();
 }
 
@@ -141,8 +164,9 @@ WaitObject* resolve(HANDLE handle) noexcept {
 }
 
 WaitObject* newObject(Kind kind, DWORD value, HANDLE* handle) noexcept {
+  std::shared_ptr<void> former;  // let go of without the lock
   DispatcherLock lock;
-  if (firstFree == nullptr && !addChunk()) {
+  if (firstFree == nullptr && !addChunk(lock)) {
     setLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
@@ -150,6 +174,7 @@ WaitObject* newObject(Kind kind, DWORD value, HANDLE* handle) noexcept {
   firstFree = object->nextFree;
   if (firstFree == nullptr) lastFree = nullptr;
   object->closed = false;
+  former = std::move(object->attachment);
   const std::uint32_t generation = generationOf(object->word.load(std::memory_order_relaxed));
   object->word.store((std::uint64_t{generation} << kGenerationShift) |
                          (std::uint64_t{static_cast<unsigned>(kind)} << kKindShift) | value,
@@ -229,8 +254,7 @@ void dispatch(WaitObject* object, DispatcherLock& lock, WakeList& wakes) noexcep
     block.thread->parking.store(1, std::memory_order_release);
     if (wakes.full()) {
       ++object->pins;
-      lock.unlock();
-      wakes.wakeAll();
+      lock.unlockAndWake(wakes);
       lock.lock();
       entry = object->firstWaiter;
       unpin(object);
@@ -273,8 +297,7 @@ void abandonOwned(ThreadRecord& owner) noexcept {
     ++mutex->pins;
     dispatch(mutex, lock, wakes);
     unpin(mutex);  // a mutex closed while owned ends here
-    lock.unlock();
-    wakes.wakeAll();
+    lock.unlockAndWake(wakes);
   }
 }
 

@@ -85,9 +85,11 @@ struct WaitObject {
   bool closed = false;
   DWORD exitCode = STILL_ACTIVE;
   ThreadRecord* thread = nullptr;         ///< while the thread runs
-  std::shared_ptr<void> attachment;       ///< of a process
+  std::shared_ptr<void> attachment;       ///< of a process, also a former one
   WaitObject* nextFree = nullptr;
 };
+
+class WakeList;
 
 /// Holds the dispatcher's lock. The holder cannot be suspended.
 class DispatcherLock {
@@ -103,14 +105,16 @@ class DispatcherLock {
 
   void unlock() noexcept;
   void lock() noexcept;
+  /// Wakes outside the lock, where a woken thread does not run into it at once, but before the
+  /// caller can be suspended: whom it woke must not wait until it is resumed.
+  void unlockAndWake(WakeList& wakes) noexcept;
 
  private:
   const bool defers_;
   bool held_ = true;
 };
 
-/// The threads to wake once the dispatcher's lock is released: waking inside it would make each
-/// woken thread run into the lock at once.
+/// The threads to wake once the dispatcher's lock is released.
 class WakeList {
  public:
   bool full() const noexcept { return count_ == kCapacity; }
@@ -123,6 +127,10 @@ class WakeList {
   ThreadRecord* threads_[kCapacity];
   int count_ = 0;
 };
+
+/// Around a fork, so that the child finds the table whole and the lock free.
+void lockDispatcherForFork() noexcept;
+void unlockDispatcherAfterFork() noexcept;
 
 /// The object a handle may name: its slot in the table, or null for a value that is no handle. The
 /// caller compares the generation in the object's word with handleGeneration().

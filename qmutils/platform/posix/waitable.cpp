@@ -30,8 +30,7 @@ void finishChange(WaitObject* object, DispatcherLock& lock) noexcept {
   dispatch(object, lock, wakes);
   settle(object);
   unpin(object);
-  lock.unlock();
-  wakes.wakeAll();
+  lock.unlockAndWake(wakes);
 }
 
 /// Sets the value of an object, whether or not it has waiters at this moment.
@@ -105,7 +104,11 @@ Try tryTake(HANDLE handle) noexcept {
 void noteTakenMutexes(const WaitBlock& block) noexcept {
   const auto note = [&](WaitObject* object) {
     const std::uint64_t word = object->word.load(std::memory_order_relaxed);
-    if (kindOf(word) == Kind::Mutex && object->recursion == 1) addOwned(*block.thread, object);
+    // A mutex closed meanwhile may be somebody else's by now.
+    if (kindOf(word) == Kind::Mutex && valueOf(word) == block.thread->threadId &&
+        object->recursion == 1) {
+      addOwned(*block.thread, object);
+    }
   };
   if (block.all) {
     for (std::size_t i = 0; i < block.count; ++i) note(block.entries[i].object);

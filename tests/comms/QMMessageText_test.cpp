@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstring>
 #include <random>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -155,6 +156,17 @@ TEST(QMMessageText, ReadsWideTextsBehindAMark) {
                     "1;2;3;4;;")
                 .result,
             2116);
+}
+
+TEST(QMMessageText, AWideTextNeedsNoWideEndBehindWhatIsNotAscii) {
+  // As another process may send it: a text of the pool ends with one byte.
+  std::vector<char> text(256, 'x');
+  text[0] = '\xFF';
+  text[1] = '\xFE';
+  text[255] = '\0';
+  const std::unique_ptr<char[]> exact(new char[text.size()]);
+  std::memcpy(exact.get(), text.data(), text.size());
+  EXPECT_EQ(extract(exact.get()).result, 2035);
 }
 
 TEST(QMMessageText, WhatIsCreatedReadsBack) {

@@ -256,6 +256,25 @@ TEST(QMCriticalSectionC, ReportsThroughMessageBoxesWhenAskedTo) {
   EXPECT_EQ(log.text(), "");
 }
 
+TEST(QMCriticalSectionC, MayBeDestroyedByTheNextOwner) {
+  for (int round = 0; round < 2000; ++round) {
+    auto* const section = new QMCriticalSectionC;
+    std::atomic<bool> held{false};
+    std::thread first([&] {
+      User user(section);
+      EXPECT_EQ(user.EnterCriticalSection("first", 30000), NoError);
+      held = true;
+    });
+    while (!held) std::this_thread::yield();
+    {
+      User user(section);
+      EXPECT_EQ(user.EnterCriticalSection("next", 30000), NoError);
+    }
+    delete section;
+    first.join();
+  }
+}
+
 class Contention : public testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(QMCriticalSectionC, Contention, testing::Values(2, 4));
 

@@ -331,6 +331,50 @@ TEST(QMThreadC, StopResumesASuspendedThread) {
   EXPECT_TRUE(log.contains(" INFO: QMThreadC::NotifyEnd(): suspendCount for :body is: 2\n"));
 }
 
+TEST(QMThreadC, StartsAndStopsFromSeveralThreadsLeaveTheLastWordToStop) {
+  qmtest::LogCapture log(0);
+  BodyThread thread(untilTold);
+  std::atomic<bool> done{false};
+  std::thread stopper([&] {
+    while (!done) EXPECT_EQ(thread.stop(), NoError);
+  });
+  for (int i = 0; i < 1000; ++i) EXPECT_EQ(thread.start(), NoError);
+  done = true;
+  stopper.join();
+  EXPECT_EQ(thread.stop(), NoError);
+  EXPECT_FALSE(thread.IsAlive());
+  EXPECT_EQ(thread.start(), NoError);
+  EXPECT_TRUE(thread.IsAlive()) << "no stop is left over";
+}
+
+TEST(QMThreadC, AStopWithoutTimeStillWaitsOneStep) {
+  qmtest::LogCapture log;
+  BodyThread thread(untilTold, nullptr, "quick", 0);
+  thread.start();
+  EXPECT_EQ(thread.stop(), NoError);
+  EXPECT_FALSE(log.contains("DON'T KNOW HOW"));
+}
+
+TEST(QMThreadC, BadArgumentsAreRefused) {
+  qmtest::LogCapture log;
+  BodyThread parent(untilTold);
+  BodyThread child(untilTold, &parent);
+  parent.SetParent(&child);
+  child.SetParent(&child);
+  EXPECT_EQ(parent.GetParent(), nullptr);
+  EXPECT_EQ(child.GetParent(), &parent);
+  void* const event = qm::platform::createEvent(true, true);
+  for (const bool all : {false, true}) {
+    for (const DWORD count : {65u, 0xFFFFFFFFu}) {
+      EXPECT_EQ(parent.WaitForMultipleObjects(count, &event, all, 0), WAIT_FAILED);
+    }
+    EXPECT_EQ(parent.WaitForMultipleObjects(1, nullptr, all, 0), WAIT_FAILED);
+  }
+  parent.start();
+  EXPECT_EQ(parent.WaitForMultipleObjects(0, nullptr, false, 0), DWORD{WAIT_TIMEOUT});
+  qm::platform::closeHandle(event);
+}
+
 TEST(QMThreadC, RunningOutOfMemoryGivesACode) {
   qmtest::LogCapture log;
   bool alwaysStarted = false;

@@ -1,6 +1,9 @@
 #include "qmutils/platform/process.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -103,6 +106,38 @@ TEST(Process, IsLaunchedWithoutAShellAndWithoutOurDescriptors) {
   EXPECT_EQ(seen.find("our secret"), std::string::npos) << seen;
   closeHandle(process.process);
   closeHandle(process.mainThread);
+}
+
+TEST(Process, AForkedChildHasChildrenOfItsOwn) {
+  const auto launchAndWait = [] {
+    ProcessInformation process;
+    return createProcess("true", NORMAL_PRIORITY_CLASS, 1, &process) &&
+           wait(process.process, kLong) == WAIT_OBJECT_0 && closeHandle(process.process) &&
+           closeHandle(process.mainThread);
+  };
+  EXPECT_TRUE(launchAndWait());
+  const pid_t child = fork();
+  if (child == 0) _exit(launchAndWait() ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(launchAndWait());
+}
+
+TEST(Process, LearnsExitCodesAlsoWhereTheSignalIsIgnored) {
+  const pid_t child = fork();
+  if (child == 0) {
+    signal(SIGCHLD, SIG_IGN);
+    ProcessInformation process;
+    DWORD code = 99;
+    const bool ended = createProcess("/bin/sh -c \"exit 7\"", NORMAL_PRIORITY_CLASS, 1, &process) &&
+                       wait(process.process, kLong) == WAIT_OBJECT_0 &&
+                       processExitCode(process.process, &code);
+    _exit(ended && code == 7 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 TEST(Process, LaunchFailuresHaveTheirNumbers) {

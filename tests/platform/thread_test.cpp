@@ -1,6 +1,8 @@
 #include "qmutils/platform/thread.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <atomic>
 #include <thread>
@@ -150,6 +152,84 @@ TEST(Thread, SuspensionNeverStopsAThreadThatHoldsTheLibrarysLock) {
   stop = true;
   for (HANDLE thread : {first, second}) {
     EXPECT_EQ(wait(thread, kLong), WAIT_OBJECT_0);
+    closeHandle(thread);
+  }
+}
+
+TEST(Thread, ASuspendedThreadDoesNotTakeAWakeUpAlong) {
+  struct Pair {
+    HANDLE there = createEvent(false, false);
+    HANDLE back = createEvent(false, false);
+    std::atomic<bool> stop{false};
+  } pair;
+  const auto partner = [](void* argument) -> DWORD {
+    auto& p = *static_cast<Pair*>(argument);
+    while (wait(p.there, kLong) == WAIT_OBJECT_0 && !p.stop) setEvent(p.back);
+    return 0;
+  };
+  const auto setter = [](void* argument) -> DWORD {
+    auto& p = *static_cast<Pair*>(argument);
+    while (!p.stop) {
+      setEvent(p.there);
+      wait(p.back, kLong);
+    }
+    setEvent(p.there);
+    return 0;
+  };
+  const HANDLE threads[] = {startThread(partner, &pair, nullptr), startThread(setter, &pair, nullptr)};
+  for (int i = 0; i < 300; ++i) {
+    ASSERT_EQ(suspendThread(threads[1]), 0u);
+    // Whatever the setter has begun reaches its partner, who then waits again.
+    for (int look = 0; wait(pair.there, 0) == WAIT_OBJECT_0; ++look) {
+      ASSERT_TRUE(setEvent(pair.there));
+      ASSERT_LT(look, 10000) << "the partner sleeps on a set event";
+      sleep(0, false);
+    }
+    ASSERT_EQ(resumeThread(threads[1]), 1u);
+  }
+  pair.stop = true;
+  for (HANDLE thread : threads) {
+    EXPECT_EQ(wait(thread, kLong), WAIT_OBJECT_0);
+    closeHandle(thread);
+  }
+  closeHandle(pair.there);
+  closeHandle(pair.back);
+}
+
+TEST(Thread, IsSuspendedAlsoWhenItsStarterBlocksSignals) {
+  sigset_t all, before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  Counter counter;
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_EQ(suspendThread(counter.thread), 0u);
+  EXPECT_FALSE(counter.advances());
+}
+
+struct LateLocal {
+  std::atomic<bool>* done;
+  ~LateLocal() {
+    sleep(20, false);
+    *done = true;
+  }
+};
+
+TEST(Thread, ItsEndIsSeenBehindEverythingItDoes) {
+  std::atomic<bool> done{false};
+  const ThreadEntry entries[] = {[](void* flag) -> DWORD {
+                                   thread_local LateLocal local{static_cast<std::atomic<bool>*>(flag)};
+                                   return local.done->load() ? 1 : 0;
+                                 },
+                                 [](void* flag) -> DWORD {
+                                   thread_local LateLocal local{static_cast<std::atomic<bool>*>(flag)};
+                                   if (local.done->load()) return 1;
+                                   pthread_exit(nullptr);
+                                 }};
+  for (const ThreadEntry entry : entries) {
+    done = false;
+    const HANDLE thread = startThread(entry, &done, nullptr);
+    EXPECT_EQ(wait(thread, kLong), WAIT_OBJECT_0);
+    EXPECT_TRUE(done);
     closeHandle(thread);
   }
 }

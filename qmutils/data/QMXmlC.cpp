@@ -24,8 +24,8 @@ QMXmlC::QMXmlC(const char* name, int strict, ErrorListenerC* listener)
       m_bStrict(strict != 0),
       m_pListener(listener) {}
 
-QMXmlC::QMXmlC(const QMXmlC& other)
-    : m_bNamed(other.m_bNamed), m_bStrict(other.m_bStrict), m_pListener(other.m_pListener) {
+// Constructed first and filled then: when memory runs out the destructor frees what is there.
+QMXmlC::QMXmlC(const QMXmlC& other) : QMXmlC(nullptr, other.m_bStrict, other.m_pListener) {
   QMXmlC* copy = this;
   const QMXmlC* source = &other;
   for (;;) {

@@ -1,5 +1,6 @@
 // Writing a tree, and trees in files.
-#include <fstream>
+#include <cstdio>
+#include <istream>
 #include <new>
 #include <ostream>
 #include <streambuf>
@@ -26,12 +27,20 @@ void indentBy(std::ostream& os, unsigned blanks) {
   put(os, kBlanks.substr(0, blanks));
 }
 
-/// A stream over a C file, so that the tree goes to disk through the platform's file functions.
+/// A stream over a C file, so that trees go to disk and come from it through the platform's file
+/// functions.
 class FileBuffer : public std::streambuf {
  public:
   explicit FileBuffer(std::FILE* file) : file_(file) {}
 
  protected:
+  int_type underflow() override {
+    const std::size_t got = std::fread(read_, 1, sizeof read_, file_);
+    if (std::ferror(file_) != 0) throw std::ios_base::failure("read failure");  // for the stream
+    if (got == 0) return traits_type::eof();
+    setg(read_, read_, read_ + got);
+    return traits_type::to_int_type(*gptr());
+  }
   int_type overflow(int_type c) override {
     return traits_type::eq_int_type(c, traits_type::eof()) || std::fputc(c, file_) != EOF
                ? traits_type::not_eof(c)
@@ -44,6 +53,7 @@ class FileBuffer : public std::streambuf {
 
  private:
   std::FILE* file_;
+  char read_[16 * 1024];
 };
 
 }  // namespace
@@ -117,10 +127,13 @@ QMErrors::QMErrorT QMXmlC::FromStream(std::istream& is) {
 }
 
 QMErrors::QMErrorT QMXmlC::Load(const char* file) try {
-  std::ifstream is;
-  if (file != nullptr) is.open(qm::platform::nativePath(file), std::ios::binary);
-  const QMErrors::QMErrorT result =
-      is.is_open() ? FromStream(is) : QMErrors::FailedToOpenFile;
+  const qm::platform::FilePtr in(file != nullptr ? qm::platform::openFile(file, "rb") : nullptr);
+  QMErrors::QMErrorT result = QMErrors::FailedToOpenFile;
+  if (in != nullptr) {
+    FileBuffer buffer(in.get());
+    std::istream is(&buffer);
+    result = FromStream(is);
+  }
   if (result != QMErrors::NoError) {
     qm::logError("QMXmlC::Load(): failed for file:", file != nullptr ? file : "null");
   }

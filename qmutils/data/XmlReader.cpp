@@ -26,18 +26,27 @@ std::string_view trimmed(std::string_view text) {
 
 }  // namespace
 
-XmlReader::XmlReader(std::istream& is, QMXmlC& root) : is_(is), buffer_(is.rdbuf()), root_(root) {}
+XmlReader::XmlReader(std::istream& is, QMXmlC& root)
+    : is_(is),
+      buffer_(is.rdbuf()),
+      root_(root),
+      start_(buffer_ == nullptr ? -1
+                                : std::streamoff(buffer_->pubseekoff(0, std::ios::cur, std::ios::in))) {}
 
 QMErrorT XmlReader::read() noexcept {
   QMErrorT result = ErrorBadlyFormedXML;
   try {
     const std::istream::sentry ready(is_, true);
     if (ready) result = readElements();
-    if (result != NoError) report(result);
   } catch (const std::bad_alloc&) {
     result = QMErrors::MemoryAllocationFailed;
   } catch (...) {
     result = ErrorBadlyFormedXML;  // a stream that throws
+  }
+  try {
+    if (result != NoError) report(result);
+  } catch (...) {
+    // No memory for the report, or a listener that throws: the result tells.
   }
   return result;
 }
@@ -238,7 +247,23 @@ QMErrorT XmlReader::readEndTag(const QMXmlC& node) {
   return name == node.m_ObjectName ? NoError : ErrorBadlyFormedXML;
 }
 
-void XmlReader::report(QMErrorT code) const {
+/// Lines count from the beginning of the stream, also of an element in its middle.
+void XmlReader::countFromStreamStart() {
+  const std::streamoff here = buffer_->pubseekoff(0, std::ios::cur, std::ios::in);
+  if (start_ <= 0 || here < 0 || buffer_->pubseekpos(0, std::ios::in) != std::streampos(0)) return;
+  unsigned long long lines = 0;
+  unsigned long long offset = 0;
+  for (std::streamoff i = 0; i < start_; ++i) {
+    offset = buffer_->sbumpc() == '\n' ? 0 : offset + 1;
+    if (offset == 0) ++lines;
+  }
+  buffer_->pubseekpos(here, std::ios::in);
+  if (line_ == 1) offset_ += offset;
+  line_ += lines;
+}
+
+void XmlReader::report(QMErrorT code) {
+  countFromStreamStart();
   QMostrstream text;
   text << "ERROR:" << QMErrToStr(code) << ", at line:" << line_ << ", offset:" << offset_;
   const std::string report(text.text());

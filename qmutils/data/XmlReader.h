@@ -11,9 +11,10 @@
 namespace qm {
 
 /// False for the name of an element that would be read as something else once it is written: as a
-/// comment, an end tag, or the end of an empty element.
+/// comment, an end tag, the end of an empty element or of the start tag, or a property.
 constexpr bool isReadableName(std::string_view name) {
-  return !name.starts_with("!--") && !name.starts_with('/') && !name.ends_with('/');
+  return !name.starts_with("!--") && !name.starts_with('/') && !name.ends_with('/') &&
+         name.find_first_of(" \t\r\n>") == std::string_view::npos;
 }
 
 class XmlReader {
@@ -38,7 +39,8 @@ class XmlReader {
   /// Takes the beginning of a comment if that is what follows.
   bool takeCommentStart();
   void skipWhite();
-  void report(QMErrors::QMErrorT code) const;
+  void report(QMErrors::QMErrorT code);
+  void countFromStreamStart();
 
   int peek();
   int take();
@@ -47,6 +49,7 @@ class XmlReader {
   std::istream& is_;
   std::streambuf* buffer_;
   QMXmlC& root_;
+  const std::streamoff start_;  // of the element in the stream; -1 when the stream cannot tell
   std::string pushedBack_;  // characters looked at ahead, the next one last
   unsigned long long line_ = 1;
   unsigned long long offset_ = 0;

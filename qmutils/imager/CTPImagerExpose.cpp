@@ -4,6 +4,7 @@
 #include <new>
 #include <ostream>
 #include <string>
+#include <utility>
 
 #include "qmutils/app/CQMAppUtils.h"
 #include "qmutils/foundation/QMErrorC.h"
@@ -75,7 +76,10 @@ struct CTPImagerUserC::JobFiles {
 QMErrorT CTPImagerUserC::MakeJobFiles(JobFiles& files, unsigned jobNumber) const {
   CString folder;
   const QMErrorT made = imageControlFolder(folder);
-  if (made != NoError) return made;
+  if (made != NoError) {
+    stack(made, std::string("Failed to make folder: ") + IMAGE_CONTROL_FOLDER);
+    return made;
+  }
   files.icf = reserveUnique(folder, jobNumber, "icf");
   if (files.icf.empty()) {
     stack(QMErrors::UnableToCreateUniqueFileName, "Failed to create unique icf");
@@ -120,6 +124,10 @@ QMErrorT CTPImagerUserC::StartExpose(const ICFC::ExposeInfoC& info, std::ostream
   jobOut << line;
   icfOut << contentOf(files.icf);
 
+  std::erase_if(m_HandedOver, [](const std::string& path) {
+    return fileAttributes(path.c_str()) == INVALID_FILE_ATTRIBUTES;
+  });
+  m_HandedOver.reserve(m_HandedOver.size() + 2);
   const int value = static_cast<int>(m_nChildID + info.GetJobNumber());
   if (SendCommand(qm::imager::kCodeExpose, value, files.job.c_str()) != NoError) {
     stack(QMErrors::FailedToSendTransportMessage,
@@ -127,11 +135,8 @@ QMErrorT CTPImagerUserC::StartExpose(const ICFC::ExposeInfoC& info, std::ostream
     return QMErrors::FailedToSendTransportMessage;
   }
   files.handedOver = true;
-  std::erase_if(m_HandedOver, [](const std::string& path) {
-    return fileAttributes(path.c_str()) == INVALID_FILE_ATTRIBUTES;
-  });
-  m_HandedOver.push_back(files.icf);
-  m_HandedOver.push_back(files.job);
+  m_HandedOver.push_back(std::move(files.icf));
+  m_HandedOver.push_back(std::move(files.job));
   return NoError;
 } catch (const std::bad_alloc&) {
   return QMErrors::MemoryAllocationFailed;

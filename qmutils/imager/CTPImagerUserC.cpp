@@ -31,6 +31,7 @@ constexpr int kStartRounds = 300;
 constexpr DWORD kStartRoundMs = 200;
 constexpr DWORD kStopBudgetMs = 60000;
 constexpr DWORD kKillTimeoutMs = 10000;
+constexpr DWORD kGiveUpMs = 3000;
 constexpr WORD kShowMinimised = 2;
 constexpr std::size_t kMessageSize = 256;
 
@@ -152,11 +153,12 @@ QMErrorT CTPImagerUserC::AwaitStarted() {
       LeavePool();
       return QMErrors::ImagerHasDied;
     }
-    if (m_ReceiveError != NoError) {  // the worker has ended and left the pool
+    const bool working = IsAlive();  // asked first: the worker notes an error before it ends
+    if (m_ReceiveError != NoError) {  // it has left the pool
       (void)stop();
       return m_ReceiveError;
     }
-    if (!IsAlive()) return GiveUpStarting();
+    if (!working) return GiveUpStarting();
     const Deadline roundEnd = Deadline::after(kStartRoundMs);
     while (!m_bImagerStarted && !m_bImagerDied && m_ReceiveError == NoError &&
            waitUntil(m_hNews, roundEnd) == WAIT_OBJECT_0) {
@@ -168,11 +170,15 @@ QMErrorT CTPImagerUserC::AwaitStarted() {
   return QMErrors::CommandTimedOut;
 }
 
-/// The worker was told to stop meanwhile. An imager that has not reported itself has no job yet.
+/// The worker was told to stop meanwhile. The imager is asked to end, but not waited for as long as
+/// one that may be exposing: it has no job yet.
 QMErrorT CTPImagerUserC::GiveUpStarting() {
   qm::logWarning(0, kStartImager, "Signalled to die while waiting for imager to start");
   stack(kStartImager, QMErrors::TheWaitWasForcedToExit, "While waiting for imager to start");
-  KillImager();
+  const bool joined = SvOpenComms(m_nParentID) == NoError;
+  if (joined) (void)SendCommand(qm::imager::kCodeStop, m_nChildID, "");
+  if (wait(m_hProcess, kGiveUpMs) != WAIT_OBJECT_0) KillImager();
+  if (joined) LeavePool();
   ReleaseImager();
   return QMErrors::TheWaitWasForcedToExit;
 }
@@ -197,6 +203,18 @@ void CTPImagerUserC::LeavePool() {
 // --- the worker ---------------------------------------------------------------------------------
 
 QMErrorT CTPImagerUserC::run() {
+  try {
+    Watch();
+  } catch (const std::bad_alloc&) {
+    m_ReceiveError = QMErrors::MemoryAllocationFailed;
+  }
+  SvCloseComms();
+  m_bStoppingImager = false;
+  setEvent(m_hNews);
+  return m_ReceiveError;
+}
+
+void CTPImagerUserC::Watch() {
   bool watching = true;
   while (watching && m_ReceiveError == NoError) {
     switch (WaitForSingleObject(m_hProcess, 0)) {
@@ -215,10 +233,6 @@ QMErrorT CTPImagerUserC::run() {
         break;
     }
   }
-  SvCloseComms();
-  m_bStoppingImager = false;
-  setEvent(m_hNews);
-  return m_ReceiveError;
 }
 
 void CTPImagerUserC::ReportDeath() {
@@ -273,27 +287,30 @@ void CTPImagerUserC::Dispatch(const char* text) {
 QMErrorT CTPImagerUserC::StopImager() try {
   if (m_hProcess == nullptr) return NoError;
   m_bStoppingImager = true;
+  bool rejoined = false;
   if (wait(m_hProcess, 0) != WAIT_OBJECT_0) {
-    const QMErrorT sent = SendStop();
+    const QMErrorT sent = SendStop(&rejoined);
     if (sent != NoError) {
       stack(kStopImager, sent, std::string("SendMessage() returned: ") + QMErrToStr(sent));
     }
   }
   const QMErrorT result = AwaitImagerEnd();
+  if (rejoined) LeavePool();
   ReleaseImager();
   return result;
 } catch (const std::bad_alloc&) {
+  ReleaseImager();
   return QMErrors::MemoryAllocationFailed;
 }
 
-QMErrorT CTPImagerUserC::SendStop() {
+QMErrorT CTPImagerUserC::SendStop(bool* rejoined) {
   // A program that ends stops all its threads first; the worker has then left the pool.
-  const bool rejoins = !IsAlive();
-  QMErrorT result = rejoins ? SvOpenComms(m_nParentID) : NoError;
-  if (result != NoError) return result;
-  result = SendCommand(qm::imager::kCodeStop, m_nChildID, "");
-  if (rejoins) LeavePool();
-  return result;
+  if (!IsAlive()) {
+    const QMErrorT joined = SvOpenComms(m_nParentID);
+    if (joined != NoError) return joined;
+    *rejoined = true;
+  }
+  return SendCommand(qm::imager::kCodeStop, m_nChildID, "");
 }
 
 QMErrorT CTPImagerUserC::AwaitImagerEnd() {

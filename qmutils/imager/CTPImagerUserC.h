@@ -64,7 +64,7 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   /// Joins the pool, launches the imager and waits up to 60 s until it reports that it has started.
   /// 0 at once while an imager is held. The pool's code; 2039 "Error Unable To Create Process"; the
   /// worker's code; 2207 "Imager has died"; 2013 "Command timed out"; 2049 when another thread called
-  /// stop() meanwhile, which terminates the imager.
+  /// stop() meanwhile; the imager is then asked to end and killed after 3 s.
   QMErrors::QMErrorT StartImager(ImagerStartDataC& data);
 
   /// Asks the imager to end and waits 60 s; then asks the operator whether to go on waiting or to
@@ -73,7 +73,8 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   /// jobs that it did not come to read are deleted.
   QMErrors::QMErrorT StopImager();
 
-  /// Sends a packet to the imager (2 s for a free place in the pool). 124 or 2113 when it does not
+  /// Sends a packet to the imager (2 s for a free place in the pool). 0 also without an imager: what
+  /// is sent to nobody is lost. 124 or 2113 when it does not
   /// fit into 255 characters.
   QMErrors::QMErrorT SendMessage(const QMErrors::QMMessagePacketT& packet);
   QMErrors::QMErrorT ReplyWhoAmI(const char* identity);
@@ -97,7 +98,8 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   /// A message of the imager; the texts of the packet are valid during the call. Its result is
   /// stacked when it is not 0.
   virtual QMErrors::QMErrorT HandleImagerMessage(QMErrors::QMMessagePacketT& packet) = 0;
-  /// The imager has died or cannot be watched any more; called once per imager.
+  /// The imager has died or cannot be watched any more; called once per imager. Not called when the
+  /// pool fails, which ends the worker: IsAlive() tells.
   virtual void HandleImagerError(const char* text) = 0;
   /// Makes the image control document of a job; a host with settings of its own overrides it.
   virtual QMErrors::QMErrorT SaveImageControl(const char* path, const ICFC::ExposeInfoC& info) const;
@@ -111,11 +113,12 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   QMErrors::QMErrorT AwaitStarted();
   QMErrors::QMErrorT GiveUpStarting();
   void LeavePool();
+  void Watch();
   void ReportDeath();
   QMErrors::QMErrorT ReceiveOne();
   void Dispatch(const char* text);
   QMErrors::QMErrorT SendCommand(int code, int value, const char* text);
-  QMErrors::QMErrorT SendStop();
+  QMErrors::QMErrorT SendStop(bool* rejoined);
   QMErrors::QMErrorT AwaitImagerEnd();
   bool AskWhetherToWait() const;
   void KillImager();

@@ -1,7 +1,7 @@
 // The image control document: what the imager must know about one exposure beside the page itself.
 //
 // It is made from the profile text that a program starts its imager with: a name, and settings as
-// Key=Value, parted by ';' ("Default;DrumWidthMM=1030;ResolutionDPI=2400"). The document is an XML
+// Key=Value, separated by ';' ("Default;DrumWidthMM=1030;ResolutionDPI=2400"). The document is an XML
 // element tree:
 //
 //   <ImageControl Version = "1" >

@@ -59,12 +59,30 @@ TEST(QMXmlC, WritesItsLayout) {
   EXPECT_TRUE(os.str().ends_with("ff")) << "and is as it was";
 }
 
+class Listener : public QMXmlC::ErrorListenerC {
+ public:
+  void OnError(const char* text) override { reports += std::string(text) + "\n"; }
+  std::string reports;
+};
+
+TEST(QMXmlC, LinesOfAnErrorCountFromTheStartOfTheStream) {
+  std::istringstream is("<a>\n</a>\n  <b>\n</c>");
+  Listener listener;
+  QMXmlC first(nullptr, 0, &listener);
+  QMXmlC second(nullptr, 0, &listener);
+  EXPECT_TRUE(is >> first);
+  EXPECT_FALSE(is >> second);
+  EXPECT_NE(listener.reports.find("at line:4, offset:4"), std::string::npos) << listener.reports;
+}
+
 TEST(QMXmlC, ANodeWithoutANameIsNotWritten) {
   qmtest::LogCapture log;
   std::ostringstream os;
   EXPECT_EQ(QMXmlC(nullptr, 0, nullptr).ToStream(os, 0), QMErrors::NullObjectProvided);
   EXPECT_EQ(QMXmlC("", 0, nullptr).ToStream(os, 0), QMErrors::NullObjectProvided);
-  EXPECT_EQ(QMXmlC("!--x", 0, nullptr).ToStream(os, 0), QMErrors::ErrorBadlyFormedXML);
+  for (const char* unreadable : {"!--x", "/x", "x/", "a b", "a>b", "a\nb"}) {
+    EXPECT_EQ(QMXmlC(unreadable, 0, nullptr).ToStream(os, 0), QMErrors::ErrorBadlyFormedXML);
+  }
   EXPECT_EQ(os.str(), "");
   EXPECT_TRUE(log.contains(" ERROR: QMXmlC::ToStream(): m_pObjectName is NULL: object invalid\n"));
   EXPECT_TRUE(log.contains(" ERROR: QMXmlC::ToStream(): m_pObjectName is empty: object invalid\n"));
@@ -106,11 +124,6 @@ TEST(QMXmlC, ReadsWhatItIsGiven) {
 }
 
 TEST(QMXmlC, ReportsErrorsOnceWithLineAndOffset) {
-  class Listener : public QMXmlC::ErrorListenerC {
-   public:
-    void OnError(const char* text) override { reports += std::string(text) + "\n"; }
-    std::string reports;
-  };
   struct Case {
     const char* text;
     QMErrors::QMErrorT code;
@@ -255,6 +268,7 @@ TEST(QMXmlC, SavesInOneStep) {
   EXPECT_TRUE(log.contains(" ERROR: QMXmlC::Save(): failed to open:null\n"));
   EXPECT_EQ(tree.Save(folder.file("none/x.xml").c_str()), QMErrors::FailedToOpenFile);
   EXPECT_EQ(loaded.Load(folder.file("none.xml").c_str()), QMErrors::FailedToOpenFile);
+  EXPECT_EQ(loaded.Load(folder.path().c_str()), QMErrors::FailedToOpenFile);
   EXPECT_TRUE(log.contains(" ERROR: QMXmlC::Load(): failed for file:" + folder.file("none.xml")));
 }
 

@@ -135,6 +135,9 @@ TEST_F(CTPImagerUser, StartsTalksAndStops) {
     EXPECT_TRUE(log_.contains(" INFO: CTPImagerUserC::StopImager(): Imager Thread signalled so "
                               "process has died\n"));
     EXPECT_EQ(imager.messageCount(), first + 3) << "late progress and errors are dropped";
+    EXPECT_TRUE(log_.contains(" WARNING: CTPImagerUser::run(): m_bStoppingImager defined ignoring:"
+                              "1;1;12;0;late progress;\n"))
+        << log_.text();
   }
   EXPECT_EQ(imager.GetCommsParentID(), 11);
   EXPECT_EQ(imager.GetChildCommsID(), 12);
@@ -194,7 +197,9 @@ TEST_F(CTPImagerUser, AnImagerThatNeverReportsIsStoppedAfterAMinute) {
   TestImager imager;
   {
     RunningClock clock;
+    const auto before = qm::platform::monotonicNanoseconds();
     EXPECT_EQ(start(imager, "silent"), QMErrors::CommandTimedOut);
+    EXPECT_GE(qm::platform::monotonicNanoseconds() - before, 60'000'000'000);
   }
   EXPECT_NE(stackText().find("REASON: While waiting for imager to start"), std::string::npos);
   EXPECT_EQ(imager.deaths, 0);

@@ -44,6 +44,9 @@ bool handle(const QMErrors::QMMessagePacketT& packet, const std::string& profile
     if (profile == "deaf") return true;
     send(kTypeProgress, 1, "late progress");
     send(kTypeError, 2, "late error");
+    // Time for the client to receive them while it knows this process to be alive.
+    char text[256];
+    SvReceiveMessage(text, sizeof text, 100);
     return false;
   } else if (packet.nCode == kCodeExpose) {
     const std::string line = firstLine(packet.pString);

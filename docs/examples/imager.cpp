@@ -16,11 +16,19 @@ class PressRoomC : public CTPImagerUserC {
 
  protected:  // both are called on the worker thread
   QMErrors::QMErrorT HandleImagerMessage(QMErrors::QMMessagePacketT& packet) override {
-    if (packet.nType == 1 && packet.nCode == 3) end.set_value(packet.pString);  // the plate is done
-    if (packet.nType == 2) end.set_value(QMErrToStr(QMErrors::QMErrorT(packet.nCode)));
+    if (packet.nType == 1 && packet.nCode == 3) finish(packet.pString);  // the plate is done
+    if (packet.nType == 2) finish(QMErrToStr(QMErrors::QMErrorT(packet.nCode)));
     return QMErrors::NoError;
   }
-  void HandleImagerError(const char* text) override { end.set_value(text); }
+  void HandleImagerError(const char* text) override { finish(text); }
+
+ private:
+  void finish(const char* text) {  // an imager that has reported an error may die as well
+    if (!finished_) end.set_value(text);
+    finished_ = true;
+  }
+
+  bool finished_ = false;
 };
 
 int main(int argc, char** argv) {

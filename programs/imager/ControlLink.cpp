@@ -28,25 +28,28 @@ std::string fileName(const std::string& path) { return path.substr(path.find_las
 
 }  // namespace
 
-bool ControlLink::send(int type, int code, int value, const std::string& text,
-                       const std::string& qualifier) const {
+void ControlLink::send(int type, int code, int value, const std::string& text,
+                       const std::string& qualifier, const KeepTrying& keepTrying) const {
   char message[256];
   QMErrors::QMErrorT result = QMCreateMessage(type, code, ownId_, value, text.c_str(),
                                               qualifier.c_str(), message, sizeof message);
-  if (result == QMErrors::NoError) result = SvSendMessage(message, kSendTimeoutMs, parentId_);
+  if (result == QMErrors::NoError) {
+    do {
+      result = SvSendMessage(message, kSendTimeoutMs, parentId_);
+    } while (result == QMErrors::CommandTimedOut && keepTrying && keepTrying());
+  }
   if (result != QMErrors::NoError) {
     qm::logError("ControlLink::send(): ", "message of type ", type, " code ", code,
                  " was not sent: ", QMErrToStr(result));
   }
-  return result == QMErrors::NoError;
 }
 
 void ControlLink::reportStarted() const {
-  send(qm::imager::kTypeReply, qm::imager::kCodeStarted, 0, "", "");
+  send(qm::imager::kTypeReply, qm::imager::kCodeStarted, 0, "", "", nullptr);
 }
 
 void ControlLink::askIdentity() const {
-  send(qm::imager::kTypeReply, qm::imager::kCodeWhoAmI, 0, "", "");
+  send(qm::imager::kTypeReply, qm::imager::kCodeWhoAmI, 0, "", "", nullptr);
 }
 
 void ControlLink::reportProgress(int code, unsigned job, const std::string& text,
@@ -54,14 +57,21 @@ void ControlLink::reportProgress(int code, unsigned job, const std::string& text
   // A control program that does not keep up loses some of the intermediate reports, no more.
   if (code == kProgressLines && SvIsOverloaded() != 0) return;
   send(qm::imager::kTypeProgress, code, static_cast<int>(job), shortened(plain(text)),
-       shortened(plain(qualifier)));
+       shortened(plain(qualifier)), nullptr);
 }
 
-void ControlLink::reportFailure(unsigned job, const Failure& failure) const {
+void ControlLink::reportDone(unsigned job, const std::string& picture,
+                             const KeepTrying& keepTrying) const {
+  send(qm::imager::kTypeProgress, kProgressDone, static_cast<int>(job), shortened(plain(picture)),
+       "", keepTrying);
+}
+
+void ControlLink::reportFailure(unsigned job, const Failure& failure,
+                                const KeepTrying& keepTrying) const {
   qm::logError("ControlLink::reportFailure(): ", "job ", job, ": ", QMErrToStr(failure.code), ", ",
                failure.reason, " ", failure.file);
   send(qm::imager::kTypeError, failure.code, static_cast<int>(job),
-       shortened(plain(failure.reason)), shortened(plain(fileName(failure.file))));
+       shortened(plain(failure.reason)), shortened(plain(fileName(failure.file))), keepTrying);
 }
 
 }  // namespace programs

@@ -8,8 +8,7 @@ namespace programs {
 namespace {
 
 constexpr double kDefaultResolutionDpi = 1200;
-constexpr double kSameResolution = 0.01;   // pages round their resolution
-constexpr unsigned kMostPixels = 1000000;  // a picture holds no more along one side
+constexpr double kSameResolution = 0.01;  // pages round their resolution
 
 unsigned toPixels(double mm, double dpi) {
   return static_cast<unsigned>(std::lround(mm * dpi / 25.4));

@@ -11,6 +11,9 @@ namespace programs {
 
 class Drum {
  public:
+  /// Pixels or lines: a picture holds no more along one side.
+  static constexpr unsigned kMostPixels = 1'000'000;
+
   /// Lays out a page of that size and resolution. 578 when the drum cannot run at the resolution,
   /// or it is not that of the page, or gives a plate of more than 1,000,000 pixels along one side;
   /// 33327 when the page does not fit where it is to lie.

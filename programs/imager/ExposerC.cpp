@@ -1,6 +1,7 @@
 #include "programs/imager/ExposerC.h"
 
 #include <new>
+#include <utility>
 
 #include "programs/Protocol.h"
 #include "programs/imager/Exposure.h"
@@ -13,10 +14,13 @@ ExposerC::ExposerC(const ControlLink& link)
 
 ExposerC::~ExposerC() { finish(); }
 
-void ExposerC::expose(const std::string& jobFile) {
+bool ExposerC::expose(unsigned number, const char* jobFile) try {
   const std::lock_guard guard(mutex_);
-  jobs_.push_back(jobFile);
+  jobs_.push_back({number, jobFile});
   changed_.notify_one();
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 void ExposerC::finish() {
@@ -28,46 +32,52 @@ void ExposerC::finish() {
   (void)stop();
 }
 
-bool ExposerC::takeJob(std::string& jobFile) {
+bool ExposerC::takeJob(QueuedJob& job) {
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [this] { return finishing_ || !jobs_.empty(); });
   if (finishing_) return false;
-  jobFile = jobs_.front();
+  job = std::move(jobs_.front());
   jobs_.pop_front();
   return true;
 }
 
 QMErrors::QMErrorT ExposerC::run() {
-  std::string jobFile;
-  while (takeJob(jobFile)) exposeJob(jobFile);
+  QueuedJob job;
+  while (takeJob(job)) exposeJob(job);
   dropJobs();
   return QMErrors::NoError;
 }
 
 /// Reading a job deletes its files, which nobody else does.
-void ExposerC::dropJobs() {
+void ExposerC::dropJobs() try {
   const std::lock_guard guard(mutex_);
-  for (const std::string& jobFile : jobs_) {
+  for (const QueuedJob& queued : jobs_) {
     JobDescription job;
-    (void)readJob(jobFile, job);
-    qm::logInfo(1, "ExposerC::dropJobs(): ", "job ", job.number, " is not exposed");
+    (void)readJob(queued.file, job);
+    qm::logInfo(1, "ExposerC::dropJobs(): ", "job ", queued.number, " is not exposed");
   }
   jobs_.clear();
+} catch (const std::bad_alloc&) {
+  qm::logError("ExposerC::dropJobs(): ", "no memory, job files are left");
 }
 
-void ExposerC::exposeJob(const std::string& jobFile) {
+void ExposerC::exposeJob(const QueuedJob& queued) {
+  const KeepTrying untilTheEnd = [this] { return !finishing_; };
   JobDescription job;
-  std::string picture;
-  Failure failure = readJob(jobFile, job);
+  job.number = queued.number;
   try {
+    std::string picture;
+    Failure failure = readJob(queued.file, job);
     if (!failure) failure = exposeOnDrum(job, picture);
+    if (failure) {
+      link_.reportFailure(job.number, failure, untilTheEnd);
+    } else {
+      link_.reportDone(job.number, picture, untilTheEnd);
+    }
   } catch (const std::bad_alloc&) {
-    failure = {QMErrors::MemoryAllocationFailed, "no memory for the page", job.page};
-  }
-  if (failure) {
-    link_.reportFailure(job.number, failure);
-  } else {
-    link_.reportProgress(kProgressDone, job.number, picture, "");
+    // Texts so short need no memory of their own.
+    link_.reportFailure(job.number, {QMErrors::MemoryAllocationFailed, "no memory", ""},
+                        untilTheEnd);
   }
 }
 

@@ -18,22 +18,28 @@ class ExposerC : public QMThreadC {
   explicit ExposerC(const ControlLink& link);
   ~ExposerC() override;
 
-  /// Queues the exposure that a job file describes.
-  void expose(const std::string& jobFile);
+  /// Queues the exposure that a job file describes; the number names the job until the file is
+  /// read. False when there is no memory for it.
+  bool expose(unsigned number, const char* jobFile);
   /// Ends the thread.
   void finish();
 
  private:
+  struct QueuedJob {
+    unsigned number = 0;
+    std::string file;
+  };
+
   QMErrors::QMErrorT run() override;
-  bool takeJob(std::string& jobFile);
-  void exposeJob(const std::string& jobFile);
+  bool takeJob(QueuedJob& job);
+  void exposeJob(const QueuedJob& queued);
   Failure exposeOnDrum(const JobDescription& job, std::string& picture);
   void dropJobs();
 
   const ControlLink& link_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<std::string> jobs_;
+  std::deque<QueuedJob> jobs_;
   std::atomic<bool> finishing_{false};  // set under the mutex, so that no wake-up is lost
 };
 

@@ -39,7 +39,7 @@ std::string pictureName(const JobDescription& job) {
   QMCString page;
   QMFileUtilsC::SplitPath(QMCString(job.page.c_str()), nullptr, nullptr, &page, nullptr);
   std::string name(page.view().substr(0, kLongestPageName));
-  std::replace(name.begin(), name.end(), ';', '_');  // parts the fields of a message
+  std::replace(name.begin(), name.end(), ';', '_');  // separates the fields of a message
   return name + "-" + std::to_string(job.number);
 }
 
@@ -56,7 +56,9 @@ Failure exposePage(const JobDescription& job, const LineReport& report, std::str
     return failure;
   }
   const QMErrors::QMErrorT made = QMFileUtilsC::MakeFolder(job.outputFolder.c_str());
-  if (made != QMErrors::NoError) return {made, "cannot make the output folder", job.outputFolder};
+  if (made != QMErrors::NoError) {
+    return {QMErrors::UnableToCreateDirectory, QMErrToStr(made), job.outputFolder};
+  }
   const std::string name = pictureName(job);
   PlatePicture plate;
   failure =

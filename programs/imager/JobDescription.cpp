@@ -13,7 +13,7 @@
 namespace programs {
 namespace {
 
-/// Words parted by blanks; double quotes hold one together and may stand empty.
+/// Words separated by blanks; double quotes hold one together and may stand empty.
 std::vector<std::string> words(const std::string& line) {
   std::vector<std::string> result;
   bool quoted = false;

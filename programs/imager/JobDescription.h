@@ -46,7 +46,7 @@ Failure parseJobLine(const std::string& line, JobDescription& job, std::string& 
 Failure readImageControl(const std::string& path, JobDescription& job);
 
 /// Reads both files and deletes them. What could be read is filled in also on failure, so that the
-/// report can name the job.
+/// report can name the job; what could not be read stays as it is.
 Failure readJob(const std::string& jobFile, JobDescription& job);
 
 }  // namespace programs

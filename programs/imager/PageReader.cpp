@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
+#include "programs/imager/Drum.h"
 #include "qmutils/foundation/QMFileUtilsC.h"
 #include "qmutils/foundation/QMTextFile.h"
 #include "qmutils/platform/file.h"
@@ -46,7 +49,6 @@ void keepWarning(const char*, const char* format, va_list arguments) {
   keep(warningTarget, format, arguments);
 }
 
-constexpr std::uint32_t kMostPixels = 1u << 20;            // a metre at 25,400 dpi
 constexpr std::uint64_t kMostTileRowBytes = 512ull << 20;  // a damaged file may claim anything
 constexpr double kSameResolution = 0.01;                   // files round it
 
@@ -66,38 +68,80 @@ Failure PageReader::open(const std::string& path) {
   if (QMFileUtilsC::FileExists(path.c_str()) == 0) {
     return {QMErrors::UnableToFindFile, "no such page", path};
   }
-  // Folders and files that may not be read are told apart from damaged ones.
-  if (qm::platform::FilePtr(FOpen(path.c_str(), "rb", nullptr)) == nullptr) {
+  const std::string native = qm::platform::nativePath(path.c_str());
+  std::error_code ignored;
+  // What cannot be read is told apart from what is damaged. Opening a pipe would wait for a writer.
+  if (!std::filesystem::is_regular_file(native, ignored) ||
+      qm::platform::FilePtr(FOpen(path.c_str(), "rb", nullptr)) == nullptr) {
     return {QMErrors::FailedToOpenFile, "the page cannot be opened", path};
   }
   const Complaints complaints(complaint_, false);
   // Mapping the file would turn one that shrinks meanwhile into a crash.
-  tiff_.reset(TIFFOpen(qm::platform::nativePath(path.c_str()).c_str(), "rm"));
-  return tiff_ != nullptr ? readHeader() : Failure{QMErrors::BadTiffFile, complaint_, path};
+  tiff_.reset(TIFFOpen(native.c_str(), "rm"));
+  if (tiff_ == nullptr) return {QMErrors::BadTiffFile, complaint_, path};
+  Failure failure = goToOnlyPage();
+  return failure ? failure : readHeader();
+}
+
+/// A file of several pages is refused: a plate holds one, and nobody would miss the others before
+/// the plate is on the press. Reduced pictures of the page may stand behind it.
+Failure PageReader::goToOnlyPage() {
+  TIFF* const tiff = tiff_.get();
+  const auto isReduced = [tiff] {
+    std::uint32_t kind = 0;
+    return TIFFGetField(tiff, TIFFTAG_SUBFILETYPE, &kind) != 0 &&
+           (kind & FILETYPE_REDUCEDIMAGE) != 0;
+  };
+  if (isReduced()) {
+    return {QMErrors::UnsuitableImageType, "the file begins with a reduced picture", path_};
+  }
+  while (TIFFLastDirectory(tiff) == 0) {
+    if (TIFFReadDirectory(tiff) == 0) return {QMErrors::BadTiffFile, complaint_, path_};
+    if (!isReduced()) {
+      return {QMErrors::UnsuitableImageType, "the file holds more than one page", path_};
+    }
+  }
+  const bool atPage = TIFFCurrentDirectory(tiff) == 0 || TIFFSetDirectory(tiff, 0) != 0;
+  return atPage ? Failure{} : Failure{QMErrors::BadTiffFile, complaint_, path_};
 }
 
 Failure PageReader::readHeader() {
   TIFF* const tiff = tiff_.get();
-  std::uint16_t bits = 1;
-  std::uint16_t samples = 1;
-  std::uint16_t photometric = PHOTOMETRIC_MINISWHITE;
-  TIFFGetFieldDefaulted(tiff, TIFFTAG_BITSPERSAMPLE, &bits);
-  TIFFGetFieldDefaulted(tiff, TIFFTAG_SAMPLESPERPIXEL, &samples);
-  TIFFGetField(tiff, TIFFTAG_PHOTOMETRIC, &photometric);
   if (TIFFGetField(tiff, TIFFTAG_IMAGEWIDTH, &width_) == 0 ||
       TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &height_) == 0 || width_ == 0 || height_ == 0) {
     return {QMErrors::BadTiffFile, "the page has no size", path_};
   }
-  if (bits != 1 || samples != 1 ||
-      (photometric != PHOTOMETRIC_MINISWHITE && photometric != PHOTOMETRIC_MINISBLACK)) {
-    return {QMErrors::UnsuitableImageType, "the page is not 1 bit deep", path_};
-  }
-  if (width_ > kMostPixels || height_ > kMostPixels) {
+  Failure failure = checkKind();
+  if (failure) return failure;
+  if (width_ > Drum::kMostPixels || height_ > Drum::kMostPixels) {
     return {QMErrors::ImageIsTooBigToFitOnThePlate, "the page is larger than any drum", path_};
   }
+  std::uint16_t photometric = PHOTOMETRIC_MINISWHITE;
+  TIFFGetField(tiff, TIFFTAG_PHOTOMETRIC, &photometric);
   zeroBurns_ = photometric == PHOTOMETRIC_MINISBLACK;
-  Failure failure = readTileSize();
+  failure = readTileSize();
   return failure ? failure : readResolution();
+}
+
+Failure PageReader::checkKind() const {
+  TIFF* const tiff = tiff_.get();
+  std::uint16_t bits = 1;
+  std::uint16_t samples = 1;
+  std::uint16_t photometric = PHOTOMETRIC_MINISWHITE;
+  std::uint16_t orientation = ORIENTATION_TOPLEFT;
+  TIFFGetFieldDefaulted(tiff, TIFFTAG_BITSPERSAMPLE, &bits);
+  TIFFGetFieldDefaulted(tiff, TIFFTAG_SAMPLESPERPIXEL, &samples);
+  TIFFGetField(tiff, TIFFTAG_PHOTOMETRIC, &photometric);
+  TIFFGetFieldDefaulted(tiff, TIFFTAG_ORIENTATION, &orientation);
+  const char* reason = nullptr;
+  if (bits != 1 || samples != 1) {
+    reason = "the page is not 1 bit deep";
+  } else if (photometric != PHOTOMETRIC_MINISWHITE && photometric != PHOTOMETRIC_MINISBLACK) {
+    reason = "the page is not black and white";
+  } else if (orientation != ORIENTATION_TOPLEFT) {
+    reason = "the page is stored turned or mirrored";
+  }
+  return reason == nullptr ? Failure{} : Failure{QMErrors::UnsuitableImageType, reason, path_};
 }
 
 Failure PageReader::readTileSize() {

@@ -20,8 +20,10 @@ class PageReader {
   PageReader(const PageReader&) = delete;
   PageReader& operator=(const PageReader&) = delete;
 
-  /// 1014 no such file, 1001 cannot be opened, 2003 no TIFF or a damaged one, 2069 not 1 bit deep,
-  /// 578 not the same resolution along and across, 33327 larger than any drum. Once for an object.
+  /// 1014 no such file, 1001 cannot be opened or no regular file, 2003 no TIFF or a damaged one,
+  /// 2069 not 1 bit deep, not black and white, stored turned or mirrored, or several pages in one
+  /// file, 578 not the same resolution along and across, 33327 larger than any drum. Once for an
+  /// object.
   Failure open(const std::string& path);
 
   unsigned width() const { return width_; }    ///< pixels
@@ -34,7 +36,9 @@ class PageReader {
   Failure readLine(std::vector<std::uint8_t>& line);
 
  private:
+  Failure goToOnlyPage();
   Failure readHeader();
+  Failure checkKind() const;
   Failure readTileSize();
   Failure readResolution();
   bool fillTileRow();

@@ -49,14 +49,17 @@ class PlatePicture::Png {
 
   Failure addRow(const std::uint8_t* row) { return writeRow(row) ? Failure{} : diskFailure(); }
 
-  /// Writes what is left; the file keeps its temporary name.
+  /// Writes what is left to the disk, so that no loss of power leaves half a picture under its
+  /// name; the file keeps its temporary one.
   Failure close() {
-    return writeEnd() && std::fclose(file_.release()) == 0 ? Failure{} : diskFailure();
+    const bool closed =
+        writeEnd() && qm::platform::flushToDisk(file_.get()) && std::fclose(file_.release()) == 0;
+    return closed ? Failure{} : diskFailure();
   }
 
   /// Gives the closed file its name.
   Failure publish() {
-    if (std::rename(temporary_.c_str(), path_.c_str()) != 0) return diskFailure();
+    if (!qm::platform::replaceFile(temporary_.c_str(), path_.c_str())) return diskFailure();
     temporary_.clear();
     return {};
   }

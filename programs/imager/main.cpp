@@ -1,11 +1,12 @@
 // The simulated imager: the engine process that a control program launches and commands through the
 // message pool. It exposes pages onto a drum that exists only as a picture.
 #include <charconv>
-#include <csignal>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "programs/Interrupt.h"
 #include "programs/Protocol.h"
 #include "programs/imager/ControlLink.h"
 #include "programs/imager/ExposerC.h"
@@ -24,7 +25,7 @@ constexpr const char* kUsage =
     "The simulated imager. A control program launches it; by hand it is of little use. It ends\n"
     "when told to, on a request to terminate, and soon after its control program has ended.\n"
     "  -pid N       identifier of the control program in the message pool\n"
-    "  -id N        identifier of this imager\n"
+    "  -id N        identifier of this imager, another one\n"
     "  -nip         no panel of its own (there is none)\n"
     "  -pr PROFILE  the profile that jobs are exposed with, for the log\n"
     "  -log FILE    write a log file\n"
@@ -32,6 +33,7 @@ constexpr const char* kUsage =
     "2 bad command line.\n";
 
 constexpr DWORD kReceiveTimeoutMs = 500;
+constexpr auto kParentLookInterval = std::chrono::milliseconds(500);
 
 struct Options {
   unsigned short parentId = 0;
@@ -40,10 +42,6 @@ struct Options {
   std::string logFile;
   bool help = false;
 };
-
-volatile std::sig_atomic_t terminationSeen = 0;
-
-void onTermination(int) { terminationSeen = 1; }
 
 bool parseId(const char* text, unsigned short& id) {
   const auto [rest, error] = std::from_chars(text, text + std::strlen(text), id);
@@ -72,7 +70,7 @@ bool parseOptions(int argc, char** argv, Options& options) {
       return false;
     }
   }
-  return options.parentId != 0 && options.ownId != 0;
+  return options.parentId != 0 && options.ownId != 0 && options.parentId != options.ownId;
 }
 
 /// Handles one message; false when it asks the imager to end.
@@ -80,15 +78,18 @@ bool handle(const char* text, const ControlLink& link, ExposerC& exposer) {
   qm::MessagePacket packet;
   const QMErrors::QMErrorT decoded = QMExtractMessagePacket(text, packet);
   if (decoded != QMErrors::NoError) {
-    link.reportFailure(0, {decoded, "a message that cannot be read", ""});
+    link.reportFailure(0, {decoded, "a message that cannot be read", ""}, nullptr);
   } else if (packet.nType == qm::imager::kTypeReply && packet.nCode == qm::imager::kCodeWhoAmI) {
     qm::logInfo(1, "imager: ", "commanded by ", packet.pString);
   } else if (packet.nType == qm::imager::kTypeCommand && packet.nCode == qm::imager::kCodeStop) {
     return false;
   } else if (packet.nType == qm::imager::kTypeCommand && packet.nCode == qm::imager::kCodeExpose) {
-    exposer.expose(packet.pString);
+    const unsigned job = link.jobOf(packet.nVal);
+    if (!exposer.expose(job, packet.pString)) {
+      link.reportFailure(job, {QMErrors::MemoryAllocationFailed, "no memory", ""}, nullptr);
+    }
   } else {
-    link.reportFailure(0, {QMErrors::InvalidOption, "a message that means nothing here", ""});
+    link.reportFailure(0, {QMErrors::InvalidOption, "unknown message", ""}, nullptr);
   }
   return true;
 }
@@ -96,13 +97,16 @@ bool handle(const char* text, const ControlLink& link, ExposerC& exposer) {
 /// Answers messages until told to stop, the pool fails, or nobody is left to command the imager.
 QMErrors::QMErrorT serve(const ControlLink& link, ExposerC& exposer) {
   char text[256];
+  auto nextLook = std::chrono::steady_clock::now() + kParentLookInterval;
   for (;;) {
     const QMErrors::QMErrorT received = SvReceiveMessage(text, sizeof text, kReceiveTimeoutMs);
-    if (terminationSeen != 0) return QMErrors::NoError;
-    if (received == QMErrors::CommandTimedOut) {
+    if (interrupted()) return QMErrors::NoError;
+    // Also while messages keep coming: others than the control program may send.
+    if (const auto now = std::chrono::steady_clock::now(); now >= nextLook) {
       if (qm::platform::parentIsGone()) return QMErrors::TheProcessHasDied;
-      continue;
+      nextLook = now + kParentLookInterval;
     }
+    if (received == QMErrors::CommandTimedOut) continue;
     if (received != QMErrors::NoError) return received;
     if (!handle(text, link, exposer)) return QMErrors::NoError;
   }
@@ -127,8 +131,7 @@ int main(int argc, char** argv) {
                QMLogFileC::GetDebugLevel);
   qm::logInfo(1, "imager: ", "started with profile ", options.profile);
 
-  std::signal(SIGTERM, onTermination);
-  std::signal(SIGINT, onTermination);
+  noteInterrupts();
   QMErrors::QMErrorT result = SvOpenComms(options.ownId);
   if (result == QMErrors::NoError) {
     const ControlLink link(options.parentId, options.ownId);

@@ -1,7 +1,6 @@
 #include "programs/testtool/Command.h"
 
 #include <charconv>
-#include <csignal>
 #include <cstdio>
 #include <system_error>
 
@@ -9,10 +8,6 @@
 
 namespace programs {
 namespace {
-
-volatile std::sig_atomic_t interruptSeen = 0;
-
-void onInterrupt(int) { interruptSeen = 1; }
 
 template <class Number>
 bool parseWhole(const std::string& text, Number low, Number high, Number& number) {
@@ -53,12 +48,5 @@ bool parseNumber(const std::string& text, long long low, long long high, long lo
 bool parseNumber(const std::string& text, double low, double high, double& number) {
   return parseWhole(text, low, high, number);
 }
-
-void noteInterrupts() {
-  std::signal(SIGINT, onInterrupt);
-  std::signal(SIGTERM, onInterrupt);
-}
-
-bool interrupted() { return interruptSeen != 0; }
 
 }  // namespace programs

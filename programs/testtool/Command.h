@@ -40,8 +40,4 @@ bool takeValue(const Arguments& arguments, std::size_t& index, std::string& valu
 bool parseNumber(const std::string& text, long long low, long long high, long long& number);
 bool parseNumber(const std::string& text, double low, double high, double& number);
 
-/// From now on Ctrl-C and a request to terminate are only noted.
-void noteInterrupts();
-bool interrupted();
-
 }  // namespace programs

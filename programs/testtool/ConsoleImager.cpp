@@ -1,7 +1,5 @@
 #include "programs/testtool/ConsoleImager.h"
 
-#include <utility>
-
 #include "programs/Protocol.h"
 #include "programs/testtool/Command.h"
 
@@ -46,8 +44,6 @@ JobState ConsoleImager::await(unsigned job, std::chrono::milliseconds limit) {
   std::unique_lock lock(mutex_);
   JobState& state = jobs_[job];
   if (!state.ended() && !dead_) news_.wait_for(lock, limit);
-  // An imager that could not read the job does not know its number.
-  if (!state.ended()) state.error = std::exchange(jobs_[0].error, {});
   return state;
 }
 

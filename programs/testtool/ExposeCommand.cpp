@@ -7,6 +7,7 @@
 #include <system_error>
 #include <thread>
 
+#include "programs/Interrupt.h"
 #include "programs/testtool/Command.h"
 #include "programs/testtool/ConsoleImager.h"
 #include "programs/testtool/ProgressBar.h"
@@ -82,6 +83,10 @@ int checkNames(Options& options) {
     return usageError(kExposeCommand,
                       "the output folder's name must not be empty or contain '\"' or ';'");
   }
+  // The value of a setting is taken without the blanks around it.
+  if (options.output.find_last_not_of(" \t") + 1 != options.output.size()) {
+    return usageError(kExposeCommand, "the output folder's name must not end with a blank");
+  }
   return kSuccess;
 }
 
@@ -107,7 +112,7 @@ int parseOptions(const Arguments& arguments, Options& options) {
     } else if (argument == "--") {
       onlyPages = true;
     } else if (argument.starts_with("-")) {
-      return usageError(kExposeCommand, "'" + argument + "' means nothing here");
+      return usageError(kExposeCommand, "unknown option '" + argument + "'");
     } else {
       options.pages.push_back(toPath(argument));
     }
@@ -149,8 +154,7 @@ int exposePage(ConsoleImager& imager, const fs::path& page, unsigned job, const 
       return kFailure;
     }
     if (!state.picture.empty()) {
-      const unsigned total = state.total != 0 ? state.total : 1;
-      bar.show(total, total);
+      if (state.total != 0) bar.show(state.total, state.total);
       const fs::path plate = output / state.picture;
       const std::string preview = plate.stem().string() + "-preview.png";
       bar.finish("done: " + plate.string());
@@ -179,7 +183,7 @@ unsigned short freshId() {
 QMErrors::QMErrorT startImager(ConsoleImager& imager, CTPImagerUserC::ImagerStartDataC& data) {
   const std::jthread watcher([&imager](const std::stop_token& started) {
     while (!started.stop_requested()) {
-      if (interrupted()) (void)imager.stop();
+      if (interrupted() && imager.IsAlive()) (void)imager.stop();
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
   });
@@ -202,6 +206,7 @@ int exposeAll(const Options& options) {
     status = kFailure;
   }
   for (std::size_t i = 0; i < options.pages.size() && started == QMErrors::NoError; ++i) {
+    if (interrupted()) status = kInterrupted;
     if (status == kInterrupted || imager.isLost()) {
       std::printf("%s  not exposed\n", options.pages[i].filename().string().c_str());
       if (status == kSuccess) status = kFailure;

@@ -8,6 +8,7 @@
 #include <system_error>
 #include <thread>
 
+#include "programs/Interrupt.h"
 #include "programs/testtool/Command.h"
 #include "qmutils/platform/file.h"
 
@@ -36,6 +37,10 @@ class Follower {
     in.seekg(0, std::ios::end);
     position_ = starts.empty() ? static_cast<std::streamoff>(in.tellg()) : starts.front();
     shown_ = textBefore(in, position_);
+    if (static_cast<std::streamoff>(shown_.size()) < std::min(position_, kRemembered)) {
+      position_ = 0;  // shortened meanwhile
+      shown_.clear();
+    }
     return true;
   }
 
@@ -47,16 +52,19 @@ class Follower {
       if (!shown_.ends_with('\n')) std::fputc('\n', stdout);
       std::fputs("--- the log was begun anew ---\n", stdout);
       position_ = 0;
+      shown_.clear();
     }
     in.clear();
     in.seekg(position_);
     char buffer[4096];
     while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-      std::fwrite(buffer, 1, static_cast<std::size_t>(in.gcount()), stdout);
+      const auto count = static_cast<std::size_t>(in.gcount());
+      std::fwrite(buffer, 1, count, stdout);
       position_ += in.gcount();
+      shown_.append(buffer, count);
+      if (shown_.size() > kRemembered) shown_.erase(0, shown_.size() - kRemembered);
     }
     std::fflush(stdout);
-    shown_ = textBefore(in, position_);
   }
 
  private:
@@ -100,7 +108,7 @@ int run(const Arguments& arguments) {
     } else if (path.empty() && !arguments[i].starts_with("-")) {
       path = arguments[i];
     } else {
-      return usageError(kLogCommand, "'" + arguments[i] + "' means nothing here");
+      return usageError(kLogCommand, "unknown argument '" + arguments[i] + "'");
     }
   }
   if (path.empty()) return usageError(kLogCommand, "no file given");

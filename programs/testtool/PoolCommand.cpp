@@ -1,7 +1,7 @@
 #include <cstdio>
-#include <cstring>
 #include <string>
 
+#include "programs/Interrupt.h"
 #include "programs/testtool/Command.h"
 #include "qmutils/comms/SvComms.h"
 #include "qmutils/foundation/QMDBprintf.h"
@@ -20,13 +20,20 @@ int poolFailure(const char* action, QMErrors::QMErrorT code) {
   return kFailure;
 }
 
-/// Prints the dump that the pool writes when it is closed, without its frame.
+/// Prints what counts of the dump that the pool writes when it is closed: the number of messages,
+/// and the identifier and text of each ("DestID=7, Taken=1, Msg=<text>"; free places are not
+/// taken).
 void printDumpLine(unsigned, int, char* text) {
-  const char* const taken = std::strstr(text, ", Taken=");
-  if (taken != nullptr && taken[std::strlen(", Taken=")] == '0') return;  // a free place
-  constexpr const char* kShown[] = {"pChan->", "DestID="};
-  for (const char* beginning : kShown) {
-    if (std::strncmp(text, beginning, std::strlen(beginning)) == 0) std::fputs(text, stdout);
+  int count = 0;
+  unsigned id = 0;
+  int taken = 0;
+  int start = 0;
+  if (std::sscanf(text, "pChan->nMessages: %d", &count) == 1) {
+    std::printf("messages: %d\n", count);
+  } else if (std::sscanf(text, "DestID=%u, Taken=%d, Msg=<%n", &id, &taken, &start) == 2 &&
+             taken != 0 && start != 0) {
+    const std::string message = text + start;
+    std::printf("%u: %s\n", id, message.substr(0, message.rfind('>')).c_str());
   }
 }
 
@@ -88,7 +95,7 @@ int run(const Arguments& arguments) {
     return parseId(arguments[1], id) ? watch(id)
                                      : usageError(kPoolCommand, "an identifier is 1 to 65535");
   }
-  return usageError(kPoolCommand, "what shall I do with the pool?");
+  return usageError(kPoolCommand, "give show, send or watch");
 }
 
 }  // namespace
@@ -96,7 +103,7 @@ int run(const Arguments& arguments) {
 const Command kPoolCommand = {
     "pool", "look into the message pool, send to it, watch it",
     "usage: testtool pool show | send ID TEXT | watch ID\n"
-    "  show           print the number of messages and each waiting message\n"
+    "  show           print the number of messages, and of each its identifier and text\n"
     "  send ID TEXT   send a message, for instance '3;5;1;2;;', to an identifier\n"
     "  watch ID       join under an identifier and print what arrives for it, until Ctrl-C;\n"
     "                 messages already waiting for it are discarded, as for any program that "

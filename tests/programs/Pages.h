@@ -33,13 +33,28 @@ struct TiffForm {
   std::uint32_t tileSide = 0;      ///< 0: striped
   float resolution = 100;
   float acrossResolution = 0;  ///< 0: the same
+  std::uint16_t bits = 1;      ///< of a sample
+  std::uint16_t samples = 1;
+  std::uint16_t orientation = 1;
+  std::uint32_t subfile = 0;  ///< kind of picture
 };
 
-void writeTiff(const std::string& path, const Bitmap& bitmap, const TiffForm& form = {});
-/// A page of 8 bits or of three colours.
-void writeDeepTiff(const std::string& path, std::uint16_t bits, std::uint16_t samples);
+/// Writes a file with that page (a bitmap without lines: only its description), or adds it to one.
+void writeTiff(const std::string& path, const Bitmap& bitmap, const TiffForm& form = {},
+               bool add = false);
 
-/// A 1-bit picture; empty when the file is none.
-Bitmap readPng(const std::string& path);
+/// A picture read back; empty when the file is none.
+struct Picture {
+  unsigned width = 0;
+  unsigned height = 0;
+  int bits = 0;  ///< of a sample in the file
+  double dpi = 0;
+  std::vector<std::uint8_t> pixels;  ///< red, green, blue
+
+  int redAt(unsigned x, unsigned y) const { return pixels[(std::size_t{y} * width + x) * 3]; }
+  bool burntAt(unsigned x, unsigned y) const { return redAt(x, y) == 0x1B; }
+};
+
+Picture readPng(const std::string& path);
 
 }  // namespace qmtest

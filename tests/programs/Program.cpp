@@ -1,6 +1,5 @@
 #include "tests/programs/Program.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -11,50 +10,36 @@
 #include <sstream>
 #include <thread>
 
-extern char** environ;
-
 namespace qmtest {
-
 namespace {
 
-constexpr auto kPause = std::chrono::milliseconds(5);
-constexpr int kAttempts = 12'000;
-
-/// State and parent of a process, from the line that the system keeps about it.
-bool readProcess(const std::string& pid, char& state, pid_t& parent) {
+/// The parent of a process that runs, from the line that the system keeps about it; -1 for others.
+pid_t parentOf(const std::string& pid) {
   const std::string line = readFile("/proc/" + pid + "/stat");
-  const std::size_t nameEnd = line.rfind(')');
-  if (nameEnd == std::string::npos) return false;
-  std::istringstream rest(line.substr(nameEnd + 1));
-  return static_cast<bool>(rest >> state >> parent);
+  std::istringstream rest(line.substr(std::min(line.rfind(')'), line.size() - 1) + 1));
+  char state = 'Z';
+  pid_t parent = -1;
+  return rest >> state >> parent && state != 'Z' ? parent : -1;
 }
 
 }  // namespace
 
-bool pauseBetween(int attempt) {
-  std::this_thread::sleep_for(kPause);
-  return attempt < kAttempts;
+bool await(const std::function<bool()>& condition) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > limit) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
 }
 
-bool isRunning(pid_t pid) {
-  char state = 'Z';
-  pid_t parent = 0;
-  return readProcess(std::to_string(pid), state, parent) && state != 'Z';
-}
+bool isRunning(pid_t pid) { return parentOf(std::to_string(pid)) >= 0; }
 
-Program::Program(const std::string& path, const std::vector<std::string>& arguments,
-                 const std::string& output) {
-  std::vector<char*> list{const_cast<char*>(path.c_str())};
-  for (const std::string& argument : arguments) list.push_back(const_cast<char*>(argument.c_str()));
-  list.push_back(nullptr);
-  const std::string out = output.empty() ? folder_.file("out") : output;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, folder_.file("err").c_str(),
-                                   O_WRONLY | O_CREAT | O_APPEND, 0600);
-  EXPECT_EQ(posix_spawn(&pid_, path.c_str(), &actions, nullptr, list.data(), environ), 0) << path;
-  posix_spawn_file_actions_destroy(&actions);
+Program::Program(const std::string& commandLine) {
+  const std::string line =
+      "exec >" + folder_.file("out") + " 2>" + folder_.file("err") + "; exec " + commandLine;
+  const char* const list[] = {"sh", "-c", line.c_str(), nullptr};
+  EXPECT_EQ(posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(list), environ), 0);
 }
 
 Program::~Program() {
@@ -72,21 +57,14 @@ int Program::wait() {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-bool Program::awaitOutput(const std::string& text) const {
-  return await([&] { return output().find(text) != std::string::npos; });
-}
-
-bool Program::awaitErrors(const std::string& text) const {
-  return await([&] { return errors().find(text) != std::string::npos; });
+bool Program::awaitText(const std::string& text) const {
+  return await([&] { return (output() + errors()).find(text) != std::string::npos; });
 }
 
 pid_t Program::child() const {
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     const std::string name = entry.path().filename().string();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    char state = 'Z';
-    pid_t parent = 0;
-    if (readProcess(name, state, parent) && parent == pid_ && state != 'Z') {
+    if (name.find_first_not_of("0123456789") == std::string::npos && parentOf(name) == pid_) {
       return static_cast<pid_t>(std::stoi(name));
     }
   }

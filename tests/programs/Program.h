@@ -3,8 +3,8 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
-#include <vector>
 
 #include "tests/support/TempFolder.h"
 
@@ -12,9 +12,8 @@ namespace qmtest {
 
 class Program {
  public:
-  /// Starts it; `output` receives standard output (a file of the object when empty).
-  explicit Program(const std::string& path, const std::vector<std::string>& arguments,
-                   const std::string& output = "");
+  /// Starts what a line for the shell says.
+  explicit Program(const std::string& commandLine);
   /// Kills what still runs.
   ~Program();
   Program(const Program&) = delete;
@@ -24,8 +23,7 @@ class Program {
   int wait();
   void signal(int number) const;
   /// Waits up to a minute until standard output or standard error holds the text.
-  bool awaitOutput(const std::string& text) const;
-  bool awaitErrors(const std::string& text) const;
+  bool awaitText(const std::string& text) const;
   std::string output() const { return readFile(folder_.file("out")); }
   std::string errors() const { return readFile(folder_.file("err")); }
   /// The process that this one has launched; 0 when there is none.
@@ -38,16 +36,7 @@ class Program {
 
 /// True while a process runs (one that has ended but was not collected does not).
 bool isRunning(pid_t pid);
-/// Waits a moment; false when `attempt` moments make a minute.
-bool pauseBetween(int attempt);
-
 /// Waits up to a minute for a condition.
-template <class Condition>
-bool await(Condition condition) {
-  for (int attempt = 0; !condition(); ++attempt) {
-    if (!pauseBetween(attempt)) return condition();
-  }
-  return true;
-}
+bool await(const std::function<bool()>& condition);
 
 }  // namespace qmtest

@@ -1,10 +1,12 @@
 // The drum and the pictures of the plate.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <random>
 
 #include "programs/imager/Drum.h"
+#include "programs/imager/Exposure.h"
 #include "programs/imager/PlatePicture.h"
 #include "tests/programs/Pages.h"
 #include "tests/support/TempFolder.h"
@@ -15,7 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 using qmtest::Bitmap;
 
-constexpr double kPixelPerMm = 25.4;  // dots per inch
+constexpr float kPixelPerMm = 25.4F;  // dots per inch
 
 /// What one pixel of the drum carries, worked out the slow way.
 bool pixelOf(const DrumSettings& drum, const Bitmap& page, unsigned x, unsigned y) {
@@ -31,45 +33,47 @@ bool pixelOf(const DrumSettings& drum, const Bitmap& page, unsigned x, unsigned 
          page.at(x - left, y - top);
 }
 
-TEST(Drum, CarriesThePageAtEveryBitOffsetAndTheClippedMargins) {
-  std::mt19937 random(4);
-  for (int round = 0; round < 3000; ++round) {
-    const Bitmap page = qmtest::randomBitmap(1 + random() % 30, 1 + random() % 6, random);
-    DrumSettings settings;
-    settings.widthMm = page.width + random() % 20;
-    settings.heightMm = page.height + random() % 6;
-    settings.resolutionDpi = kPixelPerMm;
-    if (random() % 4 != 0) {
-      settings.leftMm = static_cast<double>(random() % unsigned(settings.widthMm - page.width + 1));
-      settings.topMm =
-          static_cast<double>(random() % unsigned(settings.heightMm - page.height + 1));
-    }
-    settings.clips = random() % 2 != 0;
-    settings.clippedIsExposed = random() % 2 != 0;
-    settings.fastLeadingPixels = random() % 60;  // sometimes more than there are
-    settings.fastTrailingPixels = random() % 12;
-    settings.slowLeadingLines = random() % 4;
-    settings.slowTrailingLines = random() % 15;
-    Drum drum;
-    const Failure failure = drum.layOut(settings, page.width, page.height, 0);
-    ASSERT_FALSE(failure) << failure.reason;
-    ASSERT_EQ(drum.width(), unsigned(settings.widthMm));
-    ASSERT_EQ(drum.height(), unsigned(settings.heightMm));
-    Bitmap exposed{drum.width(), drum.height(), {}};
-    unsigned next = 0;
-    std::vector<std::uint8_t> pageLine;
-    for (unsigned y = 0; y < drum.height(); ++y) {
-      if (drum.takesPageLine(y)) pageLine = page.lines.at(next++);
-      drum.expose(y, pageLine, exposed.lines.emplace_back());
-      ASSERT_EQ(exposed.lines.back().size(), (drum.width() + 7) / 8);
-      for (unsigned x = 0; x < drum.width(); ++x) {
-        ASSERT_EQ(exposed.at(x, y), pixelOf(settings, page, x, y))
-            << "round " << round << ", pixel " << x << ", line " << y;
+/// Demands that each pixel of the picture shows what share of a square of the drum is burnt, and
+/// that the drum's first pixel is a square's first.
+void expectShown(const qmtest::Picture& picture, unsigned scale, const DrumSettings& drum,
+                 const Bitmap& page) {
+  const auto width = static_cast<unsigned>(drum.widthMm);
+  const auto height = static_cast<unsigned>(drum.heightMm);
+  ASSERT_EQ(picture.width, (width + scale - 1) / scale);
+  ASSERT_EQ(picture.height, (height + scale - 1) / scale);
+  EXPECT_NEAR(picture.dpi, drum.resolutionDpi / scale, 0.1);
+  for (unsigned row = 0; row < picture.height; ++row) {
+    for (unsigned column = 0; column < picture.width; ++column) {
+      unsigned burnt = 0;
+      unsigned spots = 0;
+      for (unsigned y = row * scale; y < std::min(height, (row + 1) * scale); ++y) {
+        for (unsigned x = column * scale; x < std::min(width, (column + 1) * scale); ++x, ++spots) {
+          burnt += pixelOf(drum, page, x, y);
+        }
       }
-      for (unsigned x = drum.width(); x % 8 != 0; ++x) ASSERT_FALSE(exposed.at(x, y));
+      const double red = 0xC9 - double{0xC9 - 0x1B} * burnt / spots;
+      ASSERT_NEAR(picture.redAt(column, row), red, 0.6) << column << ", " << row;
     }
-    ASSERT_EQ(next, page.height);
   }
+}
+
+/// A drum at least as large as the page, which lies anywhere on it.
+DrumSettings randomSettings(const Bitmap& page, std::mt19937& random) {
+  DrumSettings settings;
+  settings.widthMm = page.width + random() % 20;
+  settings.heightMm = page.height + random() % 6;
+  settings.resolutionDpi = kPixelPerMm;
+  if (random() % 4 != 0) {
+    settings.leftMm = static_cast<double>(random() % unsigned(settings.widthMm - page.width + 1));
+    settings.topMm = static_cast<double>(random() % unsigned(settings.heightMm - page.height + 1));
+  }
+  settings.clips = random() % 2 != 0;
+  settings.clippedIsExposed = random() % 2 != 0;
+  settings.fastLeadingPixels = random() % 60;  // sometimes more than there are
+  settings.fastTrailingPixels = random() % 12;
+  settings.slowLeadingLines = random() % 4;
+  settings.slowTrailingLines = random() % 15;
+  return settings;
 }
 
 TEST(Drum, RefusesPagesThatDoNotFit) {
@@ -77,23 +81,16 @@ TEST(Drum, RefusesPagesThatDoNotFit) {
     double drumMm, leftMm, drumDpi, pageDpi;
     QMErrors::QMErrorT code;
   };
+  constexpr auto kFits = QMErrors::NoError;
+  constexpr auto kTooBig = QMErrors::ImageIsTooBigToFitOnThePlate;
+  constexpr auto kBadDpi = QMErrors::ResolutionOutsideValidRange;
   const Case cases[] = {
-      {100, -1, kPixelPerMm, kPixelPerMm, QMErrors::NoError},
-      {100, 0, 0, kPixelPerMm, QMErrors::NoError},
-      {100, -1, 1200, 1199, QMErrors::NoError},
-      {99, -1, kPixelPerMm, 0, QMErrors::ImageIsTooBigToFitOnThePlate},
-      {100, 1, kPixelPerMm, 0, QMErrors::ImageIsTooBigToFitOnThePlate},
-      {100, 9999, kPixelPerMm, 0, QMErrors::ImageIsTooBigToFitOnThePlate},
-      {100, -1, 1200, 600, QMErrors::ResolutionOutsideValidRange},
-      {100, -1, 0, 30000, QMErrors::ResolutionOutsideValidRange},
-      {1001, -1, 25400, 0, QMErrors::ResolutionOutsideValidRange},
-  };
+      {100, -1, 25.4, 25.4, kFits},  {100, 0, 0, 25.4, kFits},     {100, -1, 1200, 1199, kFits},
+      {99, -1, 25.4, 0, kTooBig},    {100, 1, 25.4, 0, kTooBig},   {100, 9999, 25.4, 0, kTooBig},
+      {100, -1, 1200, 600, kBadDpi}, {100, -1, 0, 30000, kBadDpi}, {1001, -1, 25400, 0, kBadDpi}};
   for (const Case& c : cases) {
-    DrumSettings settings;
-    settings.widthMm = c.drumMm;
-    settings.heightMm = 200;
-    settings.leftMm = c.leftMm;
-    settings.resolutionDpi = c.drumDpi;
+    const DrumSettings settings{
+        .widthMm = c.drumMm, .heightMm = 200, .resolutionDpi = c.drumDpi, .leftMm = c.leftMm};
     EXPECT_EQ(Drum().layOut(settings, 100, 100, c.pageDpi).code, c.code)
         << c.drumMm << " mm, left " << c.leftMm << ", " << c.drumDpi << " and " << c.pageDpi;
   }
@@ -112,39 +109,45 @@ std::size_t filesIn(const std::string& folder) {
   return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder), {}));
 }
 
-TEST(PlatePicture, HoldsEverySpot) {
-  const qmtest::TempFolder folder;
-  std::mt19937 random(5);
-  for (const auto& [width, height] : {std::pair{1u, 1u}, {13u, 9u}, {2401u, 3u}, {64u, 1500u}}) {
-    const Bitmap plate = qmtest::randomBitmap(width, height, random);
-    const Failure failure = writePicture(folder.path() + "\\plate", plate);
-    ASSERT_FALSE(failure) << failure.reason;
-    const Bitmap read = qmtest::readPng(folder.file("plate.png"));
-    EXPECT_EQ(read.width, width);
-    EXPECT_EQ(read.lines, plate.lines) << width << " x " << height;
-    EXPECT_EQ(filesIn(folder.path()), 2u) << "plate and preview";
-  }
-}
-
 TEST(PlatePicture, AFailedOneLeavesNoFile) {
   std::mt19937 random(6);
   const Bitmap plate = qmtest::randomBitmap(500, 2000, random);
-  for (const char* full : {"p.png.tmp", "p-preview.png.tmp"}) {
+  for (const std::string name : {"p.png", "p-preview.png"}) {
     const qmtest::TempFolder folder;
-    fs::create_symlink("/dev/full", folder.file(full));
-    EXPECT_EQ(writePicture(folder.file("p"), plate).code, QMErrors::FailedToWriteToFile) << full;
-    EXPECT_EQ(filesIn(folder.path()), 0u) << full;
-  }
-  for (const char* taken : {"p.png", "p-preview.png"}) {
-    const qmtest::TempFolder folder;
-    fs::create_directory(folder.file(taken));
-    EXPECT_EQ(writePicture(folder.file("p"), plate).code, QMErrors::FailedToWriteToFile) << taken;
-    EXPECT_EQ(filesIn(folder.path()), 1u) << "only the folder that is in the way, " << taken;
+    fs::create_symlink("/dev/full", folder.file(name + ".tmp"));
+    EXPECT_EQ(writePicture(folder.file("p"), plate).code, QMErrors::FailedToWriteToFile) << name;
+    EXPECT_EQ(filesIn(folder.path()), 0u) << name;
+    fs::create_directory(folder.file(name));
+    EXPECT_EQ(writePicture(folder.file("p"), plate).code, QMErrors::FailedToWriteToFile) << name;
+    EXPECT_EQ(filesIn(folder.path()), 1u) << "only the folder that is in the way, " << name;
   }
   const qmtest::TempFolder folder;
   EXPECT_FALSE(writePicture(folder.file("p"), plate, false));
   EXPECT_EQ(filesIn(folder.path()), 0u) << "given up";
   EXPECT_EQ(writePicture(folder.file("no/p"), plate).code, QMErrors::FailedToOpenFile);
+}
+
+TEST(Exposure, PutsThePageOntoThePlateAtEveryBitOffsetWithTheClippedMargins) {
+  const qmtest::TempFolder folder;
+  std::mt19937 random(4);
+  const auto ignore = [](unsigned, unsigned) { return true; };
+  for (int round = 0; round < 600; ++round) {
+    const bool isLong = round % 100 == 0;  // so that the preview is made smaller
+    const Bitmap page =
+        qmtest::randomBitmap((isLong ? 2400 : 1) + random() % 30, 1 + random() % 6, random);
+    qmtest::writeTiff(folder.file("page"), page, {.resolution = kPixelPerMm});
+    const JobDescription job{7, folder.file("page"), folder.path(), randomSettings(page, random)};
+    std::string picture;
+    const Failure failure = exposePage(job, ignore, picture);
+    ASSERT_FALSE(failure) << failure.reason;
+    ASSERT_EQ(picture, "page-7.png");
+    const qmtest::Picture plate = qmtest::readPng(folder.file("page-7.png"));
+    EXPECT_EQ(plate.bits, 1);
+    SCOPED_TRACE(round);
+    expectShown(plate, 1, job.drum, page);
+    expectShown(qmtest::readPng(folder.file("page-7-preview.png")), isLong ? 3 : 1, job.drum, page);
+    if (HasFatalFailure()) return;
+  }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <new>
 #include <string>
 
+#include "qmutils/comms/PoolSection.h"
 #include "qmutils/comms/QMMessageText.h"
 #include "qmutils/comms/SvComms.h"
 #include "qmutils/foundation/LogLine.h"
@@ -27,6 +28,7 @@ constexpr DWORD kSendTimeoutMs = 2000;
 // Short, so that the end of the process and a request to stop are noticed soon; a receiver that
 // times out simply looks again.
 constexpr DWORD kReceiveTimeoutMs = 200;
+constexpr DWORD kLastWordsTimeoutMs = 20;  // for others that use the pool at that moment
 constexpr int kStartRounds = 300;
 constexpr DWORD kStartRoundMs = 200;
 constexpr DWORD kStopBudgetMs = 60000;
@@ -153,7 +155,7 @@ QMErrorT CTPImagerUserC::AwaitStarted() {
       LeavePool();
       return QMErrors::ImagerHasDied;
     }
-    const bool working = IsAlive();  // asked first: the worker notes an error before it ends
+    const bool working = IsAlive();   // asked first: the worker notes an error before it ends
     if (m_ReceiveError != NoError) {  // it has left the pool
       (void)stop();
       return m_ReceiveError;
@@ -221,11 +223,14 @@ void CTPImagerUserC::Watch() {
       case WAIT_OBJECT_0 + 1:
         watching = false;
         break;
-      case WAIT_TIMEOUT:
-        m_ReceiveError = ReceiveOne();
+      case WAIT_TIMEOUT: {
+        const QMErrorT received = ReceiveOne(kReceiveTimeoutMs);
+        if (received != QMErrors::CommandTimedOut) m_ReceiveError = received;
         (void)Sleep(0);
         break;
+      }
       default:
+        DispatchLastWords();
         ReportDeath();
         // Nothing more can come; the object stays in this state until StopImager().
         (void)wait(GetEndEvent(), INFINITE);
@@ -233,6 +238,14 @@ void CTPImagerUserC::Watch() {
         break;
     }
   }
+}
+
+/// What the imager sent before it ended, such as the reason, comes before the report of its end.
+void CTPImagerUserC::DispatchLastWords() {
+  const DWORD osError = lastError();  // of the wait, for the report
+  for (int i = 0; i < qm::kPoolSlots && ReceiveOne(kLastWordsTimeoutMs) == NoError; ++i) {
+  }
+  setLastError(osError);
 }
 
 void CTPImagerUserC::ReportDeath() {
@@ -246,16 +259,16 @@ void CTPImagerUserC::ReportDeath() {
   setEvent(m_hNews);
 }
 
-QMErrorT CTPImagerUserC::ReceiveOne() {
+/// Receives and dispatches one message. 2013 when none came, which is normal.
+QMErrorT CTPImagerUserC::ReceiveOne(DWORD timeoutMs) {
   char text[kMessageSize];
-  const QMErrorT received = SvReceiveMessage(text, sizeof text, kReceiveTimeoutMs);
-  if (received == QMErrors::CommandTimedOut) return NoError;
-  if (received != NoError) {
+  const QMErrorT received = SvReceiveMessage(text, sizeof text, timeoutMs);
+  if (received == NoError) {
+    Dispatch(text);
+  } else if (received != QMErrors::CommandTimedOut) {
     stack(kRun, received, std::string("SvReceiveMessage() returned: ") + QMErrToStr(received));
-    return received;
   }
-  Dispatch(text);
-  return NoError;
+  return received;
 }
 
 void CTPImagerUserC::Dispatch(const char* text) {
@@ -271,8 +284,7 @@ void CTPImagerUserC::Dispatch(const char* text) {
     setEvent(m_hNews);
   } else if (packet.nType == kTypeReply && packet.nCode == kCodeWhoAmI) {
     if (!m_Identity.empty()) (void)ReplyWhoAmI(m_Identity.c_str());
-  } else if (m_bStoppingImager &&
-             (packet.nType == kTypeProgress || packet.nType == kTypeError)) {
+  } else if (m_bStoppingImager && (packet.nType == kTypeProgress || packet.nType == kTypeError)) {
     QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
     log._LogWarning();
     log << kRun << "m_bStoppingImager defined ignoring:" << packet << std::endl;

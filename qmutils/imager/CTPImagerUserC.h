@@ -9,9 +9,9 @@
 //     imager.StartExpose(ICFC::ExposeInfoC("/jobs/page1.tif", 17), jobLine, icfText);
 //
 // A worker thread receives the imager's messages and calls both handlers on that thread; all other
-// operations run on the caller's thread and are called by one thread at a time. Failures are logged,
-// put on the error stack and returned as codes; nothing throws. As a derived class is gone when this
-// class's destructor runs, it calls StopImager() in its own.
+// operations run on the caller's thread and are called by one thread at a time. Failures are
+// logged, put on the error stack and returned as codes; nothing throws. As a derived class is gone
+// when this class's destructor runs, it calls StopImager() in its own.
 #pragma once
 
 #include <atomic>
@@ -31,8 +31,8 @@ inline constexpr const char* IMAGE_CONTROL_FOLDER = "Image Control";
 
 class QMUTILS_API CTPImagerUserC : public QMThreadC {
  public:
-  /// What one imager is started with. Identifiers are 16 bits, not 0, and belong to one process each
-  /// in the pool. The priority class goes to the process as it is.
+  /// What one imager is started with. Identifiers are 16 bits, not 0, and belong to one process
+  /// each in the pool. The priority class goes to the process as it is.
   class ImagerStartDataC {
    public:
     ImagerStartDataC(const char* first, const char* profile, unsigned short parentId,
@@ -63,19 +63,18 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
 
   /// Joins the pool, launches the imager and waits up to 60 s until it reports that it has started.
   /// 0 at once while an imager is held. The pool's code; 2039 "Error Unable To Create Process"; the
-  /// worker's code; 2207 "Imager has died"; 2013 "Command timed out"; 2049 when another thread called
-  /// stop() meanwhile; the imager is then asked to end and killed after 3 s.
+  /// worker's code; 2207 "Imager has died"; 2013 "Command timed out"; 2049 when another thread
+  /// called stop() meanwhile; the imager is then asked to end and killed after 3 s.
   QMErrors::QMErrorT StartImager(ImagerStartDataC& data);
 
   /// Asks the imager to end and waits 60 s; then asks the operator whether to go on waiting or to
   /// kill it. 0 when it ended by itself or none was held; 2013 when it was killed; 2049 when this
-  /// thread object was told to stop meanwhile. The imager is released in every case, and the files of
-  /// jobs that it did not come to read are deleted.
+  /// thread object was told to stop meanwhile. The imager is released in every case, and the files
+  /// of jobs that it did not come to read are deleted.
   QMErrors::QMErrorT StopImager();
 
-  /// Sends a packet to the imager (2 s for a free place in the pool). 0 also without an imager: what
-  /// is sent to nobody is lost. 124 or 2113 when it does not
-  /// fit into 255 characters.
+  /// Sends a packet to the imager (2 s for a free place in the pool). 0 also without an imager:
+  /// what is sent to nobody is lost. 124 or 2113 when it does not fit into 255 characters.
   QMErrors::QMErrorT SendMessage(const QMErrors::QMMessagePacketT& packet);
   QMErrors::QMErrorT ReplyWhoAmI(const char* identity);
   QMErrors::QMErrorT ReplyCopyInfo(unsigned a, unsigned b, unsigned c);
@@ -83,8 +82,8 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   /// Hands one exposure over: writes the image control file and the job file into the "Image
   /// Control" folder and sends the job file's path. `jobOut` and `icfOut` receive the job line and
   /// the image control document as written. The imager deletes both files once it has read them.
-  /// 2064 "Unable to create unique file name", 1001, 2055 "Failed to write to file", 33283 "Failed to
-  /// send Transport message", the codes of ICFC::Save().
+  /// 2064 "Unable to create unique file name", 1001, 2055 "Failed to write to file", 33283 "Failed
+  /// to send Transport message", the codes of ICFC::Save().
   QMErrors::QMErrorT StartExpose(const ICFC::ExposeInfoC& info, std::ostream& jobOut,
                                  std::ostream& icfOut);
 
@@ -98,11 +97,12 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   /// A message of the imager; the texts of the packet are valid during the call. Its result is
   /// stacked when it is not 0.
   virtual QMErrors::QMErrorT HandleImagerMessage(QMErrors::QMMessagePacketT& packet) = 0;
-  /// The imager has died or cannot be watched any more; called once per imager. Not called when the
-  /// pool fails, which ends the worker: IsAlive() tells.
+  /// The imager has died or cannot be watched any more; called once per imager, after the messages
+  /// that it had sent. Not called when the pool fails, which ends the worker: IsAlive() tells.
   virtual void HandleImagerError(const char* text) = 0;
   /// Makes the image control document of a job; a host with settings of its own overrides it.
-  virtual QMErrors::QMErrorT SaveImageControl(const char* path, const ICFC::ExposeInfoC& info) const;
+  virtual QMErrors::QMErrorT SaveImageControl(const char* path,
+                                              const ICFC::ExposeInfoC& info) const;
 
  private:
   struct JobFiles;
@@ -114,8 +114,9 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   QMErrors::QMErrorT GiveUpStarting();
   void LeavePool();
   void Watch();
+  void DispatchLastWords();
   void ReportDeath();
-  QMErrors::QMErrorT ReceiveOne();
+  QMErrors::QMErrorT ReceiveOne(DWORD timeoutMs);
   void Dispatch(const char* text);
   QMErrors::QMErrorT SendCommand(int code, int value, const char* text);
   QMErrors::QMErrorT SendStop(bool* rejoined);

@@ -32,7 +32,8 @@ QMErrors::QMErrorT addProperty(QMXmlC& node, std::string_view name, std::string_
   return node.AddProperty(std::string(name).c_str(), std::string(value).c_str());
 }
 
-/// "Name;Key=Value;Key=Value" as properties. A piece that is no setting makes the profile malformed.
+/// "Name;Key=Value;Key=Value" as properties. A piece that is no setting makes the profile
+/// malformed.
 QMErrors::QMErrorT addProfile(QMXmlC& node, std::string_view profile) {
   QMErrors::QMErrorT result = addProperty(node, "Name", takePiece(profile));
   while (result == QMErrors::NoError && !profile.empty()) {

@@ -1,8 +1,8 @@
 // The image control document: what the imager must know about one exposure beside the page itself.
 //
 // It is made from the profile text that a program starts its imager with: a name, and settings as
-// Key=Value, separated by ';' ("Default;DrumWidthMM=1030;ResolutionDPI=2400"). The document is an XML
-// element tree:
+// Key=Value, separated by ';' ("Default;DrumWidthMM=1030;ResolutionDPI=2400"). The document is an
+// XML element tree:
 //
 //   <ImageControl Version = "1" >
 //    <Job Number = "17" File = "/jobs/page1.tif"  />

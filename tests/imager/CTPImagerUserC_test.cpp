@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -14,7 +15,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include "qmutils/comms/SvComms.h"
@@ -132,11 +132,13 @@ TEST_F(CTPImagerUser, StartsTalksAndStops) {
     EXPECT_EQ(imager.awaitMessage(first + 2), "7:144:12/17") << "the separator parts the text";
     EXPECT_EQ(imager.command(97, std::string(300, 'x').c_str()), QMErrors::BufferHasOverflowed);
     EXPECT_EQ(imager.StopImager(), NoError);
-    EXPECT_TRUE(log_.contains(" INFO: CTPImagerUserC::StopImager(): Imager Thread signalled so "
-                              "process has died\n"));
+    EXPECT_TRUE(
+        log_.contains(" INFO: CTPImagerUserC::StopImager(): Imager Thread signalled so "
+                      "process has died\n"));
     EXPECT_EQ(imager.messageCount(), first + 3) << "late progress and errors are dropped";
-    EXPECT_TRUE(log_.contains(" WARNING: CTPImagerUser::run(): m_bStoppingImager defined ignoring:"
-                              "1;1;12;0;late progress;\n"))
+    EXPECT_TRUE(
+        log_.contains(" WARNING: CTPImagerUser::run(): m_bStoppingImager defined ignoring:"
+                      "1;1;12;0;late progress;\n"))
         << log_.text();
   }
   EXPECT_EQ(imager.GetCommsParentID(), 11);
@@ -177,9 +179,11 @@ double processorSeconds() {
 TEST_F(CTPImagerUser, AnImagerKilledWhileRunningIsReportedOnceAndNothingSpins) {
   TestImager imager;
   ASSERT_EQ(start(imager, "normal"), NoError);
+  EXPECT_EQ(imager.awaitMessage(0), "7:194:press room");
   EXPECT_EQ(imager.command(98, ""), NoError);
   for (int i = 0; i < 30000 && imager.deaths == 0; ++i) std::this_thread::sleep_for(1ms);
   EXPECT_EQ(imager.deaths, 1);
+  EXPECT_EQ(imager.messageCount(), 21u) << "its last words come before the report of its end";
   const double before = processorSeconds();
   std::this_thread::sleep_for(300ms);
   EXPECT_LT(processorSeconds() - before, 0.2);
@@ -265,8 +269,7 @@ TEST_F(CTPImagerUser, HandsAnExposureOver) {
   const std::string beginning = "-jobid 17 -fl \"/jobs/page 1.tif\" -pr \"";
   ASSERT_TRUE(line.starts_with(beginning)) << line;
   ASSERT_TRUE(line.ends_with("\"\n")) << line;
-  const std::string icfPath =
-      line.substr(beginning.size(), line.size() - beginning.size() - 2);
+  const std::string icfPath = line.substr(beginning.size(), line.size() - beginning.size() - 2);
   EXPECT_NE(icfPath.find("\\Image Control\\job17_"), std::string::npos) << icfPath;
   std::ifstream file(qm::platform::nativePath(icfPath.c_str()), std::ios::binary);
   const std::string content{std::istreambuf_iterator<char>(file), {}};
@@ -278,10 +281,9 @@ TEST_F(CTPImagerUser, HandsAnExposureOver) {
   EXPECT_EQ(icf.str(), content);
 
   // What cannot be described leaves no files.
-  const auto folder = std::filesystem::path(qm::platform::nativePath(icfPath.c_str())).parent_path();
-  const auto count = [&] {
-    return std::distance(std::filesystem::directory_iterator(folder), {});
-  };
+  const auto folder =
+      std::filesystem::path(qm::platform::nativePath(icfPath.c_str())).parent_path();
+  const auto count = [&] { return std::distance(std::filesystem::directory_iterator(folder), {}); };
   const auto before = count();
   EXPECT_EQ(imager.StartExpose(ICFC::ExposeInfoC("a\"b.tif", 18), job, icf),
             QMErrors::BadMissingMalformedICFFile);

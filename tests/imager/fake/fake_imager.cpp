@@ -1,7 +1,7 @@
-// An imager that behaves as its profile says: "normal", "silent" (never reports that it has started),
-// "dead" (ends at once), "deaf" (ignores the request to stop). On command 98 it dies of a signal, on
-// command 97 it sends a type 7 message back with the text it was given, on an expose command one with
-// the job file's line.
+// An imager that behaves as its profile says: "normal", "silent" (never reports that it has
+// started), "dead" (ends at once), "deaf" (ignores the request to stop). On command 98 it sends 20
+// messages and dies of a signal, on command 97 it sends a type 7 message back with the text it was
+// given, on an expose command one with the job file's line.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -44,15 +44,13 @@ bool handle(const QMErrors::QMMessagePacketT& packet, const std::string& profile
     if (profile == "deaf") return true;
     send(kTypeProgress, 1, "late progress");
     send(kTypeError, 2, "late error");
-    // Time for the client to receive them while it knows this process to be alive.
-    char text[256];
-    SvReceiveMessage(text, sizeof text, 100);
     return false;
   } else if (packet.nCode == kCodeExpose) {
     const std::string line = firstLine(packet.pString);
     send(7, packet.nVal, line.substr(0, line.find(" -pr ")));
     qm::platform::deleteFile(packet.pString);
   } else if (packet.nCode == 98) {
+    for (int i = 1; i <= 20; ++i) send(7, 98, std::to_string(i));
     std::raise(SIGKILL);
   } else if (packet.nCode == 97) {
     send(7, 97, packet.pString);

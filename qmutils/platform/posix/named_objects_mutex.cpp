@@ -10,6 +10,10 @@
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/suspension.h"
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace qm::platform::posix {
 
 namespace {
@@ -44,6 +48,23 @@ bool initialise(pthread_mutex_t* mutex) noexcept {
   if (result == 0) result = pthread_mutex_init(mutex, &attributes);
   pthread_mutexattr_destroy(&attributes);
   return result == 0 || failWithErrno(result);
+}
+
+/// A thread that ends as the owner leaves the mutex to whichever process is next, and one of those
+/// that ThreadSanitizer cannot see may put it in order and free it. So for ThreadSanitizer a thread
+/// that keeps the mutex frees it, and takes it again should it give it up after all.
+void hideOwner([[maybe_unused]] pthread_mutex_t* mutex) noexcept {
+#if defined(__SANITIZE_THREAD__)
+  __tsan_mutex_pre_unlock(mutex, 0);
+  __tsan_mutex_post_unlock(mutex, 0);
+#endif
+}
+
+void showOwner([[maybe_unused]] pthread_mutex_t* mutex) noexcept {
+#if defined(__SANITIZE_THREAD__)
+  __tsan_mutex_pre_lock(mutex, 0);
+  __tsan_mutex_post_lock(mutex, 0, 0);
+#endif
 }
 
 }  // namespace
@@ -140,6 +161,7 @@ void RobustMutex::close(bool keep) noexcept {
   --openings_;
   if (keep) {
     keptBy_ = threadToken();
+    hideOwner(&block().mutex);
     // The thread goes on without the mutex's business, so it may be suspended again.
     allowSuspension();
   }
@@ -226,6 +248,7 @@ void RobustMutex::release() noexcept {
 void RobustMutex::giveUpKept() noexcept {
   if (keptBy_ != threadToken()) return;
   keptBy_ = 0;
+  showOwner(&block().mutex);
   unlockAndWake();
 }
 

@@ -1,6 +1,6 @@
 // Any bytes into the XML reader: a result in memory proportional to the input, and a tree that was
-// read and can be written reads back as the same tree. Depth is bounded for the second half only, as
-// the writer indents a blank a level.
+// read and can be written reads back as the same tree. Depth is bounded for the second half only,
+// as the writer indents a blank a level.
 #include <cstdint>
 #include <cstdlib>
 #include <sstream>

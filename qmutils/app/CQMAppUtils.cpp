@@ -125,8 +125,8 @@ QMErrors::QMErrorT CQMAppUtils::MakeFolder(const char* path) {
   QMCString level;
   const QMErrors::QMErrorT result = QMFileUtilsC::MakeFolderLevels(path, level);
   if (result != QMErrors::NoError) {
-    qm::logError("CQMAppUtils::MakeFolder(): ", "Creating directory: ",
-                 static_cast<const char*>(level));
+    qm::logError(
+        "CQMAppUtils::MakeFolder(): ", "Creating directory: ", static_cast<const char*>(level));
   }
   return result;
 }

@@ -24,8 +24,8 @@ class QMUTILS_API CQMAppUtils {
   /// As QMFileUtilsC; every pointer may be null.
   static void SplitPath(const CString& path, CString* drive, CString* dir, CString* name,
                         CString* ext);
-  static void MakePath(CString& path, const CString* drive, const CString* dir,
-                       const CString* name, const CString* ext);
+  static void MakePath(CString& path, const CString* drive, const CString* dir, const CString* name,
+                       const CString* ext);
   /// The name is followed by "_" and the local time as day, month, year, "_", hour, minute, second
   /// ("page_21112006_140307.tif").
   static void MakeTimeStampedPath(CString& path, const CString* drive, const CString* dir,

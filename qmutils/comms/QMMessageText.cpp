@@ -85,7 +85,8 @@ QMErrorT WorkText::loadWide(const char* bytes, std::size_t limit) noexcept {
                                          static_cast<unsigned char>(bytes[1]) << 8);
     if (units[count] == 0) break;
     if (units[count] > kLastAscii) {
-      // It decides the result, and no NUL need lie behind it: a text of the pool ends with one byte.
+      // It decides the result, and no NUL need lie behind it: a text of the pool ends with one
+      // byte.
       units[count + 1] = 0;
       break;
     }

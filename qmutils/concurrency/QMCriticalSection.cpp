@@ -46,8 +46,7 @@ QMErrors::QMErrorT QMDestroyCriticalSection(QMCriticalSectionC** cell) {
   return QMErrors::NoError;
 }
 
-unsigned QMCriticalSectionToString(QMCriticalSectionC** cell, char* buffer,
-                                   unsigned bufferLength) {
+unsigned QMCriticalSectionToString(QMCriticalSectionC** cell, char* buffer, unsigned bufferLength) {
   const qm::PointerText address(cell);
   const std::string_view text = cell != nullptr ? address.view() : "Invalid (NULL pointer).";
   const auto length = static_cast<unsigned>(text.size()) + 1;

@@ -12,8 +12,8 @@ extern "C" {
 /// Makes a section in the caller's cell: 0, or 2001 (the cell then holds null).
 QMErrors::QMErrorT QMInitializeCriticalSectionEx(QMCriticalSectionC** cell, int reportByMessageBox);
 
-/// Makes a cell with a section in it; null when there is no memory for the cell, a cell holding null
-/// when there is none for the section. Ends with QMDestroyCriticalSection().
+/// Makes a cell with a section in it; null when there is no memory for the cell, a cell holding
+/// null when there is none for the section. Ends with QMDestroyCriticalSection().
 QMUTILS_API QMCriticalSectionC** QMCreateCriticalSection(int reportByMessageBox);
 
 /// Enters without kill event; a time-out is reported.
@@ -28,9 +28,9 @@ QMUTILS_API QMErrors::QMErrorT QMDeleteCriticalSection(QMCriticalSectionC** cell
 /// The same, and frees the cell; 0.
 QMUTILS_API QMErrors::QMErrorT QMDestroyCriticalSection(QMCriticalSectionC** cell);
 
-/// The cell's address as text, or "Invalid (NULL pointer).". Copies at most `bufferLength` characters
-/// of it, the terminating NUL included, into `buffer` (may be null). Gives the text's length with
-/// its NUL.
+/// The cell's address as text, or "Invalid (NULL pointer).". Copies at most `bufferLength`
+/// characters of it, the terminating NUL included, into `buffer` (may be null). Gives the text's
+/// length with its NUL.
 QMUTILS_API unsigned QMCriticalSectionToString(QMCriticalSectionC** cell, char* buffer,
                                                unsigned bufferLength);
 }

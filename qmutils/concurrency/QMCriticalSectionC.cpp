@@ -65,9 +65,10 @@ QMCriticalSectionC::QMCriticalSectionC(const QMCriticalSectionC& other)
 
 QMCriticalSectionC::~QMCriticalSectionC() {
   if (GetLockCount() != 0) {
-    ReportError("QMCriticalSectionC::~QMCriticalSectionC(): Critical section being deleted with "
-                "imbalanced lock count: ",
-                *this);
+    ReportError(
+        "QMCriticalSectionC::~QMCriticalSectionC(): Critical section being deleted with "
+        "imbalanced lock count: ",
+        *this);
   }
   closeHandle(m_hSemaphore);
 }
@@ -96,8 +97,8 @@ QMErrors::QMErrorT QMCriticalSectionC::EnterCriticalSection(const char* locker, 
 
   const unsigned count = m_nLockCount.load(std::memory_order_relaxed);
   if (count == kMaximumLocks) {
-    ReportError(kEnter, "locker: ", orUnknown(locker), ", too many attempts to lock, last locked by: ",
-                GetSafeOwnerName());
+    ReportError(kEnter, "locker: ", orUnknown(locker),
+                ", too many attempts to lock, last locked by: ", GetSafeOwnerName());
     return QMErrors::e_CriticalSection_TooManyLocks;
   }
   if (count == 0) {
@@ -148,8 +149,8 @@ QMErrors::QMErrorT QMCriticalSectionC::WaitForSection(const char* locker, void* 
         }
         return QMErrors::e_CriticalSection_TimeOut;
       default:
-        ReportError(kEnter, ", locker: ", orUnknown(locker), ", error waiting on m_hSemaphore:",
-                    QMErrToStr(QMErrors::lastOsError()));
+        ReportError(kEnter, ", locker: ", orUnknown(locker),
+                    ", error waiting on m_hSemaphore:", QMErrToStr(QMErrors::lastOsError()));
         // A wait that fails at once would otherwise keep the processor from the section's owner.
         sleep(1, false);
         break;
@@ -162,8 +163,8 @@ QMErrors::QMErrorT QMCriticalSectionC::LeaveCriticalSection(const char* locker,
                                                             unsigned* lockCountOut,
                                                             unsigned /*tag*/) {
   if (lockCountOut == nullptr) {
-    ReportWarning(kLeave, " - leave attempted with null lock count receiver : ",
-                  GetSafeOwnerName());
+    ReportWarning(kLeave,
+                  " - leave attempted with null lock count receiver : ", GetSafeOwnerName());
   }
   const DWORD self = currentThreadId();
   const DWORD owner = GetOwnerTID();
@@ -177,8 +178,8 @@ QMErrors::QMErrorT QMCriticalSectionC::LeaveCriticalSection(const char* locker,
     return QMErrors::e_CriticalSection_NonOwnerLeave;
   }
   if (count == 0) {
-    ReportError(kLeave, "locker: ", orUnknown(locker), ", too many attempts to unlock, last locked by: ",
-                GetSafeOwnerName());
+    ReportError(kLeave, "locker: ", orUnknown(locker),
+                ", too many attempts to unlock, last locked by: ", GetSafeOwnerName());
     return QMErrors::e_CriticalSection_TooManyUnlocks;
   }
   if (lockCountOut != nullptr) *lockCountOut = count - 1;
@@ -240,18 +241,18 @@ void QMCriticalSectionC::ReportWarning(const Parts&... parts) {
 }
 
 void QMCriticalSectionC::LogError(QMstrstream& message) {
-  deliver(message, m_bReportByMessageBox != 0, "QMCriticalSectionC::LogError(): ",
-          &QMLogStreamC::_LogError);
+  deliver(message, m_bReportByMessageBox != 0,
+          "QMCriticalSectionC::LogError(): ", &QMLogStreamC::_LogError);
 }
 
 void QMCriticalSectionC::LogInfo(QMstrstream& message) {
-  deliver(message, m_bReportByMessageBox != 0, "QMCriticalSectionC::LogInfo(): ",
-          &QMLogStreamC::_LogInfo);
+  deliver(message, m_bReportByMessageBox != 0,
+          "QMCriticalSectionC::LogInfo(): ", &QMLogStreamC::_LogInfo);
 }
 
 void QMCriticalSectionC::LogWarning(QMstrstream& message) {
-  deliver(message, m_bReportByMessageBox != 0, "QMCriticalSectionC::LogWarning(): ",
-          &QMLogStreamC::_LogWarning);
+  deliver(message, m_bReportByMessageBox != 0,
+          "QMCriticalSectionC::LogWarning(): ", &QMLogStreamC::_LogWarning);
 }
 
 namespace {
@@ -330,8 +331,8 @@ QMErrors::QMErrorT QMCriticalSectionC::QMCriticalSectionUserC::RollbackLockCount
     }
     if (m_nFirstLockCount != 0) continue;
     if (count != 0) {
-      m_pSection->ReportError(kRollback, "Critcal Section was not locked but nLockCount is: ",
-                              count);
+      m_pSection->ReportError(kRollback,
+                              "Critcal Section was not locked but nLockCount is: ", count);
     }
     break;
   }

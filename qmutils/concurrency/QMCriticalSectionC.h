@@ -1,5 +1,5 @@
-// A recursive lock that knows who holds it, can give up waiting after a time or when a kill event is
-// signalled, and reports every unbalanced use. The lock of the library's shared objects.
+// A recursive lock that knows who holds it, can give up waiting after a time or when a kill event
+// is signalled, and reports every unbalanced use. The lock of the library's shared objects.
 //
 //   QMCriticalSectionC::QMCriticalSectionUserC user(&section);
 //   if (user.EnterCriticalSection("JobListC::Add(): ", 60000) == QMErrors::NoError) { ... }
@@ -65,8 +65,9 @@ class QMUTILS_API QMCriticalSectionC {
 
   QMErrors::QMErrorT EnterCriticalSection(const char* locker, DWORD timeoutMs, int reportTimeout,
                                           unsigned tag);
-  /// 0; 0x5007 after `timeoutMs`, reported when `reportTimeout` is non-zero; 0x500C when `killEvent`
-  /// (may be null) is signalled while waiting; 0x5009 when the lock count is at its maximum.
+  /// 0; 0x5007 after `timeoutMs`, reported when `reportTimeout` is non-zero; 0x500C when
+  /// `killEvent` (may be null) is signalled while waiting; 0x5009 when the lock count is at its
+  /// maximum.
   QMErrors::QMErrorT EnterCriticalSection(const char* locker, void* killEvent, DWORD timeoutMs,
                                           int reportTimeout, unsigned tag);
   /// 0; 0x5010 for a thread that is not the owner; 0x500A for the last owner of a free section;
@@ -109,8 +110,8 @@ class QMUTILS_API QMCriticalSectionC::QMCriticalSectionUserC {
   QMCriticalSectionUserC& operator=(const QMCriticalSectionUserC&) = default;
   virtual ~QMCriticalSectionUserC() { RollbackLockCount(); }
 
-  /// `locker` names the caller in reports; it is not copied, so it must be a literal or live as long
-  /// as the section. Results as the section's.
+  /// `locker` names the caller in reports; it is not copied, so it must be a literal or live as
+  /// long as the section. Results as the section's.
   QMErrors::QMErrorT EnterCriticalSection(const char* locker, DWORD timeoutMs);
   QMErrors::QMErrorT EnterCriticalSection(const char* locker, void* killEvent, DWORD timeoutMs);
   QMErrors::QMErrorT LeaveCriticalSection(const char* locker);

@@ -1,5 +1,5 @@
-// Asking whether an event is signalled, within a time, with an answer in words. Used to poll the kill
-// and end events of worker threads.
+// Asking whether an event is signalled, within a time, with an answer in words. Used to poll the
+// kill and end events of worker threads.
 //
 // Holds nothing but the handle, which it does not own. Any thread may use any object.
 #pragma once
@@ -21,9 +21,9 @@ class QMUTILS_API QMEventC {
   }
 
   /// Waits up to `timeoutMs` for the handle. False only for a time-out: a wait that fails counts as
-  /// signalled, so that a dead handle ends the caller's polling loop. The wait's result (0 signalled,
-  /// 128 abandoned, 258 time-out, 0xFFFFFFFF failed) is stored through `resultOut`; `report` receives
-  /// one sentence without a line end. Both may be null.
+  /// signalled, so that a dead handle ends the caller's polling loop. The wait's result (0
+  /// signalled, 128 abandoned, 258 time-out, 0xFFFFFFFF failed) is stored through `resultOut`;
+  /// `report` receives one sentence without a line end. Both may be null.
   static bool IsEventSignalled(void* handle, DWORD* resultOut, DWORD timeoutMs,
                                std::ostream* report);
 

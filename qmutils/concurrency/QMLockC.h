@@ -13,15 +13,15 @@ class QMUTILS_API QMLockC {
  public:
   /// Waits without limit, owner "unknown".
   QMLockC() : QMLockC(nullptr, INFINITE) {}
-  /// `owner` is a literal or lives as long as the lock; null stands for "unknown". `timeoutMs` limits
-  /// each lock().
+  /// `owner` is a literal or lives as long as the lock; null stands for "unknown". `timeoutMs`
+  /// limits each lock().
   QMLockC(const char* owner, DWORD timeoutMs);
   QMLockC(const QMLockC&) = delete;
   QMLockC& operator=(const QMLockC&) = delete;
   ~QMLockC();
 
-  /// 0; 2013 "Command timed out" after the wait limit, and also when the former holder's thread ended
-  /// without unlocking (the caller then holds the lock); 2011 without a mutex.
+  /// 0; 2013 "Command timed out" after the wait limit, and also when the former holder's thread
+  /// ended without unlocking (the caller then holds the lock); 2011 without a mutex.
   QMErrors::QMErrorT lock();
   /// 0; 2105 "Failed to release mutex" for a thread that does not hold it; 2011 without a mutex.
   QMErrors::QMErrorT unlock();

@@ -137,8 +137,7 @@ QMCriticalSectionC& QMThreadC::m_PoolCS() {
 }
 
 QMThreadC::QMThreadC(const char* name, QMThreadC* parent, DWORD stopTimeoutMs, int autoDelete)
-    : m_pParent(parent),
-      m_pControl(ControlC::make(name, stopTimeoutMs, autoDelete != 0)) {
+    : m_pParent(parent), m_pControl(ControlC::make(name, stopTimeoutMs, autoDelete != 0)) {
   PoolUser user(m_PoolCS());
   if (user.EnterCriticalSection("QMThreadC::QMThreadC():", kPoolTimeoutMs) != QMErrors::NoError) {
     return;  // reported by the section; the thread works, but stopAll() does not know it
@@ -295,8 +294,7 @@ QMErrors::QMErrorT QMThreadC::ControlC::awaitBegin() const {
     sleep(kStartPollMs, false);
   }
   if (finished) return QMErrors::NoError;
-  qm::logError(kStart, "thread ", name, ", id = 0x", std::hex, threadId.load(),
-               " failed to start");
+  qm::logError(kStart, "thread ", name, ", id = 0x", std::hex, threadId.load(), " failed to start");
   return QMErrors::FailedToStartThread;
 }
 
@@ -394,8 +392,8 @@ void QMThreadC::ControlC::awaitEnd(void* stopped) const {
       return;
     }
     if (step % kStopStepsPerLogLine == 0) {
-      logPlain(kTraceLevel, kStop, "Waiting for thread ", name, " id 0x", std::hex,
-               threadId.load(), " to die...");
+      logPlain(kTraceLevel, kStop, "Waiting for thread ", name, " id 0x", std::hex, threadId.load(),
+               " to die...");
     }
     (void)wait(stopped, kStopStepMs);
   }
@@ -469,8 +467,7 @@ void traceWaiting(const char* label, const QMThreadC& thread, DWORD count, void*
   log.SetMessageLevel(kTraceLevel);
   log._LogInfo();
   log << label << thread.GetSafeThreadName() << ", id=0x" << std::hex << thread.GetThreadID()
-      << std::dec << " waiting on " << count
-      << open;
+      << std::dec << " waiting on " << count << open;
   for (DWORD i = 0; i < count; ++i) {
     log << (i == 0 ? "" : ", ") << qm::PointerText(handles[i]).view();
   }

@@ -1,6 +1,6 @@
-// Worker threads. A subclass overrides run(); the base class starts it on a thread of its own, tells
-// it to end through an end event, and keeps every thread object in one pool, so that stopping a
-// parent stops its children first and stopAll() ends the program's background work.
+// Worker threads. A subclass overrides run(); the base class starts it on a thread of its own,
+// tells it to end through an end event, and keeps every thread object in one pool, so that stopping
+// a parent stops its children first and stopAll() ends the program's background work.
 //
 //   class PollerC : public QMThreadC {
 //    public:
@@ -30,10 +30,10 @@
 
 class QMUTILS_API QMThreadC {
  public:
-  /// Joins the pool; no thread is started. `name` is a literal or lives as long as the object (null:
-  /// "Unknown"); with `autoDelete` it is a literal. `parent` may be null: a top-level thread. `stopTimeoutMs` limits how long stop()
-  /// waits. With `autoDelete` non-zero the object, which must come from new, deletes itself after
-  /// run() returns.
+  /// Joins the pool; no thread is started. `name` is a literal or lives as long as the object
+  /// (null: "Unknown"); with `autoDelete` it is a literal. `parent` may be null: a top-level
+  /// thread. `stopTimeoutMs` limits how long stop() waits. With `autoDelete` non-zero the object,
+  /// which must come from new, deletes itself after run() returns.
   QMThreadC(const char* name, QMThreadC* parent, DWORD stopTimeoutMs, int autoDelete);
   QMThreadC(const QMThreadC&) = delete;
   QMThreadC& operator=(const QMThreadC&) = delete;
@@ -51,15 +51,15 @@ class QMUTILS_API QMThreadC {
   /// Signals the children, stops each of them, then signals this thread, resuming it if it was
   /// suspended, and waits for its end. After the stop time-out it gives up, logs so, and leaves the
   /// thread running. From within the thread itself the request is ignored. Gives the first failure
-  /// of a notification: 1007 "Failed to resume thread", 2011 (never started) or an OS code; 2001 when
-  /// there was no memory to note the children.
+  /// of a notification: 1007 "Failed to resume thread", 2011 (never started) or an OS code; 2001
+  /// when there was no memory to note the children.
   QMErrors::QMErrorT stop();
 
   /// Stops every top-level thread in the order of construction; gives the first failure.
   static QMErrors::QMErrorT stopAll();
 
-  /// Takes the object out of the pool, waits while its thread is stopping, and deletes the object if
-  /// asked. 0 or the pool lock's code.
+  /// Takes the object out of the pool, waits while its thread is stopping, and deletes the object
+  /// if asked. 0 or the pool lock's code.
   QMErrors::QMErrorT RemoveThread(int deleteIt);
 
   /// The first pool member behind `after` (null: from the oldest) whose parent is this object.

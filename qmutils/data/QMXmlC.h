@@ -81,8 +81,8 @@ class QMUTILS_API QMXmlC {
   /// The writer then puts each property on a line of its own.
   void ForceNewlineInOutput() { m_bForceNewline = true; }
 
-  /// Takes a child out of this node and deletes it if asked. Null stands for this node itself, which
-  /// leaves its parent. 2006 when `child` is no child of this node.
+  /// Takes a child out of this node and deletes it if asked. Null stands for this node itself,
+  /// which leaves its parent. 2006 when `child` is no child of this node.
   QMErrors::QMErrorT RemoveChild(QMXmlC* child, int destroy);
 
   /// Writes the tree; each level is indented by one blank more, lines end with CR LF.

@@ -122,9 +122,7 @@ QMErrors::QMErrorT QMXmlC::ToStream(std::ostream& os, unsigned indent) const {
   }
 }
 
-QMErrors::QMErrorT QMXmlC::FromStream(std::istream& is) {
-  return qm::XmlReader(is, *this).read();
-}
+QMErrors::QMErrorT QMXmlC::FromStream(std::istream& is) { return qm::XmlReader(is, *this).read(); }
 
 QMErrors::QMErrorT QMXmlC::Load(const char* file) try {
   const qm::platform::FilePtr in(file != nullptr ? qm::platform::openFile(file, "rb") : nullptr);

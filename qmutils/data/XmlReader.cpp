@@ -30,8 +30,9 @@ XmlReader::XmlReader(std::istream& is, QMXmlC& root)
     : is_(is),
       buffer_(is.rdbuf()),
       root_(root),
-      start_(buffer_ == nullptr ? -1
-                                : std::streamoff(buffer_->pubseekoff(0, std::ios::cur, std::ios::in))) {}
+      start_(buffer_ == nullptr
+                 ? -1
+                 : std::streamoff(buffer_->pubseekoff(0, std::ios::cur, std::ios::in))) {}
 
 QMErrorT XmlReader::read() noexcept {
   QMErrorT result = ErrorBadlyFormedXML;

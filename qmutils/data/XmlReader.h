@@ -50,7 +50,7 @@ class XmlReader {
   std::streambuf* buffer_;
   QMXmlC& root_;
   const std::streamoff start_;  // of the element in the stream; -1 when the stream cannot tell
-  std::string pushedBack_;  // characters looked at ahead, the next one last
+  std::string pushedBack_;      // characters looked at ahead, the next one last
   unsigned long long line_ = 1;
   unsigned long long offset_ = 0;
 };

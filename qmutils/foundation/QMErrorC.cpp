@@ -23,8 +23,8 @@ constinit qm::Immortal<QMErrorC> noError;
 constinit qm::Immortal<QMErrorC> notCreated;
 
 /// Guards the links of all records. m_hMutex alone cannot: after its time-out work goes on without
-/// it, and printing does not take it at all. Held while records are linked, unlinked and printed; no
-/// caller's code runs under it.
+/// it, and printing does not take it at all. Held while records are linked, unlinked and printed;
+/// no caller's code runs under it.
 std::mutex& links() {
   static qm::Immortal<std::mutex> mutex;
   return mutex.value;

@@ -66,8 +66,8 @@ class QMUTILS_API QMLogFileC {
 
  protected:
   /// One or more lines for the header; null when there is nothing to say. Called with the log's
-  /// mutex held, by the thread that writes the first line; the text stays the object's. A class that
-  /// overrides it calls Close() first in its own destructor.
+  /// mutex held, by the thread that writes the first line; the text stays the object's. A class
+  /// that overrides it calls Close() first in its own destructor.
   virtual const char* GetExtraHeaderInfo();
   /// What the destructor does; later calls do nothing.
   void Close();

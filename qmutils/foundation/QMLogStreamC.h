@@ -9,8 +9,8 @@
 // ever finer information) is below the debug level; a line that is not shown costs one comparison
 // per piece. Each thread writes through a stream of its own, so lines are assembled without locks;
 // bringing lines of several threads into order is the output hook's business. A line up to 500
-// characters of texts and whole numbers takes no allocation; when memory runs out the rest of a line is dropped. Numbers in
-// lines never depend on the global locale.
+// characters of texts and whole numbers takes no allocation; when memory runs out the rest of a
+// line is dropped. Numbers in lines never depend on the global locale.
 //
 // The hooks are process-wide and stay until replaced; null never uninstalls one. Programs install
 // them at start-up, normally the static functions of QMLogFileC.

@@ -25,8 +25,7 @@ QMUTILS_API FILETIME ToFileTime(const std::uint64_t& seconds);
 QMUTILS_API FILETIME ToFileTime(const double& seconds);
 /// Where `unsigned long long` is another type than std::uint64_t.
 template <std::same_as<unsigned long long> Seconds>
-  requires(!std::same_as<Seconds, std::uint64_t>)
-FILETIME ToFileTime(const Seconds& seconds) {
+requires(!std::same_as<Seconds, std::uint64_t>) FILETIME ToFileTime(const Seconds& seconds) {
   return ToFileTime(static_cast<std::uint64_t>(seconds));
 }
 

@@ -72,7 +72,8 @@ TEST(CQMAppUtils, MakesFoldersLevelByLevel) {
   qmtest::LogCapture log;
   qmtest::writeFile(folder.file("file"), "");
   EXPECT_NE(CQMAppUtils::MakeFolder((folder.file("file") + "/x/y").c_str()), QMErrors::NoError);
-  EXPECT_TRUE(log.contains(" ERROR: CQMAppUtils::MakeFolder(): Creating directory: ")) << log.text();
+  EXPECT_TRUE(log.contains(" ERROR: CQMAppUtils::MakeFolder(): Creating directory: "))
+      << log.text();
 }
 
 }  // namespace

@@ -16,9 +16,8 @@ namespace fs = std::filesystem;
 const fs::path kRoot = QMUTILS_SOURCE_DIR;
 
 const std::map<std::string, int> kFloors = {
-    {"platform", 1}, {"foundation", 2}, {"windowing", 2}, {"concurrency", 3},
-    {"comms", 3},    {"data", 3},       {"config", 4},    {"transport", 4},
-    {"app", 5},      {"imager", 6},
+    {"platform", 1}, {"foundation", 2}, {"windowing", 2}, {"concurrency", 3}, {"comms", 3},
+    {"data", 3},     {"config", 4},     {"transport", 4}, {"app", 5},         {"imager", 6},
 };
 
 // Folders of one floor do not know each other, with these exceptions.

@@ -4,8 +4,8 @@
 
 #include <climits>
 #include <cstring>
-#include <random>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 

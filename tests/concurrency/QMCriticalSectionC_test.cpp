@@ -69,11 +69,12 @@ TEST(QMCriticalSectionC, CountsEntriesOfItsOwner) {
   EXPECT_EQ(section.GetOwnerTID(), 0u);
   EXPECT_EQ(log.text(), "");
   EXPECT_EQ(user.LeaveCriticalSection("once more"), QMErrors::e_CriticalSection_TooManyUnlocks);
-  EXPECT_EQ(log.text(),
-            " WARNING: QMCriticalSectionC::LeaveCriticalSection():  - leave attempted with zero lock "
-            "count : depth\n"
-            " ERROR: QMCriticalSectionC::LeaveCriticalSection(): locker: once more, too many attempts "
-            "to unlock, last locked by: depth\n");
+  EXPECT_EQ(
+      log.text(),
+      " WARNING: QMCriticalSectionC::LeaveCriticalSection():  - leave attempted with zero lock "
+      "count : depth\n"
+      " ERROR: QMCriticalSectionC::LeaveCriticalSection(): locker: once more, too many attempts "
+      "to unlock, last locked by: depth\n");
 }
 
 TEST(QMCriticalSectionC, OnlyTheOwnerLeaves) {
@@ -85,9 +86,10 @@ TEST(QMCriticalSectionC, OnlyTheOwnerLeaves) {
     EXPECT_EQ(other.LeaveCriticalSection("other"), QMErrors::e_CriticalSection_NonOwnerLeave);
     EXPECT_EQ(section.GetLockCount(), 1u);
     EXPECT_EQ(section.GetOwnerTID(), holder.id());
-    EXPECT_EQ(log.text(),
-              " WARNING: QMCriticalSectionC::LeaveCriticalSection():  - leave attempted by non-owner "
-              ": Holder\n");
+    EXPECT_EQ(
+        log.text(),
+        " WARNING: QMCriticalSectionC::LeaveCriticalSection():  - leave attempted by non-owner "
+        ": Holder\n");
     holder.letGo();
     EXPECT_EQ(other.LeaveCriticalSection("other"), QMErrors::e_CriticalSection_NonOwnerLeave)
         << "the last owner was another thread";
@@ -202,10 +204,11 @@ TEST(QMCriticalSectionC, DestructionOfAHeldSectionIsReportedWithItsState) {
   EXPECT_NE(state.find(", m_nLockCount = 2, m_pOwnerName = leaver, }255"), std::string::npos)
       << state;
   state.resize(state.size() - 3);
-  EXPECT_EQ(log.text(),
-            " ERROR: QMCriticalSectionC::~QMCriticalSectionC(): Critical section being deleted with "
-            "imbalanced lock count: " +
-                state + "\n");
+  EXPECT_EQ(
+      log.text(),
+      " ERROR: QMCriticalSectionC::~QMCriticalSectionC(): Critical section being deleted with "
+      "imbalanced lock count: " +
+          state + "\n");
 }
 
 TEST(QMCriticalSectionC, HandlesForCodeWithoutClasses) {
@@ -248,11 +251,12 @@ TEST(QMCriticalSectionC, ReportsThroughMessageBoxesWhenAskedTo) {
   EXPECT_EQ(QMLeaveCriticalSectionEx(cell, "c", 1), QMErrors::e_CriticalSection_NonOwnerLeave);
   QMDestroyCriticalSection(cell);
   qm::platform::setPromptHook(former);
-  EXPECT_EQ(boxes,
-            "QMCriticalSectionC::LogWarning(): |QMCriticalSectionC::LeaveCriticalSection():  - leave "
-            "attempted with zero lock count : unknown|8192\n"
-            "QMCriticalSectionC::LogWarning(): |QMCriticalSectionC::LeaveCriticalSection():  - leave "
-            "attempted by non-owner : unknown|8192\n");
+  EXPECT_EQ(
+      boxes,
+      "QMCriticalSectionC::LogWarning(): |QMCriticalSectionC::LeaveCriticalSection():  - leave "
+      "attempted with zero lock count : unknown|8192\n"
+      "QMCriticalSectionC::LogWarning(): |QMCriticalSectionC::LeaveCriticalSection():  - leave "
+      "attempted by non-owner : unknown|8192\n");
   EXPECT_EQ(log.text(), "");
 }
 

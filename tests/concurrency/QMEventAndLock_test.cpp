@@ -56,9 +56,10 @@ TEST(QMLockC, IsRecursiveAndLogsItsFailuresUnderItsOwner) {
   EXPECT_EQ(lock.lock(), QMErrors::NoError);
   std::thread([&] {
     EXPECT_EQ(lock.unlock(), QMErrors::FailedToReleaseMutex);
-    EXPECT_EQ(log.text(),
-              " ERROR: QMLockC::unlock(): owner: Spooler releasing mutexError: 288 (0x120) The mutex "
-              "is not owned by the caller.\n");
+    EXPECT_EQ(
+        log.text(),
+        " ERROR: QMLockC::unlock(): owner: Spooler releasing mutexError: 288 (0x120) The mutex "
+        "is not owned by the caller.\n");
     log.clear();
     EXPECT_EQ(lock.lock(), QMErrors::CommandTimedOut);
     EXPECT_EQ(log.text(), " ERROR: QMLockC::lock(): owner: Spooler waiting for mutexNo Error: 0\n");

@@ -85,8 +85,9 @@ TEST(QMThreadC, StartsStopsAndStartsAgain) {
     awaitTrue([&] { return seenId != 0; });
     EXPECT_EQ(seenId, thread.GetThreadID());
     EXPECT_EQ(seenHandle, thread.GetThread()) << "the body must find its own handle";
-    const std::string expected = " INFO: QMThreadC::start(): _beginthreadex() succeeded for Thread: "
-                                 "body, id = 0x";
+    const std::string expected =
+        " INFO: QMThreadC::start(): _beginthreadex() succeeded for Thread: "
+        "body, id = 0x";
     EXPECT_EQ(log.text().substr(0, expected.size()), expected);
     EXPECT_EQ(thread.stop(), NoError);
     EXPECT_FALSE(thread.IsAlive());
@@ -177,8 +178,8 @@ TEST(QMThreadC, AChildThatWasNeverStartedIsReportedByItsParentsStop) {
   parent.start();
   EXPECT_EQ(parent.stop(), QMErrors::ResourceAllocationFailed);
   EXPECT_FALSE(parent.IsAlive());
-  EXPECT_TRUE(log.contains(
-      " ERROR: QMThreadC::NotifyEnd(): m_hEndEvent = 0x00000000, invalid handle.\n"));
+  EXPECT_TRUE(
+      log.contains(" ERROR: QMThreadC::NotifyEnd(): m_hEndEvent = 0x00000000, invalid handle.\n"));
 }
 
 TEST(QMThreadC, StopGivesUpOnAThreadThatDoesNotListen) {
@@ -220,7 +221,8 @@ TEST(QMThreadC, AutoDeletedThreadsAreGoneAfterRun) {
   static std::atomic<int> destroyed{0};
   class SelfDeleting : public QMThreadC {
    public:
-    explicit SelfDeleting(bool waits) : QMThreadC("fleeting", nullptr, INFINITE, 1), waits_(waits) {}
+    explicit SelfDeleting(bool waits)
+        : QMThreadC("fleeting", nullptr, INFINITE, 1), waits_(waits) {}
     ~SelfDeleting() override { ++destroyed; }
     QMErrors::QMErrorT run() override {
       while (waits_ && Sleep(1) == 0) {
@@ -277,15 +279,17 @@ TEST(QMThreadC, WaitsAreTracedAtLevelTwenty) {
   void* const event = qm::platform::createEvent(true, true);
   BodyThread thread(untilTold);
   EXPECT_EQ(thread.WaitForMultipleObjects(1, &event, false, 5), WAIT_OBJECT_0);
-  EXPECT_TRUE(log.contains(" INFO: QMThreadC::WaitForMultipleObjects( ANY ): body, id=0x0 waiting on "
-                           "1 objects[0x"));
+  EXPECT_TRUE(
+      log.contains(" INFO: QMThreadC::WaitForMultipleObjects( ANY ): body, id=0x0 waiting on "
+                   "1 objects[0x"));
   EXPECT_TRUE(log.contains("], timeout = 5\n"));
   EXPECT_TRUE(log.contains("id=0x0 returning:  Object 0 was signalled \n"));
   qm::platform::resetEvent(event);
   log.clear();
   EXPECT_EQ(thread.WaitForMultipleObjects(1, &event, true, 1), WAIT_TIMEOUT);
-  EXPECT_TRUE(log.contains(" INFO: QMThreadC::WaitForMultipleObjects( ALL ): body, id=0x0 waiting on "
-                           "1 objects: 0x"));
+  EXPECT_TRUE(
+      log.contains(" INFO: QMThreadC::WaitForMultipleObjects( ALL ): body, id=0x0 waiting on "
+                   "1 objects: 0x"));
   EXPECT_TRUE(log.contains("returning:  Timed out \n"));
   qm::platform::closeHandle(event);
 }
@@ -320,8 +324,9 @@ TEST(QMThreadC, StopResumesASuspendedThread) {
       " ERROR: QMThreadC::SuspendThread(): suspend failed on thread: body Reason: Error: 6 (0x6)"));
   EXPECT_TRUE(log.contains(" ERROR: QMThreadC::ResumeThread(): resume failed on thread: body"));
   EXPECT_EQ(thread.SetThreadPriority(1), 0);
-  EXPECT_TRUE(log.contains(" ERROR: QMThreadC::SetThreadPriority(): SetThreadPriority failed on "
-                           "thread: body, Reason: Error: 6 (0x6)"));
+  EXPECT_TRUE(
+      log.contains(" ERROR: QMThreadC::SetThreadPriority(): SetThreadPriority failed on "
+                   "thread: body, Reason: Error: 6 (0x6)"));
   thread.start();
   EXPECT_EQ(thread.SuspendThread(), 0u);
   EXPECT_EQ(thread.SuspendThread(), 1u);

@@ -1,5 +1,5 @@
-// Uses one piece of every public floor of the installed library, and fails when a header is missing,
-// a name is not exported, or a result is wrong.
+// Uses one piece of every public floor of the installed library, and fails when a header is
+// missing, a name is not exported, or a result is wrong.
 #include <cstdio>
 #include <cstring>
 #include <sstream>

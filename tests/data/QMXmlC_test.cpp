@@ -101,8 +101,7 @@ TEST(QMXmlC, ReadsWhatItIsGiven) {
       {"  <!-- c --><!----> <a></a>", "<a />\r\n"},
       {"< a x=\"1\"/>", "<a x = \"1\"  />\r\n"},
       {"<a x = \" 1 \"\ty\n=\r\"<&>\" >t</a>", "<a x = \"1\" y = \"<&>\" >t</a >\r\n"},
-      {"<a>  one <!-- x --> two <b/> three </a >",
-       "<a>\r\nonetwothree <b />\r\n</a >\r\n"},
+      {"<a>  one <!-- x --> two <b/> three </a >", "<a>\r\nonetwothree <b />\r\n</a >\r\n"},
       {"<a><!-- c --><b>x</b><!-- d --><b></ b></a>", nullptr},
       {"<a><b><c/></b><d/></a>", "<a>\r\n <b>\r\n  <c />\r\n </b >\r\n <d />\r\n</a >\r\n"},
       {"<a><b></b\n></a anything>", "<a>\r\n <b />\r\n</a >\r\n"},
@@ -175,7 +174,8 @@ TEST(QMXmlC, StrictNodesTakeWhiteSpaceBehindTheBracketForAnEmptyName) {
 
 TEST(QMXmlC, FindsByNameAndPath) {
   QMXmlC root(nullptr, 0, nullptr);
-  ASSERT_EQ(readFrom("<r><a><x n=\"1\"/></a><b><x n=\"2\"/><y/></b><x n=\"3\"/></r>", root), NoError);
+  ASSERT_EQ(readFrom("<r><a><x n=\"1\"/></a><b><x n=\"2\"/><y/></b><x n=\"3\"/></r>", root),
+            NoError);
   EXPECT_EQ(root.Find("r", 0, nullptr), &root);
   EXPECT_EQ(root.Find("a", 0, nullptr), nullptr);
   EXPECT_EQ(root.Find(nullptr, 1, nullptr), nullptr);

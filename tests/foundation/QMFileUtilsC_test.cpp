@@ -82,8 +82,9 @@ TEST(QMFileUtilsC, FilesAreHiddenCopiedDatedAndDeleted) {
   EXPECT_TRUE(log.contains(
       " ERROR: QMFileUtilsC::HideFile(): GetFileAttributes() failed, reason: Error: 2 (0x2) "));
   EXPECT_EQ(QMFileUtilsC::HideFile("/proc/self/comm", 1), QMErrors::fromOsError(50));
-  EXPECT_TRUE(log.contains(" ERROR: QMFileUtilsC::HideFile(): unable to make hidden file: "
-                           "/proc/self/comm, reason: Error: 50 (0x32) "))
+  EXPECT_TRUE(
+      log.contains(" ERROR: QMFileUtilsC::HideFile(): unable to make hidden file: "
+                   "/proc/self/comm, reason: Error: 50 (0x32) "))
       << log.text();
   EXPECT_EQ(QMFileUtilsC::GetLastWriteTime(nullptr, first), QMErrors::BadCommandLineArguments);
   EXPECT_EQ(QMFileUtilsC::GetLastWriteTime(b.c_str(), first), QMErrors::UnableToFindFile);

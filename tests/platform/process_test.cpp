@@ -53,8 +53,9 @@ TEST(CommandLine, AnUnquotedProgramIsTriedPrefixByPrefix) {
 }
 
 TEST(Process, EndsWithItsExitCode) {
-  for (const auto& [command, expected] :
-       {std::pair{"/bin/sh -c \"exit 7\"", 7u}, {"true", 0u}, {"/bin/sh -c \"kill -9 $$\"", 137u}}) {
+  for (const auto& [command, expected] : {std::pair{"/bin/sh -c \"exit 7\"", 7u},
+                                          {"true", 0u},
+                                          {"/bin/sh -c \"kill -9 $$\"", 137u}}) {
     ProcessInformation process;
     ASSERT_TRUE(createProcess(command, NORMAL_PRIORITY_CLASS | DETACHED_PROCESS, 2, &process))
         << command << ": " << errorSentence(lastError());

@@ -105,8 +105,8 @@ TEST(Thread, StandsStillWhileItsSuspendCountIsAboveZero) {
 
 TEST(Thread, AWaitSurvivesBeingSuspended) {
   const HANDLE event = createEvent(false, false);
-  const HANDLE thread = startThread(
-      [](void* waitedFor) -> DWORD { return wait(waitedFor, kLong); }, event, nullptr);
+  const HANDLE thread =
+      startThread([](void* waitedFor) -> DWORD { return wait(waitedFor, kLong); }, event, nullptr);
   for (int i = 0; i < 50; ++i) {
     suspendThread(thread);
     resumeThread(thread);
@@ -176,7 +176,8 @@ TEST(Thread, ASuspendedThreadDoesNotTakeAWakeUpAlong) {
     setEvent(p.there);
     return 0;
   };
-  const HANDLE threads[] = {startThread(partner, &pair, nullptr), startThread(setter, &pair, nullptr)};
+  const HANDLE threads[] = {startThread(partner, &pair, nullptr),
+                            startThread(setter, &pair, nullptr)};
   for (int i = 0; i < 300; ++i) {
     ASSERT_EQ(suspendThread(threads[1]), 0u);
     // Whatever the setter has begun reaches its partner, who then waits again.
@@ -216,15 +217,16 @@ struct LateLocal {
 
 TEST(Thread, ItsEndIsSeenBehindEverythingItDoes) {
   std::atomic<bool> done{false};
-  const ThreadEntry entries[] = {[](void* flag) -> DWORD {
-                                   thread_local LateLocal local{static_cast<std::atomic<bool>*>(flag)};
-                                   return local.done->load() ? 1 : 0;
-                                 },
-                                 [](void* flag) -> DWORD {
-                                   thread_local LateLocal local{static_cast<std::atomic<bool>*>(flag)};
-                                   if (local.done->load()) return 1;
-                                   pthread_exit(nullptr);
-                                 }};
+  const ThreadEntry entries[] = {
+      [](void* flag) -> DWORD {
+        thread_local LateLocal local{static_cast<std::atomic<bool>*>(flag)};
+        return local.done->load() ? 1 : 0;
+      },
+      [](void* flag) -> DWORD {
+        thread_local LateLocal local{static_cast<std::atomic<bool>*>(flag)};
+        if (local.done->load()) return 1;
+        pthread_exit(nullptr);
+      }};
   for (const ThreadEntry entry : entries) {
     done = false;
     const HANDLE thread = startThread(entry, &done, nullptr);
@@ -281,13 +283,15 @@ TEST(Thread, AlertableSleepRunsQueuedCalls) {
       },
       ready, nullptr);
   wait(ready, kLong);
-  ASSERT_TRUE(queueAsyncCall(thread, [](void*) { ++calls; }, nullptr));
+  ASSERT_TRUE(queueAsyncCall(
+      thread, [](void*) { ++calls; }, nullptr));
   EXPECT_EQ(wait(thread, kLong), WAIT_OBJECT_0);
   DWORD code = 0;
   threadExitCode(thread, &code);
   EXPECT_EQ(code, WAIT_IO_COMPLETION);
   EXPECT_EQ(calls, 1);
-  EXPECT_FALSE(queueAsyncCall(thread, [](void*) {}, nullptr));
+  EXPECT_FALSE(queueAsyncCall(
+      thread, [](void*) {}, nullptr));
   EXPECT_EQ(sleep(1, true), 0u);
   closeHandle(thread);
   closeHandle(ready);

@@ -19,8 +19,8 @@ struct CommandReading {
   std::string_view rest;
 };
 
-/// All ways, in the order in which they are tried: a quoted program has one; an unquoted one ends at
-/// the first blank, or the second, and so on ("C:\My Dir\tool.exe -x").
+/// All ways, in the order in which they are tried: a quoted program has one; an unquoted one ends
+/// at the first blank, or the second, and so on ("C:\My Dir\tool.exe -x").
 std::vector<CommandReading> readCommand(std::string_view commandLine);
 
 }  // namespace qm::platform::posix

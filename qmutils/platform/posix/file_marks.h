@@ -1,5 +1,6 @@
 // The file attributes that permissions cannot express (hidden, system, archive), stored as the
-// extended attribute user.DOSATTRIB, a hexadecimal number as text ("0x2"). For platform/posix/ only.
+// extended attribute user.DOSATTRIB, a hexadecimal number as text ("0x2"). For platform/posix/
+// only.
 #pragma once
 
 #include "qmutils/platform/types.h"

@@ -29,9 +29,8 @@ void futexWait(const FutexWord& word, std::uint32_t expected, const Deadline& de
   timespec time{static_cast<time_t>(until / kNanosecondsPerSecond),
                 static_cast<long>(until % kNanosecondsPerSecond)};
   const bool limited = driven || !deadline.never();
-  const long result =
-      syscall(SYS_futex, &word, FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected,
-              limited ? &time : nullptr, nullptr, FUTEX_BITSET_MATCH_ANY);
+  const long result = syscall(SYS_futex, &word, FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected,
+                              limited ? &time : nullptr, nullptr, FUTEX_BITSET_MATCH_ANY);
   if (result != 0 && errno == EINTR) {
     // A library call gives an instrumented build the chance to run the handler of a signal that
     // arrived during the raw system call.

@@ -84,7 +84,7 @@ struct Group {
   std::atomic<bool> open{false};
   std::atomic<bool> complete{false};  ///< all parts are open
   std::atomic<int> change{kUnchanging};
-  Wakes pending;                      ///< found since the mutex was acquired; belongs to its owner
+  Wakes pending;  ///< found since the mutex was acquired; belongs to its owner
   Group* next = nullptr;
 
   Group(const SharedObjectNames& names, const SharedSectionKind& kind) noexcept;

@@ -153,8 +153,7 @@ class ChildWatcher {
     const int pidfd = std::exchange(child->pidfd, -1);
     // A process that was just ending when it was told to keeps its own code.
     const bool killed = info.si_code == CLD_KILLED && info.si_status == SIGKILL;
-    const DWORD code =
-        killed ? child->forcedCode.value_or(exitCodeOf(info)) : exitCodeOf(info);
+    const DWORD code = killed ? child->forcedCode.value_or(exitCodeOf(info)) : exitCodeOf(info);
     for (WaitObject* object : {child->mainThread, child->process}) {
       object->exitCode = code;
       signalObject(object, lock, wakes);

@@ -58,7 +58,8 @@ void allowSuspensionSignal() noexcept {
 }
 
 bool signalSuspension(const ThreadRecord& record) noexcept {
-  return syscall(SYS_tgkill, getpid(), static_cast<pid_t>(record.threadId), suspensionSignal()) == 0;
+  return syscall(SYS_tgkill, getpid(), static_cast<pid_t>(record.threadId), suspensionSignal()) ==
+         0;
 }
 
 void parkWhileSuspended(ThreadRecord& record) noexcept {

@@ -1,8 +1,8 @@
 // Suspending a thread: a count, and a real-time signal in whose handler the thread stands still.
 //
 // A thread inside a short piece that holds an internal lock (SuspensionDeferral, the dispatcher)
-// parks only when it leaves the piece; otherwise most suspensions would stop a thread that holds the
-// lock which the suspender needs next.
+// parks only when it leaves the piece; otherwise most suspensions would stop a thread that holds
+// the lock which the suspender needs next.
 #pragma once
 
 #include <cstdint>

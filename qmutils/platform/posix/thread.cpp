@@ -177,8 +177,7 @@ DWORD suspendThread(HANDLE thread) noexcept {
     record = runningThread(thread);
     if (record == nullptr) return kFailed;
     self = record == &currentThread();
-    if ((record->suspension.load(std::memory_order_relaxed) & kCountMask) >=
-        kMaximumSuspendCount) {
+    if ((record->suspension.load(std::memory_order_relaxed) & kCountMask) >= kMaximumSuspendCount) {
       setLastError(ERROR_SIGNAL_REFUSED);
       return kFailed;
     }

@@ -142,8 +142,7 @@ std::uint32_t handleGeneration(HANDLE handle) noexcept {
 WaitObject* locate(HANDLE handle) noexcept {
   const auto low = static_cast<std::uint32_t>(reinterpret_cast<std::uint64_t>(handle));
   const std::uint32_t place = low >> kIndexShift;
-  if ((low & ((1u << kIndexShift) - 1)) != 0 || place == 0 ||
-      place > kChunkCount * kChunkSize) {
+  if ((low & ((1u << kIndexShift) - 1)) != 0 || place == 0 || place > kChunkCount * kChunkSize) {
     return nullptr;
   }
   WaitObject* chunk = chunks[(place - 1) / kChunkSize].load(std::memory_order_acquire);

@@ -84,8 +84,8 @@ struct WaitObject {
   int pins = 0;  ///< waiters, and the running thread or process behind the object
   bool closed = false;
   DWORD exitCode = STILL_ACTIVE;
-  ThreadRecord* thread = nullptr;         ///< while the thread runs
-  std::shared_ptr<void> attachment;       ///< of a process, also a former one
+  ThreadRecord* thread = nullptr;    ///< while the thread runs
+  std::shared_ptr<void> attachment;  ///< of a process, also a former one
   WaitObject* nextFree = nullptr;
 };
 

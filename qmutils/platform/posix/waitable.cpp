@@ -36,9 +36,8 @@ void finishChange(WaitObject* object, DispatcherLock& lock) noexcept {
 /// Sets the value of an object, whether or not it has waiters at this moment.
 void replaceValue(WaitObject* object, DWORD value) noexcept {
   std::uint64_t word = object->word.load(std::memory_order_relaxed);
-  while (!object->word.compare_exchange_weak(word, withValue(word, value),
-                                             std::memory_order_release,
-                                             std::memory_order_relaxed)) {
+  while (!object->word.compare_exchange_weak(
+      word, withValue(word, value), std::memory_order_release, std::memory_order_relaxed)) {
   }
 }
 
@@ -72,8 +71,7 @@ Try tryTakeMutex(WaitObject* object, HANDLE handle, std::uint64_t word) noexcept
     if (valueOf(word) != 0) return Try::NotSignalled;
     if ((word & kWaiters) != 0) return Try::Contended;
     if (object->word.compare_exchange_weak(word, withValue(word & ~kAbandoned, self),
-                                           std::memory_order_acquire,
-                                           std::memory_order_relaxed)) {
+                                           std::memory_order_acquire, std::memory_order_relaxed)) {
       object->recursion = 1;
       addOwned(currentThread(), object);
       return (word & kAbandoned) != 0 ? Try::Abandoned : Try::Taken;
@@ -271,8 +269,7 @@ bool releaseSemaphore(HANDLE semaphore, LONG count, LONG* previous) noexcept {
     }
     // A full semaphore is written back unchanged, for the same reason as an event already set.
     const DWORD value = static_cast<DWORD>(full ? held : held + count);
-    if (object->word.compare_exchange_weak(word, withValue(word, value),
-                                           std::memory_order_release,
+    if (object->word.compare_exchange_weak(word, withValue(word, value), std::memory_order_release,
                                            std::memory_order_relaxed)) {
       if (full) return failWith(ERROR_TOO_MANY_POSTS);
       if (previous != nullptr) *previous = held;
@@ -312,11 +309,17 @@ DWORD waitAnyUntil(const HANDLE* handles, std::size_t count, const Deadline& dea
   bool contended = false;
   for (std::size_t i = 0; i < count && !contended; ++i) {
     switch (tryTake(handles[i])) {
-      case Try::Taken: return WAIT_OBJECT_0 + static_cast<DWORD>(i);
-      case Try::Abandoned: return WAIT_ABANDONED_0 + static_cast<DWORD>(i);
-      case Try::Invalid: return failWait(ERROR_INVALID_HANDLE);
-      case Try::Contended: contended = true; break;
-      case Try::NotSignalled: break;
+      case Try::Taken:
+        return WAIT_OBJECT_0 + static_cast<DWORD>(i);
+      case Try::Abandoned:
+        return WAIT_ABANDONED_0 + static_cast<DWORD>(i);
+      case Try::Invalid:
+        return failWait(ERROR_INVALID_HANDLE);
+      case Try::Contended:
+        contended = true;
+        break;
+      case Try::NotSignalled:
+        break;
     }
   }
   if (!contended && deadline.passed()) return WAIT_TIMEOUT;
@@ -329,13 +332,17 @@ DWORD waitAny(const HANDLE* handles, std::size_t count, DWORD timeoutMs) noexcep
   }
   // The clock is read only when the wait may have to block.
   switch (tryTake(handles[0])) {
-    case Try::Taken: return WAIT_OBJECT_0;
-    case Try::Abandoned: return WAIT_ABANDONED_0;
-    case Try::Invalid: return failWait(ERROR_INVALID_HANDLE);
+    case Try::Taken:
+      return WAIT_OBJECT_0;
+    case Try::Abandoned:
+      return WAIT_ABANDONED_0;
+    case Try::Invalid:
+      return failWait(ERROR_INVALID_HANDLE);
     case Try::NotSignalled:
       if (count == 1 && timeoutMs == 0) return WAIT_TIMEOUT;
       break;
-    case Try::Contended: break;
+    case Try::Contended:
+      break;
   }
   return waitAnyUntil(handles, count, Deadline::after(timeoutMs));
 }

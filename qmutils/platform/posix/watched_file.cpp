@@ -136,9 +136,7 @@ void WatchedAppendFile::close() noexcept { watch_.reset(); }
 
 bool WatchedAppendFile::isOpen() const noexcept { return watch_ != nullptr; }
 
-bool WatchedAppendFile::stillNamed() noexcept {
-  return watch_ != nullptr && watch_->stillNamed();
-}
+bool WatchedAppendFile::stillNamed() noexcept { return watch_ != nullptr && watch_->stillNamed(); }
 
 bool WatchedAppendFile::append(std::string_view text) noexcept {
   if (watch_ == nullptr) return failWith(ERROR_INVALID_HANDLE);

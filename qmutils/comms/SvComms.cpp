@@ -97,6 +97,7 @@ class Connection {
   void repair() noexcept;
   DWORD waitForEvent(TimeLimit& limit) noexcept;
   DWORD lockWhenEventIsSet(TimeLimit& limit) noexcept;
+  QMErrorT unlockAndWaitForRing(std::uint16_t bell, TimeLimit& limit) noexcept;
 
   PoolAppend append(const char* text, std::uint16_t destination) noexcept;
   PoolTake take(std::uint16_t receiver, char* buffer, std::size_t size) noexcept;
@@ -331,6 +332,19 @@ PoolTake Connection::take(std::uint16_t receiver, char* buffer, std::size_t size
   return result;
 }
 
+/// Lets the others in and sleeps until the doorbell rings, or a little; 0: look again.
+QMErrorT Connection::unlockAndWaitForRing(std::uint16_t bell, TimeLimit& limit) noexcept {
+  const DWORD remainingMs = limit.remainingMs();
+  if (remainingMs == 0) {
+    unlock();
+    return QMErrors::CommandTimedOut;
+  }
+  const std::uint32_t expectation = objects_.expectRing(bell);
+  unlock();
+  objects_.waitRing(bell, expectation, remainingMs);
+  return isConnected() ? QMErrors::NoError : QMErrors::CommandAborted;
+}
+
 QMErrorT Connection::send(const char* text, DWORD timeoutMs, std::uint16_t destination) noexcept {
   QMDBprintf(kDetailed, kLogMode, "SvSendMessage: SrcID = %d, DestID = %d, Message = <%s>%s",
              ownId_.load(), destination, text, kLineEnd);
@@ -342,15 +356,8 @@ QMErrorT Connection::send(const char* text, DWORD timeoutMs, std::uint16_t desti
       unlock();
       return QMErrors::NoError;
     }
-    const DWORD remainingMs = limit.remainingMs();
-    if (remainingMs == 0) {
-      unlock();
-      return QMErrors::CommandTimedOut;
-    }
-    const std::uint32_t expectation = objects_.expectRing(kRoomBell);
-    unlock();
-    objects_.waitRing(kRoomBell, expectation, remainingMs);
-    if (!isConnected()) return QMErrors::CommandAborted;
+    const QMErrorT waited = unlockAndWaitForRing(kRoomBell, limit);
+    if (waited != QMErrors::NoError) return waited;
   }
 }
 
@@ -397,15 +404,8 @@ QMErrorT Connection::receive(char* buffer, std::size_t size, DWORD timeoutMs) no
       std::memset(buffer + used, 0, size - used);
       return QMErrors::NoError;
     }
-    const DWORD remainingMs = limit.remainingMs();
-    if (remainingMs == 0) {
-      unlock();
-      return QMErrors::CommandTimedOut;
-    }
-    const std::uint32_t expectation = objects_.expectRing(ownId);
-    unlock();
-    objects_.waitRing(ownId, expectation, remainingMs);
-    if (!isConnected()) return QMErrors::CommandAborted;
+    const QMErrorT waited = unlockAndWaitForRing(ownId, limit);
+    if (waited != QMErrors::NoError) return waited;
   }
 }
 

@@ -128,7 +128,7 @@ QMErrorT CTPImagerUserC::StartExpose(const ICFC::ExposeInfoC& info, std::ostream
     return fileAttributes(path.c_str()) == INVALID_FILE_ATTRIBUTES;
   });
   m_HandedOver.reserve(m_HandedOver.size() + 2);
-  const int value = static_cast<int>(m_nChildID + info.GetJobNumber());
+  const int value = static_cast<int>(m_Start.m_nChildID + info.GetJobNumber());
   if (SendCommand(qm::imager::kCodeExpose, value, files.job.c_str()) != NoError) {
     stack(QMErrors::FailedToSendTransportMessage,
           "Failed sending command to imager for: " + info.GetFile());

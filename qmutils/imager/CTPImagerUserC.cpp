@@ -74,12 +74,7 @@ CTPImagerUserC::CTPImagerUserC(const CTPImagerUserC& other)
 CTPImagerUserC& CTPImagerUserC::operator=(const CTPImagerUserC& other) {
   m_ImagerCommand = other.m_ImagerCommand;
   m_Identity = other.m_Identity;
-  m_First = other.m_First;
-  m_Profile = other.m_Profile;
-  m_nParentID = other.m_nParentID;
-  m_nChildID = other.m_nChildID;
-  m_nDeviceIndex = other.m_nDeviceIndex;
-  m_nPriorityClass = other.m_nPriorityClass;
+  m_Start = other.m_Start;
   return *this;
 }
 
@@ -92,12 +87,7 @@ CTPImagerUserC::~CTPImagerUserC() {
 
 QMErrorT CTPImagerUserC::StartImager(ImagerStartDataC& data) try {
   if (m_hProcess != nullptr) return NoError;
-  m_First = data.m_First;
-  m_Profile = data.m_Profile;
-  m_nParentID = data.m_nParentID;
-  m_nChildID = data.m_nChildID;
-  m_nDeviceIndex = data.m_nDeviceIndex;
-  m_nPriorityClass = data.m_nPriorityClass;
+  m_Start = data;
   QMErrorT result = Launch();
   if (result == NoError) result = StartWorker();
   return result == NoError ? AwaitStarted() : result;
@@ -107,20 +97,20 @@ QMErrorT CTPImagerUserC::StartImager(ImagerStartDataC& data) try {
 
 /// Joins the pool and creates the process.
 QMErrorT CTPImagerUserC::Launch() {
-  const std::string commandLine = m_ImagerCommand + " -pid " + std::to_string(m_nParentID) +
-                                  " -id " + std::to_string(m_nChildID) + " -nip" + " -pr \"" +
-                                  m_Profile + "\"";
+  const std::string commandLine = m_ImagerCommand + " -pid " + std::to_string(m_Start.m_nParentID) +
+                                  " -id " + std::to_string(m_Start.m_nChildID) + " -nip" +
+                                  " -pr \"" + m_Start.m_Profile + "\"";
   qm::logInfo(1, kStartImager, "About to launch process: ", commandLine);
   // A worker that is still there leaves the pool when it ends, so it must go first.
   (void)stop();
-  const QMErrorT joined = SvOpenComms(m_nParentID);
+  const QMErrorT joined = SvOpenComms(m_Start.m_nParentID);
   if (joined != NoError) {
     stack(kStartImager, joined, "SvOpenComms() failed");
     return joined;
   }
   ProcessInformation process;
-  if (!createProcess(commandLine.c_str(), m_nPriorityClass | DETACHED_PROCESS, kShowMinimised,
-                     &process)) {
+  if (!createProcess(commandLine.c_str(), m_Start.m_nPriorityClass | DETACHED_PROCESS,
+                     kShowMinimised, &process)) {
     stack(kStartImager, QMErrors::ErrorUnableToCreateProcess,
           std::string("While creating process: ") + QMErrToStr(QMErrors::lastOsError()));
     LeavePool();
@@ -177,8 +167,8 @@ QMErrorT CTPImagerUserC::AwaitStarted() {
 QMErrorT CTPImagerUserC::GiveUpStarting() {
   qm::logWarning(0, kStartImager, "Signalled to die while waiting for imager to start");
   stack(kStartImager, QMErrors::TheWaitWasForcedToExit, "While waiting for imager to start");
-  const bool joined = SvOpenComms(m_nParentID) == NoError;
-  if (joined) (void)SendCommand(qm::imager::kCodeStop, m_nChildID, "");
+  const bool joined = SvOpenComms(m_Start.m_nParentID) == NoError;
+  if (joined) (void)SendCommand(qm::imager::kCodeStop, m_Start.m_nChildID, "");
   if (wait(m_hProcess, kGiveUpMs) != WAIT_OBJECT_0) KillImager();
   if (joined) LeavePool();
   ReleaseImager();
@@ -318,11 +308,11 @@ QMErrorT CTPImagerUserC::StopImager() try {
 QMErrorT CTPImagerUserC::SendStop(bool* rejoined) {
   // A program that ends stops all its threads first; the worker has then left the pool.
   if (!IsAlive()) {
-    const QMErrorT joined = SvOpenComms(m_nParentID);
+    const QMErrorT joined = SvOpenComms(m_Start.m_nParentID);
     if (joined != NoError) return joined;
     *rejoined = true;
   }
-  return SendCommand(qm::imager::kCodeStop, m_nChildID, "");
+  return SendCommand(qm::imager::kCodeStop, m_Start.m_nChildID, "");
 }
 
 QMErrorT CTPImagerUserC::AwaitImagerEnd() {
@@ -394,14 +384,14 @@ void CTPImagerUserC::ReleaseImager() {
 QMErrorT CTPImagerUserC::SendMessage(const QMErrors::QMMessagePacketT& packet) {
   char text[kMessageSize];
   const QMErrorT rendered = QMCreateMessageFromPacket(packet, text, sizeof text);
-  return rendered == NoError ? SvSendMessage(text, kSendTimeoutMs, m_nChildID) : rendered;
+  return rendered == NoError ? SvSendMessage(text, kSendTimeoutMs, m_Start.m_nChildID) : rendered;
 }
 
 QMErrorT CTPImagerUserC::SendCommand(int code, int value, const char* text) {
   QMErrors::QMMessagePacketT packet;
   packet.nType = qm::imager::kTypeCommand;
   packet.nCode = code;
-  packet.nID = m_nParentID;
+  packet.nID = m_Start.m_nParentID;
   packet.nVal = value;
   packet.pString = const_cast<char*>(text);
   return SendMessage(packet);
@@ -411,7 +401,7 @@ QMErrorT CTPImagerUserC::ReplyWhoAmI(const char* identity) {
   QMErrors::QMMessagePacketT packet;
   packet.nType = qm::imager::kTypeReply;
   packet.nCode = qm::imager::kCodeWhoAmI;
-  packet.nID = m_nParentID;
+  packet.nID = m_Start.m_nParentID;
   packet.pString = const_cast<char*>(identity);
   return SendMessage(packet);
 }
@@ -422,12 +412,12 @@ QMErrorT CTPImagerUserC::ReplyCopyInfo(unsigned a, unsigned b, unsigned c) {
   QMErrors::QMMessagePacketT packet;
   packet.nType = qm::imager::kTypeReply;
   packet.nCode = qm::imager::kCodeCopyInfo;
-  packet.nID = m_nParentID;
-  packet.nVal = static_cast<int>(m_nChildID + c);
+  packet.nID = m_Start.m_nParentID;
+  packet.nVal = static_cast<int>(m_Start.m_nChildID + c);
   packet.pString = text;
   return SendMessage(packet);
 }
 
 QMErrorT CTPImagerUserC::SaveImageControl(const char* path, const ICFC::ExposeInfoC& info) const {
-  return ICFC(m_Profile.c_str()).Save(path, info);
+  return ICFC(m_Start.m_Profile.c_str()).Save(path, info);
 }

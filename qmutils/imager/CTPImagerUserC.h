@@ -87,9 +87,9 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   QMErrors::QMErrorT StartExpose(const ICFC::ExposeInfoC& info, std::ostream& jobOut,
                                  std::ostream& icfOut);
 
-  unsigned short GetCommsParentID() const { return m_nParentID; }
-  unsigned short GetChildCommsID() const { return m_nChildID; }
-  unsigned GetDeviceIndex() const { return m_nDeviceIndex; }
+  unsigned short GetCommsParentID() const { return m_Start.m_nParentID; }
+  unsigned short GetChildCommsID() const { return m_Start.m_nChildID; }
+  unsigned GetDeviceIndex() const { return m_Start.m_nDeviceIndex; }
   /// True from the death of an imager until the next start.
   bool HasImagerDied() const { return m_bImagerDied; }
 
@@ -131,12 +131,7 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
 
   std::string m_ImagerCommand;
   std::string m_Identity;
-  std::string m_First;
-  std::string m_Profile;
-  unsigned short m_nParentID = 0;
-  unsigned short m_nChildID = 0;
-  unsigned m_nDeviceIndex = 0;
-  unsigned m_nPriorityClass = NORMAL_PRIORITY_CLASS;
+  ImagerStartDataC m_Start{"", "", 0, 0, 0};
   std::atomic<bool> m_bStoppingImager{false};
   std::atomic<bool> m_bImagerStarted{false};
   std::atomic<bool> m_bImagerDied{false};

@@ -159,6 +159,28 @@ DWORD blockingWait(const HANDLE* handles, std::size_t count, bool all,
   return block.result;
 }
 
+/// Sets the event (1) or resets it (0).
+bool changeEvent(HANDLE event, DWORD value) noexcept {
+  WaitObject* object = locate(event);
+  if (object == nullptr) return failWith(ERROR_INVALID_HANDLE);
+  std::uint64_t word = object->word.load(std::memory_order_relaxed);
+  for (;;) {
+    if (!names(event, word) || !isEvent(kindOf(word))) return failWith(ERROR_INVALID_HANDLE);
+    if ((word & kWaiters) != 0) {
+      return changeUnderLock(event, [value](WaitObject* target) {
+        replaceValue(target, value);
+        return true;
+      });
+    }
+    // Written even when the event has the value already: a waiter that is just about to mark the
+    // word must not be missed.
+    if (object->word.compare_exchange_weak(word, withValue(word, value), std::memory_order_acq_rel,
+                                           std::memory_order_relaxed)) {
+      return true;
+    }
+  }
+}
+
 }  // namespace
 
 HANDLE createEvent(bool manualReset, bool initiallySet) noexcept {
@@ -183,45 +205,9 @@ HANDLE createSemaphore(LONG initial, LONG maximum) noexcept {
   return handle;
 }
 
-bool setEvent(HANDLE event) noexcept {
-  WaitObject* object = locate(event);
-  if (object == nullptr) return failWith(ERROR_INVALID_HANDLE);
-  std::uint64_t word = object->word.load(std::memory_order_relaxed);
-  for (;;) {
-    if (!names(event, word) || !isEvent(kindOf(word))) return failWith(ERROR_INVALID_HANDLE);
-    if ((word & kWaiters) != 0) {
-      return changeUnderLock(event, [](WaitObject* target) {
-        replaceValue(target, 1);
-        return true;
-      });
-    }
-    // Written even when the event is set already: a waiter that is just about to mark the word must
-    // not be missed.
-    if (object->word.compare_exchange_weak(word, withValue(word, 1), std::memory_order_release,
-                                           std::memory_order_relaxed)) {
-      return true;
-    }
-  }
-}
+bool setEvent(HANDLE event) noexcept { return changeEvent(event, 1); }
 
-bool resetEvent(HANDLE event) noexcept {
-  WaitObject* object = locate(event);
-  if (object == nullptr) return failWith(ERROR_INVALID_HANDLE);
-  std::uint64_t word = object->word.load(std::memory_order_relaxed);
-  for (;;) {
-    if (!names(event, word) || !isEvent(kindOf(word))) return failWith(ERROR_INVALID_HANDLE);
-    if ((word & kWaiters) != 0) {
-      return changeUnderLock(event, [](WaitObject* target) {
-        replaceValue(target, 0);
-        return true;
-      });
-    }
-    if (object->word.compare_exchange_weak(word, withValue(word, 0), std::memory_order_acq_rel,
-                                           std::memory_order_relaxed)) {
-      return true;
-    }
-  }
-}
+bool resetEvent(HANDLE event) noexcept { return changeEvent(event, 0); }
 
 bool releaseMutex(HANDLE mutex) noexcept {
   WaitObject* object = locate(mutex);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csetjmp>
+#include <cmath>
 #include <cstdio>
 
 #include "qmutils/platform/file.h"
@@ -18,7 +19,7 @@ constexpr png_color kBurntColour = {0x1B, 0x2A, 0x41};
 constexpr unsigned kPreviewSide = 1200;  // pixels, the longer side
 
 std::uint8_t mixed(std::uint8_t plate, std::uint8_t burnt, double share) {
-  return static_cast<std::uint8_t>(plate + (burnt - plate) * share + 0.5);
+  return static_cast<std::uint8_t>(std::lround(plate + (burnt - plate) * share));
 }
 
 }  // namespace
@@ -85,7 +86,7 @@ class PlatePicture::Png {
       const png_color palette[] = {kPlateColour, kBurntColour};
       png_set_PLTE(png_, info_, palette, 2);
     }
-    const auto perMetre = static_cast<png_uint_32>(resolutionDpi / 0.0254 + 0.5);
+    const auto perMetre = static_cast<png_uint_32>(std::lround(resolutionDpi / 0.0254));
     png_set_pHYs(png_, info_, perMetre, perMetre, PNG_RESOLUTION_METER);
     png_write_info(png_, info_);
     return true;

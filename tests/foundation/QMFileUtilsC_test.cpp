@@ -9,15 +9,9 @@
 namespace {
 
 TEST(QMFileUtilsC, PathsComeApartAndTogether) {
-  struct Case {
-    const char* path;
-    const char* drive;
-    const char* dir;
-    const char* name;
-    const char* ext;
-    const char* made;
-  };
-  const Case cases[] = {
+  const struct {
+    const char *path, *drive, *dir, *name, *ext, *made;
+  } cases[] = {
       {"C:\\data\\plate.tif", "C", "\\data", "plate", "tif", "C:\\data\\plate.tif"},
       {"plate", "", "", "plate", "", "plate"},
       {"/jobs/night.shift/page.1.tif", "", "/jobs/night.shift", "page.1", "tif",
@@ -27,11 +21,8 @@ TEST(QMFileUtilsC, PathsComeApartAndTogether) {
       {".profile", "", "", "", "profile", ".profile"},
       {"", "", "", "", "", ""},
   };
-  for (const Case& one : cases) {
-    QMCString drive("?");
-    QMCString dir("?");
-    QMCString name("?");
-    QMCString ext("?");
+  for (const auto& one : cases) {
+    QMCString drive("?"), dir("?"), name("?"), ext("?");
     const QMCString path(one.path);
     QMFileUtilsC::SplitPath(path, &drive, &dir, &name, &ext);
     EXPECT_EQ(drive, one.drive) << one.path;
@@ -51,13 +42,11 @@ TEST(QMFileUtilsC, PathsComeApartAndTogether) {
 TEST(QMFileUtilsC, FilesAreHiddenCopiedDatedAndDeleted) {
   qmtest::LogCapture log;
   qmtest::TempFolder folder;
-  const std::string a = folder.file("a");
-  const std::string b = folder.file("b");
+  const std::string a = folder.file("a"), b = folder.file("b");
   qmtest::writeFile(a, "content");
   EXPECT_NE(QMFileUtilsC::CopyFileA(a.c_str(), b.c_str(), 1), 0);
   EXPECT_EQ(qmtest::readFile(b), "content");
-  FILETIME first{};
-  FILETIME second{};
+  FILETIME first{}, second{};
   EXPECT_EQ(QMFileUtilsC::GetLastWriteTime(a.c_str(), first), QMErrors::NoError);
   EXPECT_EQ(QMFileUtilsC::GetLastWriteTime(b.c_str(), second), QMErrors::NoError);
   EXPECT_EQ(first.dwHighDateTime, second.dwHighDateTime);

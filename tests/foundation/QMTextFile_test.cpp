@@ -15,15 +15,26 @@ namespace {
 using qm::platform::FilePtr;
 using qmtest::readFile;
 using qmtest::writeFile;
+using namespace std::string_literals;
 
 class TextFile : public testing::Test {
  protected:
-  FilePtr open(const char* mode, int* unicode) {
-    return FilePtr(FOpen(path_.c_str(), mode, unicode));
+  FilePtr open(const char* mode, int unicode = 0) {
+    unicode_ = unicode;
+    return FilePtr(FOpen(path_.c_str(), mode, &unicode_));
+  }
+
+  /// A line as it is read into a buffer of `size` bytes; "<none>" at the end.
+  static std::string gets(const FilePtr& file, int unicode, int size) {
+    std::string line(64, 'x');
+    if (FGets(line.data(), size, file.get(), unicode) != line.data()) return "<none>";
+    EXPECT_EQ(line.find_first_not_of('x', static_cast<std::size_t>(size)), line.npos);
+    return line.c_str();
   }
 
   qmtest::TempFolder folder_;
   std::string path_ = folder_.file("text.txt");
+  int unicode_ = 0;
 };
 
 TEST_F(TextFile, MarksAreReadAndWritten) {
@@ -31,23 +42,17 @@ TEST_F(TextFile, MarksAreReadAndWritten) {
     std::string content;
     int kind, unicode;
     long position;
-  } kCases[] = {{std::string("\xFF\xFE"
-                             "a\0",
-                             4),
-                 1, 1, 2},
-                {"\xFE\xFF"
-                 "ab",
-                 -1, 0, 2},
+  } kCases[] = {{"\xFF\xFE\x61\0"s, 1, 1, 2},
+                {"\xFE\xFF\x61\x62", -1, 0, 2},
                 {"abcd", 0, 0, 0},
                 {"\xFF", 0, 0, 0},
                 {"", 0, 0, 0}};
   for (const auto& c : kCases) {
     for (const char* mode : {"r", "rb", "r+", "a"}) {
       writeFile(path_, c.content);
-      int unicode = 7;
-      const FilePtr file = open(mode, &unicode);
+      const FilePtr file = open(mode, 7);
       ASSERT_NE(file, nullptr);
-      EXPECT_EQ(unicode, c.unicode) << mode;
+      EXPECT_EQ(unicode_, c.unicode) << mode;
       if (*mode == 'a') {
         std::fputs("end", file.get());
         std::fflush(file.get());
@@ -60,71 +65,52 @@ TEST_F(TextFile, MarksAreReadAndWritten) {
     }
   }
   for (int unicode : {0, 1}) {
-    open("w", &unicode).reset();
+    open("w", unicode).reset();
     EXPECT_EQ(readFile(path_), unicode == 1 ? "\xFF\xFE" : "");
   }
-  open("w", nullptr).reset();
+  FilePtr(FOpen(path_.c_str(), "w", nullptr)).reset();
   EXPECT_EQ(readFile(path_), "");
-  EXPECT_NE(open("r", nullptr), nullptr);
-  int unicode = 0;
-  EXPECT_EQ(FOpen((folder_.path() + "\\none.txt").c_str(), "r", &unicode), nullptr);
+  EXPECT_NE(FilePtr(FOpen(path_.c_str(), "r", nullptr)), nullptr);
   EXPECT_EQ(FileIsUnicode(nullptr), 0);
   path_ = folder_.path() + "\\text.txt";
-  EXPECT_NE(open("r", &unicode), nullptr) << "both separators open a file";
+  EXPECT_NE(open("r"), nullptr) << "both separators open a file";
+  path_ += "none";
+  EXPECT_EQ(open("r"), nullptr);
 }
 
 TEST_F(TextFile, SingleByteLinesLoseTheirEnds) {
   writeFile(path_, "one\ntwo\r\n\nlonger than the buffer\nlast");
-  int unicode = 0;
-  const FilePtr file = open("r", &unicode);
-  char line[8];
-  for (const char* expected : {"one", "two", "", "longer ", "than th", "e buffe", "r", "last"}) {
-    ASSERT_EQ(FGets(line, sizeof line, file.get(), 0), line);
-    EXPECT_STREQ(line, expected);
+  const FilePtr file = open("r");
+  for (const char* expected :
+       {"one", "two", "", "longer ", "than th", "e buffe", "r", "last", "<none>"}) {
+    EXPECT_EQ(gets(file, 0, 8), expected);
   }
-  EXPECT_EQ(FGets(line, sizeof line, file.get(), 0), nullptr);
+  char line[8];
   EXPECT_EQ(FGets(line, sizeof line, nullptr, 0), nullptr);
   EXPECT_EQ(FGets(line, 0, file.get(), 0), nullptr);
 }
 
 TEST_F(TextFile, UnicodeLinesAreReadByBytes) {
-  // "Pé" LF "AB" LF in 16-bit units.
-  writeFile(path_, std::string("\xFF\xFE"
-                               "P\0\xE9\0\n\0A\0B\0\n\0",
-                               14));
-  int unicode = 0;
-  const FilePtr file = open("r", &unicode);
-  char line[64];
-  ASSERT_EQ(FGets(line, sizeof line, file.get(), unicode), line);
-  EXPECT_STREQ(line, "P\xC3\xA9");
-  // The next read starts inside the line feed: each byte pairs with its neighbour. Callers skip
-  // one byte first.
-  EXPECT_EQ(std::fgetc(file.get()), 0);
-  ASSERT_EQ(FGets(line, sizeof line, file.get(), unicode), line);
-  EXPECT_STREQ(line, "AB");
-  EXPECT_EQ(std::fgetc(file.get()), 0);
-  EXPECT_EQ(FGets(line, sizeof line, file.get(), unicode), nullptr);
+  writeFile(path_, "\xFF\xFEP\0\xE9\0\n\0A\0B\0\n\0"s);
+  const FilePtr file = open("r");
+  // Each read but the first starts inside the line feed before: each byte pairs with its neighbour.
+  // Callers skip one byte first.
+  for (const char* expected : {"P\xC3\xA9", "AB"}) {
+    EXPECT_EQ(gets(file, unicode_, 64), expected);
+    EXPECT_EQ(std::fgetc(file.get()), 0);
+  }
+  EXPECT_EQ(gets(file, unicode_, 64), "<none>");
 
   // A unit whose low byte is 0x0A ends a read too, and half a unit counts with a zero.
-  writeFile(path_, std::string("\xFF\xFE"
-                               "A\0\x0A\x01"
-                               "B\0",
-                               8));
-  const FilePtr again = open("r", &unicode);
-  ASSERT_EQ(FGets(line, sizeof line, again.get(), 1), line);
-  EXPECT_STREQ(line, "A");
+  writeFile(path_, "\xFF\xFE\x41\0\x0A\x01\x42\0"s);
+  EXPECT_EQ(gets(open("r"), 1, 64), "A");
 
   // Never more than `size` bytes, never half a character.
   std::string wide = "\xFF\xFE";
   for (int i = 0; i < 40; ++i) wide += "\x2D\x4E";
   writeFile(path_, wide);
   for (int size = 1; size < 20; ++size) {
-    const FilePtr file2 = open("r", &unicode);
-    char small[24];
-    std::memset(small, 'x', sizeof small);
-    ASSERT_EQ(FGets(small, size, file2.get(), 1), small);
-    EXPECT_LT(std::strlen(small), static_cast<std::size_t>(size));
-    EXPECT_EQ(small[size], 'x');
+    EXPECT_LT(gets(open("r"), 1, size).size(), static_cast<std::size_t>(size));
   }
 }
 
@@ -139,8 +125,7 @@ TEST_F(TextFile, PrintingInterpretsSingleByteTextTwice) {
                                                         {"", ""}};
   for (const auto& [argument, written] : kTexts) {
     {
-      int unicode = 0;
-      const FilePtr file = open("w", &unicode);
+      const FilePtr file = open("w");
       EXPECT_EQ(FPrint(file.get(), 0, 64, "%s\n", argument.c_str()),
                 static_cast<int>(written.size()) + 1);
     }
@@ -149,8 +134,7 @@ TEST_F(TextFile, PrintingInterpretsSingleByteTextTwice) {
 }
 
 TEST_F(TextFile, PrintingIsBoundedAndReportsFailure) {
-  int unicode = 0;
-  FilePtr file = open("w", &unicode);
+  FilePtr file = open("w");
   EXPECT_EQ(FPrint(file.get(), 0, 5, "%s", "123456789"), 4);
   EXPECT_EQ(FPrint(file.get(), 1, 5, "%s", "a\xC3\xA9\xE9"), 3) << "a, é, and a byte on its own";
   EXPECT_EQ(FPrint(file.get(), 1, 16, "%s\n", "\xF0\x9F\x98\x80%%"), 5);
@@ -161,11 +145,8 @@ TEST_F(TextFile, PrintingIsBoundedAndReportsFailure) {
     EXPECT_EQ(FPrint(file.get(), 1, 16, "%s", "x"), -1);
   }
   file.reset();
-  EXPECT_EQ(readFile(path_), std::string("1234"
-                                         "a\0\xE9\0\xE9\0"
-                                         "\x3D\xD8\x00\xDE%\0%\0\n\0",
-                                         20));
-  const FilePtr full(FOpen("/dev/full", "w", &unicode));
+  EXPECT_EQ(readFile(path_), "1234\x61\0\xE9\0\xE9\0\x3D\xD8\x00\xDE%\0%\0\n\0"s);
+  const FilePtr full(FOpen("/dev/full", "w", nullptr));
   std::setvbuf(full.get(), nullptr, _IONBF, 0);
   EXPECT_LT(FPrint(full.get(), 0, 16, "lost"), 0);
   EXPECT_EQ(FPrint(full.get(), 1, 16, "lost"), 0);
@@ -195,8 +176,7 @@ TEST(UiStrStr, FindsWithoutRegardToCase) {
   const char* text = "Hello World";
   EXPECT_EQ(UiStrStr(text, "WORLD"), text + 6);
   EXPECT_EQ(UiStrStr(text, "l"), text + 2);
-  EXPECT_EQ(UiStrStr("aab", "AB") != nullptr, true)
-      << "a start that fails is given up at its place";
+  EXPECT_NE(UiStrStr("aab", "AB"), nullptr) << "a start that fails is given up at its place";
   for (const char* missing : {"worlds", "x", "", "Hello World!"}) {
     EXPECT_EQ(UiStrStr(text, missing), nullptr) << missing;
   }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -12,6 +11,7 @@
 #include "qmutils/foundation/RealSecondsC.h"
 #include "qmutils/platform/clock.h"
 #include "tests/support/FakeClock.h"
+#include "tests/support/TimeZone.h"
 
 namespace {
 
@@ -42,24 +42,20 @@ TEST(QMTime, ConvertsSecondsAndTicks) {
   EXPECT_EQ(ticks(1e300), std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(ticks(-INFINITY), std::numeric_limits<std::int64_t>::min());
   EXPECT_EQ(ticks(NAN), 0);
-  EXPECT_TRUE(IsZero({0, 0}));
-  EXPECT_FALSE(IsZero({0, 1}));
-  EXPECT_FALSE(IsZero({1, 0}));
+  EXPECT_TRUE(IsZero({0, 0}) && !IsZero({0, 1}) && !IsZero({1, 0}));
 }
 
-TEST(QMTime, ConvertsDates) {
+TEST(QMTime, ConvertsAndPrintsDates) {
+  const char* const text = "Mon Nov 06 14:03:07.000 2006";
   const SYSTEMTIME time = ToSystemTime(std::uint64_t{12807295387});
-  EXPECT_EQ(printed(time), "Mon Nov 06 14:03:07.000 2006");
+  EXPECT_EQ(printed(time), text);
   EXPECT_EQ(ToSeconds(time), 12807295387u);
   EXPECT_EQ(ToSystemTime(~std::uint64_t{0} / 10'000'000).wYear, 0) << "out of range";
   EXPECT_EQ(ToSeconds(SYSTEMTIME{2006, 2, 0, 30, 0, 0, 0, 0}), 0u) << "no such day";
   std::tm tm{};
   tm.tm_year = 106, tm.tm_mon = 10, tm.tm_mday = 6, tm.tm_wday = 1;
   tm.tm_hour = 14, tm.tm_min = 3, tm.tm_sec = 7;
-  EXPECT_EQ(printed(ToSystemTime(tm)), "Mon Nov 06 14:03:07.000 2006");
-}
-
-TEST(QMTime, Prints) {
+  EXPECT_EQ(printed(ToSystemTime(tm)), text);
   EXPECT_EQ(printed(SYSTEMTIME{2006, 0, 7, 6, 1, 2, 3, 4}), "??? ??? 06 01:02:03.004 2006");
   EXPECT_EQ(printed(SYSTEMTIME{1601, 13, 0, 1, 0, 0, 0, 0}), "Sun ??? 01 00:00:00.000 1601");
   EXPECT_EQ(printed(FILETIME{0, 0}), "Mon Jan 01 00:00:00.000 1601");
@@ -68,21 +64,16 @@ TEST(QMTime, Prints) {
 
 TEST(QMTime, SplitsDurations) {
   unsigned days, hours, minutes, seconds, ms;
-  const struct {
-    double seconds;
-    unsigned parts[5];
-  } kCases[] = {{90061.5, {1, 1, 1, 1, 500}},
-                {86399.999, {0, 23, 59, 59, 999}},
-                {0.0, {0, 0, 0, 0, 0}},
-                {-5.5, {0, 0, 0, 0, 0}},
-                {NAN, {0, 0, 0, 0, 0}}};
-  for (const auto& c : kCases) {
-    Split(c.seconds, days, hours, minutes, seconds, ms);
-    EXPECT_EQ(days, c.parts[0]) << c.seconds;
-    EXPECT_EQ(hours, c.parts[1]) << c.seconds;
-    EXPECT_EQ(minutes, c.parts[2]) << c.seconds;
-    EXPECT_EQ(seconds, c.parts[3]) << c.seconds;
-    EXPECT_NEAR(ms, c.parts[4], 1) << c.seconds;
+  const std::pair<double, const char*> kCases[] = {{90061.5, "1 1:1:1.500"},
+                                                   {86399.875, "0 23:59:59.875"},
+                                                   {0.0, "0 0:0:0.0"},
+                                                   {-5.5, "0 0:0:0.0"},
+                                                   {NAN, "0 0:0:0.0"}};
+  for (const auto& [duration, expected] : kCases) {
+    Split(duration, days, hours, minutes, seconds, ms);
+    std::ostringstream os;
+    os << days << ' ' << hours << ':' << minutes << ':' << seconds << '.' << ms;
+    EXPECT_EQ(os.str(), expected);
   }
   Split(90061.5, hours, minutes, seconds, ms);
   EXPECT_EQ(hours, 1u);
@@ -92,14 +83,7 @@ TEST(QMTime, SplitsDurations) {
 
 class TimeNow : public testing::Test {
  protected:
-  TimeNow() {
-    setenv("TZ", "CET-1", 1);
-    tzset();
-  }
-  ~TimeNow() override {
-    unsetenv("TZ");
-    tzset();
-  }
+  qmtest::TimeZone zone_{"CET-1"};
   qmtest::FakeClock clock_;
 };
 

@@ -1,21 +1,37 @@
 #include "qmutils/platform/process.h"
 
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/command_line.h"
-#include "qmutils/platform/waitable.h"
+#include "tests/platform/Handles.h"
 #include "tests/support/TempFolder.h"
 
 namespace qm::platform {
 namespace {
 
-constexpr DWORD kLong = 30000;
+class Process : public Handles {
+ protected:
+  HANDLE start(const std::string& command, DWORD flags = NORMAL_PRIORITY_CLASS) {
+    ProcessInformation started;
+    EXPECT_TRUE(createProcess(command.c_str(), flags, 1, &started))
+        << command << ": " << errorSentence(lastError());
+    mainThread_ = keep(started.mainThread);
+    return keep(started.process);
+  }
+  static DWORD exitCodeOf(HANDLE process) {
+    EXPECT_EQ(wait(process, kLong), WAIT_OBJECT_0);
+    DWORD code = 99;
+    EXPECT_TRUE(processExitCode(process, &code));
+    return code;
+  }
+
+  HANDLE mainThread_ = nullptr;
+  qmtest::TempFolder folder_;
+};
 
 TEST(CommandLine, ArgumentsFollowTheWindowsQuotingRules) {
   using Arguments = std::vector<std::string>;
@@ -52,106 +68,71 @@ TEST(CommandLine, AnUnquotedProgramIsTriedPrefixByPrefix) {
   EXPECT_TRUE(posix::readCommand("  ").empty());
 }
 
-TEST(Process, EndsWithItsExitCode) {
+TEST_F(Process, EndsWithItsExitCode) {
   for (const auto& [command, expected] : {std::pair{"/bin/sh -c \"exit 7\"", 7u},
                                           {"true", 0u},
                                           {"/bin/sh -c \"kill -9 $$\"", 137u}}) {
-    ProcessInformation process;
-    ASSERT_TRUE(createProcess(command, NORMAL_PRIORITY_CLASS | DETACHED_PROCESS, 2, &process))
-        << command << ": " << errorSentence(lastError());
-    EXPECT_EQ(wait(process.mainThread, kLong), WAIT_OBJECT_0);
-    EXPECT_EQ(wait(process.process, kLong), WAIT_OBJECT_0);
-    DWORD code = 99;
-    EXPECT_TRUE(processExitCode(process.process, &code));
-    EXPECT_EQ(code, expected) << command;
-    EXPECT_FALSE(terminateProcess(process.process, 1));
+    const HANDLE process = start(command, NORMAL_PRIORITY_CLASS | DETACHED_PROCESS);
+    EXPECT_EQ(wait(mainThread_, kLong), WAIT_OBJECT_0);
+    EXPECT_EQ(exitCodeOf(process), expected) << command;
+    EXPECT_FALSE(terminateProcess(process, 1));
     EXPECT_EQ(lastError(), ERROR_ACCESS_DENIED);
-    EXPECT_TRUE(closeHandle(process.process));
-    EXPECT_TRUE(closeHandle(process.mainThread));
+    EXPECT_TRUE(closeHandle(process));
+    EXPECT_TRUE(closeHandle(mainThread_));
   }
 }
 
-TEST(Process, TerminationGivesItsWholeExitCode) {
-  ProcessInformation process;
-  ASSERT_TRUE(createProcess("sleep 600", NORMAL_PRIORITY_CLASS, 0, &process));
+TEST_F(Process, TerminationGivesItsWholeExitCode) {
+  const HANDLE process = start("sleep 600");
   DWORD code = 0;
-  EXPECT_TRUE(processExitCode(process.process, &code));
+  EXPECT_TRUE(processExitCode(process, &code));
   EXPECT_EQ(code, STILL_ACTIVE);
-  EXPECT_EQ(wait(process.process, 0), WAIT_TIMEOUT);
-  EXPECT_TRUE(terminateProcess(process.process, 33338));
-  EXPECT_EQ(wait(process.process, kLong), WAIT_OBJECT_0);
-  EXPECT_TRUE(processExitCode(process.process, &code));
-  EXPECT_EQ(code, 33338u);
-  closeHandle(process.process);
-  closeHandle(process.mainThread);
+  EXPECT_EQ(wait(process, 0), WAIT_TIMEOUT);
+  EXPECT_TRUE(terminateProcess(process, 33338));
+  EXPECT_EQ(exitCodeOf(process), 33338u);
 }
 
-TEST(Process, IsLaunchedWithoutAShellAndWithoutOurDescriptors) {
-  qmtest::TempFolder folder;
-  std::filesystem::create_directory(folder.file("my tools"));
-  const std::string program = folder.file("my tools") + "/list args";
-  const std::string output = folder.file("out.txt");
+TEST_F(Process, IsLaunchedWithoutAShellAndWithoutOurDescriptors) {
+  std::filesystem::create_directory(folder_.file("my tools"));
+  const std::string program = folder_.file("my tools") + "/list args";
+  const std::string output = folder_.file("out.txt");
   qmtest::writeFile(program, "#!/bin/sh\nfor a in \"$@\"; do echo \"[$a]\"; done >" + output +
                                  "\nls -l /proc/$$/fd >>" + output + "\n");
   std::filesystem::permissions(program, std::filesystem::perms::owner_all);
-  qmtest::writeFile(folder.file("our secret"), "");
-  std::FILE* leak = std::fopen(folder.file("our secret").c_str(), "r");  // inheritable on purpose
-  ProcessInformation process;
-  ASSERT_TRUE(createProcess((program + " a;b $HOME \"c d\" '*'").c_str(), 0, 0, &process))
-      << errorSentence(lastError());
-  EXPECT_EQ(wait(process.process, kLong), WAIT_OBJECT_0);
+  qmtest::writeFile(folder_.file("our secret"), "");
+  std::FILE* leak = std::fopen(folder_.file("our secret").c_str(), "r");  // inheritable on purpose
+  exitCodeOf(start(program + " a;b $HOME \"c d\" '*'", 0));
   std::fclose(leak);
   const std::string seen = qmtest::readFile(output);
   EXPECT_TRUE(seen.starts_with("[a;b]\n[$HOME]\n[c d]\n['*']\n")) << seen;
   EXPECT_NE(seen.find("list args"), std::string::npos) << seen;
   EXPECT_EQ(seen.find("our secret"), std::string::npos) << seen;
-  closeHandle(process.process);
-  closeHandle(process.mainThread);
 }
 
-TEST(Process, AForkedChildHasChildrenOfItsOwn) {
-  const auto launchAndWait = [] {
-    ProcessInformation process;
-    return createProcess("true", NORMAL_PRIORITY_CLASS, 1, &process) &&
-           wait(process.process, kLong) == WAIT_OBJECT_0 && closeHandle(process.process) &&
-           closeHandle(process.mainThread);
-  };
-  EXPECT_TRUE(launchAndWait());
-  const pid_t child = fork();
-  if (child == 0) _exit(launchAndWait() ? 0 : 1);
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-  EXPECT_TRUE(launchAndWait());
+TEST_F(Process, AForkedChildHasChildrenOfItsOwn) {
+  EXPECT_EQ(exitCodeOf(start("true")), 0u);
+  EXPECT_EXIT(_exit(exitCodeOf(start("true"))), testing::ExitedWithCode(0), "");
+  EXPECT_EQ(exitCodeOf(start("true")), 0u);
 }
 
-TEST(Process, LearnsExitCodesAlsoWhereTheSignalIsIgnored) {
-  const pid_t child = fork();
-  if (child == 0) {
+TEST_F(Process, LearnsExitCodesAlsoWhereTheSignalIsIgnored) {
+  const auto launch = [&] {
     signal(SIGCHLD, SIG_IGN);
-    ProcessInformation process;
-    DWORD code = 99;
-    const bool ended = createProcess("/bin/sh -c \"exit 7\"", NORMAL_PRIORITY_CLASS, 1, &process) &&
-                       wait(process.process, kLong) == WAIT_OBJECT_0 &&
-                       processExitCode(process.process, &code);
-    _exit(ended && code == 7 ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+    return exitCodeOf(start("/bin/sh -c \"exit 7\""));
+  };
+  EXPECT_EXIT(_exit(launch()), testing::ExitedWithCode(7), "");
 }
 
-TEST(Process, LaunchFailuresHaveTheirNumbers) {
-  qmtest::TempFolder folder;
-  qmtest::writeFile(folder.file("data"), "no program");
-  qmtest::writeFile(folder.file("garbage"), std::string("\x7f") + "ELF garbage");
-  std::filesystem::permissions(folder.file("garbage"), std::filesystem::perms::owner_all);
+TEST_F(Process, LaunchFailuresHaveTheirNumbers) {
+  qmtest::writeFile(folder_.file("data"), "no program");
+  qmtest::writeFile(folder_.file("garbage"), std::string("\x7f") + "ELF garbage");
+  std::filesystem::permissions(folder_.file("garbage"), std::filesystem::perms::owner_all);
   const std::pair<std::string, DWORD> cases[] = {
       {"", ERROR_FILE_NOT_FOUND},
-      {folder.file("missing") + " -x", ERROR_FILE_NOT_FOUND},
-      {folder.path(), ERROR_FILE_NOT_FOUND},
-      {folder.file("data"), ERROR_ACCESS_DENIED},
-      {folder.file("garbage"), ERROR_BAD_EXE_FORMAT},
+      {folder_.file("missing") + " -x", ERROR_FILE_NOT_FOUND},
+      {folder_.path(), ERROR_FILE_NOT_FOUND},
+      {folder_.file("data"), ERROR_ACCESS_DENIED},
+      {folder_.file("garbage"), ERROR_BAD_EXE_FORMAT},
   };
   for (const auto& [command, expected] : cases) {
     ProcessInformation process;

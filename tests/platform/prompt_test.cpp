@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <optional>
 #include <string>
 
 #include "tests/support/TempFolder.h"
@@ -38,7 +37,9 @@ class Prompt : public testing::Test {
   std::string path_ = std::getenv("PATH");
 };
 
-TEST_F(Prompt, WithoutADisplayPrintsAndAnswers) {
+std::string asked;
+
+TEST_F(Prompt, WithoutADisplayPrintsAndWithAHookAsksThat) {
   installDialogProgram(0);
   setenv("DISPLAY", "", 1);
   testing::internal::CaptureStderr();
@@ -46,6 +47,16 @@ TEST_F(Prompt, WithoutADisplayPrintsAndAnswers) {
   EXPECT_EQ(messageBox("go on?", "caption", MB_YESNO | MB_ICONWARNING), IDNO);
   EXPECT_EQ(messageBox(nullptr, nullptr, MB_OK), IDOK);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "caption: text\ncaption: go on?\n: \n");
+
+  setenv("DISPLAY", ":99", 1);
+  const PromptHook hook = [](const char* text, const char* caption, UINT style) {
+    asked = std::string(caption) + '|' + text + '|' + std::to_string(style);
+    return IDYES;
+  };
+  EXPECT_EQ(setPromptHook(hook), nullptr);
+  EXPECT_EQ(messageBox(nullptr, "caption", MB_YESNO), IDYES);
+  EXPECT_EQ(asked, "caption||4");
+  EXPECT_EQ(setPromptHook(nullptr), hook);
   EXPECT_FALSE(std::filesystem::exists(folder_.file("arguments")));
 }
 
@@ -74,21 +85,6 @@ TEST_F(Prompt, OnADesktopShowsADialog) {
     EXPECT_EQ(messageBox("text", "caption", MB_YESNO), IDNO);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "caption: text\n") << status;
   }
-}
-
-std::string asked;
-
-TEST_F(Prompt, AHookAnswersInstead) {
-  installDialogProgram(0);
-  const PromptHook hook = [](const char* text, const char* caption, UINT style) {
-    asked = std::string(caption) + '|' + text + '|' + std::to_string(style);
-    return IDYES;
-  };
-  EXPECT_EQ(setPromptHook(hook), nullptr);
-  EXPECT_EQ(messageBox(nullptr, "caption", MB_YESNO), IDYES);
-  EXPECT_EQ(asked, "caption||4");
-  EXPECT_EQ(setPromptHook(nullptr), hook);
-  EXPECT_FALSE(std::filesystem::exists(folder_.file("arguments")));
 }
 
 }  // namespace

@@ -1,35 +1,36 @@
 #include "qmutils/platform/waitable.h"
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <atomic>
 #include <thread>
 #include <vector>
 
 #include "qmutils/platform/error.h"
-#include "qmutils/platform/thread.h"
+#include "tests/platform/Handles.h"
 #include "tests/support/FakeClock.h"
 
 namespace qm::platform {
 namespace {
 
-constexpr DWORD kLong = 30000;  // a limit that a sound run never reaches
+class Waitable : public Handles {};
+class WaitableStress : public Handles {};
 
-TEST(Waitable, StaleAndForeignHandlesFailAndNeverReachAnotherObject) {
+void join(std::vector<std::thread>& threads) {
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(Waitable, StaleAndForeignHandlesFailAndNeverReachAnotherObject) {
   const HANDLE stale = createEvent(true, false);
   ASSERT_TRUE(closeHandle(stale));
   std::vector<HANDLE> fresh;
-  for (int i = 0; i < 3000; ++i) fresh.push_back(createEvent(true, false));
+  for (int i = 0; i < 3000; ++i) fresh.push_back(event(true, false));
   int local = 0;
   for (HANDLE bad : {stale, HANDLE(nullptr), HANDLE(&local), HANDLE(~0ull), HANDLE(8)}) {
-    const bool live = std::find(fresh.begin(), fresh.end(), bad) != fresh.end();
-    if (live) continue;
+    if (std::ranges::count(fresh, bad) != 0) continue;
     setLastError(0);
     EXPECT_FALSE(setEvent(bad));
     EXPECT_EQ(lastError(), ERROR_INVALID_HANDLE);
-    EXPECT_FALSE(resetEvent(bad));
-    EXPECT_FALSE(releaseMutex(bad));
-    EXPECT_FALSE(releaseSemaphore(bad, 1, nullptr));
+    EXPECT_FALSE(resetEvent(bad) || releaseMutex(bad) || releaseSemaphore(bad, 1, nullptr));
     EXPECT_FALSE(closeHandle(bad));
     EXPECT_EQ(wait(bad, 0), WAIT_FAILED);
     const HANDLE both[] = {fresh[0], bad};
@@ -38,46 +39,23 @@ TEST(Waitable, StaleAndForeignHandlesFailAndNeverReachAnotherObject) {
   }
   for (HANDLE event : fresh) {
     EXPECT_EQ(wait(event, 0), WAIT_TIMEOUT) << "a stale handle set somebody else's event";
-    EXPECT_TRUE(closeHandle(event));
   }
-}
 
-TEST(Waitable, OperationsOfAnotherKindOfObjectFail) {
-  const HANDLE event = createEvent(false, false);
-  const HANDLE mutex = createMutex(false);
-  const HANDLE semaphore = createSemaphore(0, 1);
-  EXPECT_FALSE(releaseMutex(event));
-  EXPECT_FALSE(setEvent(mutex));
-  EXPECT_FALSE(resetEvent(semaphore));
+  const HANDLE event = fresh[0];
+  EXPECT_FALSE(releaseMutex(event) || setEvent(mutex(false)) || resetEvent(semaphore(0, 1)));
   EXPECT_FALSE(releaseSemaphore(event, 1, nullptr));
+  EXPECT_EQ(lastError(), ERROR_INVALID_HANDLE) << "an object of another kind";
+  setLastError(0);
+  EXPECT_EQ(suspendThread(event), kAllOnes);
   EXPECT_EQ(lastError(), ERROR_INVALID_HANDLE);
-  EXPECT_EQ(suspendThread(event), 0xFFFFFFFFu);
-  EXPECT_EQ(lastError(), ERROR_INVALID_HANDLE);
-  for (HANDLE handle : {event, mutex, semaphore}) closeHandle(handle);
 }
 
-TEST(Waitable, EventsStaySetOrAreTakenOnce) {
-  const HANDLE manual = createEvent(true, true);
-  EXPECT_EQ(wait(manual, 0), WAIT_OBJECT_0);
-  EXPECT_EQ(wait(manual, 0), WAIT_OBJECT_0);
-  EXPECT_TRUE(resetEvent(manual));
-  EXPECT_EQ(wait(manual, 1), WAIT_TIMEOUT);
-
-  const HANDLE automatic = createEvent(false, false);
-  EXPECT_TRUE(setEvent(automatic));
-  EXPECT_TRUE(setEvent(automatic));
-  EXPECT_EQ(wait(automatic, 0), WAIT_OBJECT_0);
-  EXPECT_EQ(wait(automatic, 0), WAIT_TIMEOUT);
-  closeHandle(manual);
-  closeHandle(automatic);
-}
-
-TEST(Waitable, SemaphoreCountsWithinItsBounds) {
+TEST_F(Waitable, SemaphoreCountsWithinItsBounds) {
   for (auto [initial, maximum] : {std::pair{-1, 1}, {2, 1}, {0, 0}}) {
     EXPECT_EQ(createSemaphore(initial, maximum), nullptr);
     EXPECT_EQ(lastError(), ERROR_INVALID_PARAMETER);
   }
-  const HANDLE semaphore = createSemaphore(1, 3);
+  const HANDLE semaphore = this->semaphore(1, 3);
   LONG previous = -1;
   EXPECT_TRUE(releaseSemaphore(semaphore, 2, &previous));
   EXPECT_EQ(previous, 1);
@@ -87,11 +65,10 @@ TEST(Waitable, SemaphoreCountsWithinItsBounds) {
   EXPECT_EQ(lastError(), ERROR_INVALID_PARAMETER);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(wait(semaphore, 0), WAIT_OBJECT_0);
   EXPECT_EQ(wait(semaphore, 0), WAIT_TIMEOUT);
-  closeHandle(semaphore);
 }
 
-TEST(Waitable, MutexIsRecursiveAndKnowsItsOwner) {
-  const HANDLE mutex = createMutex(true);
+TEST_F(Waitable, MutexIsRecursiveAndKnowsItsOwner) {
+  const HANDLE mutex = this->mutex(true);
   EXPECT_EQ(wait(mutex, 0), WAIT_OBJECT_0);
   std::thread([&] {
     EXPECT_EQ(wait(mutex, 0), WAIT_TIMEOUT);
@@ -106,12 +83,10 @@ TEST(Waitable, MutexIsRecursiveAndKnowsItsOwner) {
     EXPECT_EQ(wait(mutex, 0), WAIT_OBJECT_0);
     EXPECT_TRUE(releaseMutex(mutex));
   }).join();
-  closeHandle(mutex);
 }
 
-TEST(Waitable, MutexOfAnEndedThreadIsAbandonedOnce) {
-  const HANDLE mutex = createMutex(false);
-  const HANDLE event = createEvent(true, true);
+TEST_F(Waitable, MutexOfAnEndedThreadIsAbandonedOnce) {
+  const HANDLE mutex = this->mutex(false);
   const auto takeAndEnd = [&] {
     std::thread([&] {
       EXPECT_EQ(wait(mutex, 0) & ~WAIT_ABANDONED, WAIT_OBJECT_0);
@@ -124,7 +99,7 @@ TEST(Waitable, MutexOfAnEndedThreadIsAbandonedOnce) {
   EXPECT_TRUE(releaseMutex(mutex));
   EXPECT_TRUE(releaseMutex(mutex));
   takeAndEnd();
-  const HANDLE both[] = {event, mutex};
+  const HANDLE both[] = {event(true, true), mutex};
   EXPECT_EQ(waitAll(both, 2, kLong), WAIT_ABANDONED_0);
   EXPECT_TRUE(releaseMutex(mutex));
   EXPECT_EQ(wait(mutex, 0), WAIT_OBJECT_0);
@@ -140,32 +115,26 @@ TEST(Waitable, MutexOfAnEndedThreadIsAbandonedOnce) {
   while (!taken) sleep(0, false);
   EXPECT_EQ(wait(mutex, kLong), WAIT_ABANDONED);
   owner.join();
-  closeHandle(mutex);
-  closeHandle(event);
 }
 
-TEST(Waitable, ClosingAnOwnedMutexLeavesNoTrace) {
+TEST_F(Waitable, ClosingAnOwnedMutexLeavesNoTrace) {
   for (int i = 0; i < 100; ++i) {
     const HANDLE mutex = createMutex(true);
     EXPECT_TRUE(closeHandle(mutex));
     EXPECT_FALSE(releaseMutex(mutex));
   }
   HANDLE closedByOther = createMutex(false);
-  std::thread owner([&] {
+  std::thread([&] {
     wait(closedByOther, 0);
     std::thread([&] { EXPECT_TRUE(closeHandle(closedByOther)); }).join();
-  });
-  owner.join();  // the owner's end must cope with the closed mutex
-  const HANDLE mutex = createMutex(true);
-  EXPECT_TRUE(releaseMutex(mutex));
-  closeHandle(mutex);
+  }).join();  // the owner's end must cope with the closed mutex
+  EXPECT_TRUE(releaseMutex(mutex(true)));
 }
 
-TEST(Waitable, AnyTakesTheLowestIndexAndOnlyThat) {
+TEST_F(Waitable, AnyTakesTheLowestIndexAndOnlyThat) {
   HANDLE handles[4];
-  for (HANDLE& handle : handles) handle = createEvent(false, false);
-  setEvent(handles[3]);
-  setEvent(handles[1]);
+  for (HANDLE& handle : handles) handle = event(false, false);
+  for (int i : {3, 1, 1}) EXPECT_TRUE(setEvent(handles[i]));
   EXPECT_EQ(waitAny(handles, 4, kLong), WAIT_OBJECT_0 + 1);
   EXPECT_EQ(waitAny(handles, 4, kLong), WAIT_OBJECT_0 + 3);
   EXPECT_EQ(waitAny(handles, 4, 1), WAIT_TIMEOUT);
@@ -182,21 +151,18 @@ TEST(Waitable, AnyTakesTheLowestIndexAndOnlyThat) {
   setter.join();
   EXPECT_EQ(wait(handles[0], 0), WAIT_TIMEOUT);
   EXPECT_EQ(waitAll(twice, 2, 0), WAIT_FAILED);
-  for (HANDLE handle : handles) closeHandle(handle);
 }
 
-TEST(Waitable, AllTakesEverythingAtOneMomentOrNothing) {
-  const HANDLE event = createEvent(false, true);
-  const HANDLE semaphore = createSemaphore(0, 5);
-  const HANDLE mutex = createMutex(false);
-  const HANDLE handles[] = {event, semaphore, mutex};
+TEST_F(Waitable, AllTakesEverythingAtOneMomentOrNothing) {
+  const HANDLE handles[] = {event(false, true), semaphore(0, 5), mutex(false)};
+  const auto [event, semaphore, mutex] = handles;
   EXPECT_EQ(waitAll(handles, 3, 5), WAIT_TIMEOUT);
   EXPECT_EQ(wait(event, 0), WAIT_OBJECT_0) << "a wait that timed out must have taken nothing";
 
   std::atomic<DWORD> result{WAIT_FAILED};
   std::thread waiter([&] {
     result = waitAll(handles, 3, kLong);
-    releaseMutex(mutex);
+    releaseMutex(handles[2]);
   });
   setEvent(event);
   sleep(20, false);
@@ -209,26 +175,22 @@ TEST(Waitable, AllTakesEverythingAtOneMomentOrNothing) {
   EXPECT_EQ(result, WAIT_OBJECT_0);
   EXPECT_EQ(wait(event, 0), WAIT_TIMEOUT);
   EXPECT_EQ(wait(semaphore, 0), WAIT_TIMEOUT);
-  for (HANDLE handle : handles) closeHandle(handle);
 }
 
-TEST(Waitable, WaitersOutliveTheClosingOfTheHandle) {
+TEST_F(Waitable, WaitersOutliveTheClosingOfTheHandle) {
   const HANDLE event = createEvent(true, false);
-  std::atomic<DWORD> result{0};
-  std::thread waiter([&] { result = wait(event, 50); });
+  const HANDLE waiter = thread([=] { return wait(event, 50); });
   sleep(10, false);
   EXPECT_TRUE(closeHandle(event));
   EXPECT_FALSE(setEvent(event));
-  waiter.join();
-  EXPECT_EQ(result, WAIT_TIMEOUT);
+  EXPECT_EQ(exitCodeOf(waiter), WAIT_TIMEOUT);
 }
 
-TEST(Waitable, LongTimeoutsFollowTheClockInForce) {
+TEST_F(Waitable, LongTimeoutsFollowTheClockInForce) {
   qmtest::FakeClock clock;
-  const HANDLE event = createEvent(true, false);
   std::atomic<DWORD> result{WAIT_FAILED};
   std::atomic<bool> waiting{false};
-  std::thread waiter([&] {
+  std::thread waiter([&, event = event(true, false)] {
     waiting = true;
     result = wait(event, 86'400'000);
   });
@@ -242,99 +204,81 @@ TEST(Waitable, LongTimeoutsFollowTheClockInForce) {
   }
   waiter.join();
   EXPECT_EQ(result, WAIT_TIMEOUT);
-  closeHandle(event);
 }
 
-TEST(WaitableStress, NoWakeUpIsLostBetweenTwoEvents) {
-  const HANDLE ping = createEvent(false, false);
-  const HANDLE pong = createEvent(false, false);
-  constexpr int kRounds = 20000;
-  std::thread other([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      ASSERT_EQ(wait(ping, kLong), WAIT_OBJECT_0) << "round " << i;
-      setEvent(pong);
+TEST_F(WaitableStress, NoWakeUpIsLostBetweenTwoEvents) {
+  const HANDLE ping = event(false, false), pong = event(false, false);
+  const auto rounds = [](HANDLE set, HANDLE awaited, bool first) {
+    for (int i = 0; i < 20000; ++i) {
+      if (first) setEvent(set);
+      ASSERT_EQ(wait(awaited, kLong), WAIT_OBJECT_0) << "round " << i;
+      if (!first) setEvent(set);
     }
-  });
-  for (int i = 0; i < kRounds; ++i) {
-    setEvent(ping);
-    ASSERT_EQ(wait(pong, kLong), WAIT_OBJECT_0) << "round " << i;
-  }
+  };
+  std::thread other(rounds, pong, ping, false);
+  rounds(ping, pong, true);
   other.join();
-  closeHandle(ping);
-  closeHandle(pong);
 }
 
-TEST(WaitableStress, EveryUnitOfASemaphoreIsTakenOnce) {
-  const HANDLE semaphore = createSemaphore(0, 1'000'000);
-  const HANDLE stop = createEvent(true, false);
+TEST_F(WaitableStress, EveryUnitOfASemaphoreIsTakenOnce) {
+  const HANDLE handles[] = {semaphore(0, 1'000'000), event(true, false)};
   constexpr int kUnits = 30000;
   std::atomic<int> taken{0};
   std::vector<std::thread> takers;
-  for (int t = 0; t < 4; ++t) {
-    takers.emplace_back([&, t] {
-      const HANDLE handles[] = {semaphore, stop};
-      for (;;) {
-        const DWORD result = t % 2 == 0 ? waitAny(handles, 2, kLong) : waitAny(handles, 2, 1);
+  for (const DWORD timeout : {kLong, DWORD{1}, kLong, DWORD{1}}) {
+    takers.emplace_back([&, timeout] {
+      DWORD result;
+      while ((result = waitAny(handles, 2, timeout)) != WAIT_OBJECT_0 + 1) {
         if (result == WAIT_OBJECT_0) ++taken;
-        if (result == WAIT_OBJECT_0 + 1) return;
       }
     });
   }
   std::thread second([&] {
-    for (int i = 0; i < kUnits; ++i) releaseSemaphore(semaphore, 1, nullptr);
+    for (int i = 0; i < kUnits; ++i) releaseSemaphore(handles[0], 1, nullptr);
   });
-  for (int i = 0; i < kUnits / 3; ++i) releaseSemaphore(semaphore, 3, nullptr);
+  for (int i = 0; i < kUnits / 3; ++i) releaseSemaphore(handles[0], 3, nullptr);
   second.join();
   while (taken < 2 * kUnits) sleep(1, false);
-  setEvent(stop);
-  for (std::thread& taker : takers) taker.join();
+  setEvent(handles[1]);
+  join(takers);
   EXPECT_EQ(taken, 2 * kUnits);
-  EXPECT_EQ(wait(semaphore, 0), WAIT_TIMEOUT);
-  closeHandle(semaphore);
-  closeHandle(stop);
+  EXPECT_EQ(wait(handles[0], 0), WAIT_TIMEOUT);
 }
 
-TEST(WaitableStress, PhilosophersTakeBothForksOrNone) {
+TEST_F(WaitableStress, PhilosophersTakeBothForksOrNone) {
   constexpr int kSeats = 5;
   HANDLE forks[kSeats];
-  for (HANDLE& fork : forks) fork = createMutex(false);
+  for (HANDLE& fork : forks) fork = mutex(false);
   std::atomic<int> eating[kSeats] = {};
   std::vector<std::thread> philosophers;
   for (int seat = 0; seat < kSeats; ++seat) {
-    philosophers.emplace_back([&, seat] {
-      const int left = seat;
-      const int right = (seat + 1) % kSeats;
+    philosophers.emplace_back([&, left = seat, right = (seat + 1) % kSeats] {
       const HANDLE both[] = {forks[left], forks[right]};
       for (int meal = 0; meal < 1000; ++meal) {
         ASSERT_EQ(waitAll(both, 2, kLong), WAIT_OBJECT_0);
-        ASSERT_EQ(eating[left]++, 0);
-        ASSERT_EQ(eating[right]++, 0);
-        --eating[left];
-        --eating[right];
-        releaseMutex(forks[left]);
-        releaseMutex(forks[right]);
+        for (int side : {left, right}) ASSERT_EQ(eating[side]++, 0);
+        for (int side : {left, right}) --eating[side];
+        for (HANDLE fork : both) releaseMutex(fork);
       }
     });
   }
-  for (std::thread& philosopher : philosophers) philosopher.join();
-  for (HANDLE fork : forks) closeHandle(fork);
+  join(philosophers);
 }
 
-TEST(WaitableStress, OneSetWakesEveryWaiterOfAManualEvent) {
+TEST_F(WaitableStress, OneSetWakesEveryWaiterOfAManualEvent) {
   constexpr int kWaiters = 150;  // more than one batch of wake-ups
-  const HANDLE event = createEvent(true, false);
+  const HANDLE event = this->event(true, false);
   std::atomic<int> woken{0};
   std::vector<std::thread> waiters;
   for (int i = 0; i < kWaiters; ++i) {
-    waiters.emplace_back([&] {
-      if (wait(event, kLong) == WAIT_OBJECT_0) ++woken;
-    });
+    waiters.emplace_back([&] { woken += wait(event, kLong) == WAIT_OBJECT_0 ? 1 : 0; });
   }
   sleep(30, false);
   setEvent(event);
-  for (std::thread& waiter : waiters) waiter.join();
+  join(waiters);
   EXPECT_EQ(woken, kWaiters);
-  closeHandle(event);
+  EXPECT_TRUE(resetEvent(event));
+  EXPECT_EQ(wait(event, 1), WAIT_TIMEOUT);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "qmutils/platform/watched_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -62,6 +61,7 @@ TEST_F(WatchedFile, NoticesEveryWayToLoseItsName) {
        false},
       {"folder renamed", [&] { fs::rename(folder_.file("a/b"), folder_.file("a/c")); }, false},
       {"folder above renamed", [&] { fs::rename(folder_.file("a"), folder_.file("z")); }, false},
+      {"touched", [&] { fs::permissions(real, fs::perms::owner_all); }, true},
       {"another name added", [&] { fs::create_hard_link(real, folder_.file("second")); }, true},
       {"written and read by others",
        [&] {
@@ -98,14 +98,11 @@ TEST_F(WatchedFile, AForkedChildDoesNotTakeTheNewsAway) {
   const std::string path = folder_.file("a/log");
   WatchedAppendFile file;
   ASSERT_TRUE(file.open(path.c_str()));
-  const pid_t child = fork();
-  if (child == 0) {
+  const auto renameAndLook = [&] {
     fs::rename(path, path + ".old");
-    _exit(file.stillNamed() ? 1 : 0);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+    return file.stillNamed() ? 1 : 0;
+  };
+  EXPECT_EXIT(_exit(renameAndLook()), testing::ExitedWithCode(0), "");
   EXPECT_FALSE(file.stillNamed());
 }
 

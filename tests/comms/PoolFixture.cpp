@@ -5,7 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -21,43 +21,43 @@ namespace qmtest {
 
 namespace {
 
-const char* const kSharedMemory = "/dev/shm";
+using Clock = std::chrono::steady_clock;
+
+const std::string kSharedMemory = "/dev/shm/";
 
 std::mutex linesLock;
-std::vector<DebugLines::Line> lines;
+std::vector<std::string> lines;
 
 void captureLine(unsigned level, int, char* text) {
   std::lock_guard lock(linesLock);
-  lines.push_back({level, text});
+  lines.push_back(std::to_string(level) + ' ' + text);
 }
 
 }  // namespace
 
 void PoolTest::SetUp() {
-  static std::atomic<int> number{0};
+  static int number = 0;
   prefix_ = "qmtest" + std::to_string(::getpid()) + "-" + std::to_string(++number) + "-";
   ASSERT_EQ(0, ::setenv("QMUTILS_OBJECT_PREFIX", prefix_.c_str(), 1));
 }
 
 void PoolTest::TearDown() {
   SvCloseComms();
-  EXPECT_EQ(sharedObjects(), std::vector<std::string>{}) << "left behind";
-  for (const std::string& name : sharedObjects()) {
-    std::filesystem::remove(std::string(kSharedMemory) + "/" + name);
-  }
+  EXPECT_EQ(sharedObjects(), Names{}) << "left behind";
+  for (const std::string& name : sharedObjects()) std::filesystem::remove(kSharedMemory + name);
 }
 
-std::vector<std::string> PoolTest::sharedObjects() const {
-  std::vector<std::string> found;
+Names PoolTest::sharedObjects() const {
+  Names found;
   for (const auto& entry : std::filesystem::directory_iterator(kSharedMemory)) {
-    const std::string name = entry.path().filename().string();
+    const std::string name = entry.path().filename();
     if (name.starts_with(prefix_)) found.push_back(name);
   }
   return found;
 }
 
 std::string PoolTest::pathOf(const std::string& name) const {
-  return std::string(kSharedMemory) + "/" + prefix_ + name;
+  return kSharedMemory + prefix_ + "Selvane_Comms_" + name;
 }
 
 std::string receive(DWORD timeoutMs) {
@@ -70,7 +70,7 @@ OpenObjects::OpenObjects() : SharedObjects(qm::kPoolObjectNames, qm::kPoolSectio
 
 bool OpenObjects::open() {
   const auto deadline = qm::platform::Deadline::after(20'000);
-  if (openMutex(deadline) != WAIT_OBJECT_0 || acquire(deadline) != WAIT_OBJECT_0) return false;
+  if (openMutex(deadline) != WAIT_OBJECT_0 || take() != WAIT_OBJECT_0) return false;
   const bool opened = openEvent() && openSection();
   leave();
   return opened;
@@ -83,13 +83,9 @@ DebugLines::DebugLines() {
 
 DebugLines::~DebugLines() { QMDBNewRegisterCallback(nullptr); }
 
-std::vector<DebugLines::Line> DebugLines::take() {
+std::vector<std::string> DebugLines::take() {
   std::lock_guard lock(linesLock);
   return std::exchange(lines, {});
-}
-
-std::ostream& operator<<(std::ostream& os, const DebugLines::Line& line) {
-  return os << line.level << " \"" << line.text << '"';
 }
 
 Child::Child(const std::function<int()>& body) : pid_(::fork()) {
@@ -97,10 +93,9 @@ Child::Child(const std::function<int()>& body) : pid_(::fork()) {
 }
 
 Child::~Child() {
-  if (pid_ > 0) {
-    kill();
-    wait();
-  }
+  if (pid_ <= 0) return;
+  kill();
+  wait();
 }
 
 Child::Child(Child&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
@@ -113,14 +108,14 @@ Child& Child::operator=(Child&& other) noexcept {
 void Child::kill() { ::kill(pid_, SIGKILL); }
 
 int Child::wait(int timeoutMs) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
   for (;;) {
     int status = 0;
     if (::waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
       return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    if (std::chrono::steady_clock::now() > end) return -1;
+    if (Clock::now() > end) return -1;
     std::this_thread::sleep_for(std::chrono::microseconds(500));
   }
 }
@@ -142,6 +137,23 @@ bool Signal::wait() {
   pollfd entry{ends_[0], POLLIN, 0};
   char byte;
   return ::poll(&entry, 1, 60'000) == 1 && ::read(ends_[0], &byte, 1) == 1;
+}
+
+double secondsOf(const std::function<void()>& call) {
+  const auto start = Clock::now();
+  call();
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double medianOf(int calls, const std::function<double()>& call) {
+  std::vector<double> results;
+  while (calls-- > 0) results.push_back(call());
+  std::sort(results.begin(), results.end());
+  return results[results.size() / 2];
+}
+
+void pause(int milliseconds) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
 }  // namespace qmtest

@@ -1,5 +1,5 @@
 // What the tests of the pool share: names of their own, a look at what is left behind, captured log
-// lines, child processes.
+// lines, child processes, times.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,10 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "qmutils/comms/PoolList.h"
 #include "qmutils/platform/named_objects.h"
 #include "qmutils/platform/types.h"
 
 namespace qmtest {
+
+using Names = std::vector<std::string>;
 
 /// Gives every test pool objects of its own and demands that none is left at its end.
 class PoolTest : public ::testing::Test {
@@ -21,12 +24,10 @@ class PoolTest : public ::testing::Test {
   void TearDown() override;
 
   /// The shared objects that exist under this test's names.
-  std::vector<std::string> sharedObjects() const;
-  /// The path of one of them.
+  Names sharedObjects() const;
+  /// The path of one of them: of "Queue", "Event", "Mutex", "Doorbells" or "Users".
   std::string pathOf(const std::string& name) const;
-  const std::string& prefix() const { return prefix_; }
 
- private:
   std::string prefix_;
 };
 
@@ -38,10 +39,13 @@ class OpenObjects : public qm::platform::SharedObjects {
  public:
   OpenObjects();
   bool open();
+  DWORD take() { return acquire(qm::platform::Deadline::after(20'000)); }
   void leave() { wake(release()); }
+  qm::PoolList list() { return qm::PoolList(*static_cast<qm::PoolSection*>(section())); }
 };
 
-/// The lines that the library hands to QMDBprintf's callback while the object lives. One at a time.
+/// The lines that the library hands to QMDBprintf's callback while the object lives, each behind
+/// its level and a space. One at a time.
 class DebugLines {
  public:
   DebugLines();
@@ -49,26 +53,20 @@ class DebugLines {
   DebugLines(const DebugLines&) = delete;
   DebugLines& operator=(const DebugLines&) = delete;
 
-  struct Line {
-    unsigned level;
-    std::string text;
-    bool operator==(const Line&) const = default;
-  };
   /// What came since the last call.
-  std::vector<Line> take();
+  std::vector<std::string> take();
 };
-std::ostream& operator<<(std::ostream& os, const DebugLines::Line& line);
 
 /// A forked process that runs `body` and ends with its result as exit status.
 class Child {
  public:
+  Child() = default;
   explicit Child(const std::function<int()>& body);
   /// Kills the process if it still runs.
   ~Child();
   Child(Child&& other) noexcept;
   Child& operator=(Child&& other) noexcept;
 
-  pid_t pid() const { return pid_; }
   void kill();
   /// The exit status; 128 + the signal that ended it; -1 when it does not end within `timeoutMs`.
   int wait(int timeoutMs = 60'000);
@@ -91,5 +89,10 @@ class Signal {
  private:
   int ends_[2];
 };
+
+double secondsOf(const std::function<void()>& call);
+/// The median of what some calls give: those that a busy machine holds up do not count.
+double medianOf(int calls, const std::function<double()>& call);
+void pause(int milliseconds);
 
 }  // namespace qmtest

@@ -5,29 +5,24 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <new>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "qmutils/comms/PoolList.h"
-#include "qmutils/comms/PoolNames.h"
 #include "qmutils/comms/SvComms.h"
 #include "qmutils/foundation/QMDBprintf.h"
-#include "qmutils/platform/named_objects.h"
 #include "tests/comms/PoolFixture.h"
 
 using namespace qm;
-using qm::platform::Deadline;
+using qmtest::secondsOf;
 
 namespace {
 
@@ -56,7 +51,7 @@ struct Ledger {
   /// The newest message of each sender that each receiver has seen.
   std::atomic<std::uint32_t> seen[kReceivers][kSenders];
   std::atomic<std::uint32_t> torn, doubled, disordered, late, failed;
-  std::atomic<std::uint32_t> repairs, selfKills, selfKillsWithMutex;
+  std::atomic<std::uint32_t> repairs, selfKillsWithMutex;
   std::atomic<std::uint32_t> stepsDiedAt[static_cast<int>(PoolStep::Count)];
   std::atomic<std::uint8_t> messages[kSenders][kMessagesPerSender];
 };
@@ -123,7 +118,6 @@ void chooseDeath(unsigned seed) {
 void dieAtStep(PoolStep step) {
   if (step == PoolStep::RepairBegun) ++ledger->repairs;
   if (step != fatalStep || !ledger->mayDie || --occurrencesLeft > 0) return;
-  ++ledger->selfKills;
   ++ledger->stepsDiedAt[static_cast<int>(step)];
   if (step != PoolStep::Released) ++ledger->selfKillsWithMutex;
   ::kill(::getpid(), SIGKILL);
@@ -131,24 +125,15 @@ void dieAtStep(PoolStep step) {
 
 // ---- The users --------------------------------------------------------------------------------
 
-class InTime {
- public:
-  ~InTime() {
-    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start_;
-    if (taken.count() > kCallMs / 1000.0 + kSlackSeconds) ++ledger->late;
-  }
+/// What `call` gives. It must not take much longer than a call may.
+int inTime(const std::function<int()>& call) {
+  int code;
+  if (secondsOf([&] { code = call(); }) > kCallMs / 1000.0 + kSlackSeconds) ++ledger->late;
+  return code;
+}
 
- private:
-  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
-
-int openPool(std::uint16_t identifier) {
-  for (;;) {
-    const InTime inTime;
-    const int code = SvOpenComms(identifier);
-    if (code == 0) return 0;
-    ++ledger->failed;
-  }
+void openPool(std::uint16_t identifier) {
+  while (inTime([&] { return SvOpenComms(identifier); }) != 0) ++ledger->failed;
 }
 
 void beSender(int sender) {
@@ -158,13 +143,13 @@ void beSender(int sender) {
     if (number >= kMessagesPerSender) {
       // Enough for any machine; from here on the receivers alone are killed at work.
       --ledger->tried[sender];
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      qmtest::pause(1);
       continue;
     }
     const int receiver = static_cast<int>(dice() % kReceivers);
-    const InTime inTime;
+    const std::string text = textOf(sender, number, receiver);
     const int code =
-        SvSendMessage(textOf(sender, number, receiver).c_str(), kCallMs, identifierOf(receiver));
+        inTime([&] { return SvSendMessage(text.c_str(), kCallMs, identifierOf(receiver)); });
     if (code == 0) {
       mark(sender, number, static_cast<std::uint8_t>(kSent | receiver << kReceiverShift));
     } else if (code != QMErrors::CommandTimedOut) {
@@ -175,13 +160,14 @@ void beSender(int sender) {
 
 void beReceiver(int receiver) {
   openPool(identifierOf(receiver));
+  const bool all = receiver == kBatchReceiver;
   std::vector<char> buffer(kPoolSlots * kPoolTextSize + 1);
   while (!ledger->stop) {
-    const InTime inTime;
-    const bool all = receiver == kBatchReceiver;
-    const int code =
-        all ? SvReceiveMultipleMessages(buffer.data(), static_cast<int>(buffer.size()), kCallMs)
-            : SvReceiveMessage(buffer.data(), kPoolTextSize, kCallMs);
+    const int code = inTime([&] {
+      return all ? SvReceiveMultipleMessages(buffer.data(), static_cast<int>(buffer.size()),
+                                             kCallMs)
+                 : SvReceiveMessage(buffer.data(), kPoolTextSize, kCallMs);
+    });
     if (code != 0 && code != QMErrors::CommandTimedOut) ++ledger->failed;
     if (code != 0) continue;
     for (const char* text = buffer.data(); *text != '\0'; text += std::strlen(text) + 1) {
@@ -192,17 +178,13 @@ void beReceiver(int receiver) {
 }
 
 /// Runs in a forked process. It ends without closing: that is left to the dead.
-[[noreturn]] void beUser(int user, unsigned seed) {
+int beUser(int user, unsigned seed) {
   self = user;
   chooseDeath(seed);
   poolStepHook = dieAtStep;
   QMDBNewRegisterCallback(user >= kSenders ? notePurged : nullptr);
-  if (user < kSenders) {
-    beSender(user);
-  } else {
-    beReceiver(user - kSenders);
-  }
-  ::_exit(0);
+  user < kSenders ? beSender(user) : beReceiver(user - kSenders);
+  return 0;
 }
 
 // ---- The killer -------------------------------------------------------------------------------
@@ -217,133 +199,93 @@ class PoolKill : public qmtest::PoolTest {
     // Fresh memory is all zero, which is every member's first value.
     ledger = static_cast<Ledger*>(memory);
     ledger->mayDie = true;
+    // The killer has the pool open, so that it lives from the first to the last message.
+    ASSERT_EQ(SvOpenComms(999), 0);
+    ASSERT_TRUE(pool_.open());
   }
   void TearDown() override {
-    for (pid_t pid : users_) {
-      if (pid <= 0) continue;
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-    }
+    for (qmtest::Child& user : users_) user = {};
     pool_.close(false);
     ::munmap(ledger, sizeof(Ledger));
     PoolTest::TearDown();
   }
 
-  void joinPool();
-  void start(int user);
-  void reapTheDead();
-  void killOne();
+  void start(int user) {
+    users_[user] = qmtest::Child([user, seed = random_()] { return beUser(user, seed); });
+  }
+
+  void reapTheDead() {
+    for (int user = 0; user < kUsers; ++user) {
+      const int status = users_[user].wait(0);
+      if (status == -1) continue;
+      ASSERT_EQ(status, 128 + SIGKILL);
+      ++kills_[user];
+      ++totalKills_;
+      start(user);
+    }
+  }
+
   /// With the mutex: repairs what a dead owner left, as every user does, and looks at the list.
-  void expectSoundPool();
-  void noteWaiting();
+  void expectSoundPool() {
+    PoolList list = pool_.list();
+    const DWORD result = pool_.take();
+    ASSERT_TRUE(result == WAIT_OBJECT_0 || result == WAIT_ABANDONED) << result;
+    if (result == WAIT_ABANDONED) {
+      ++repairsByKiller_;
+      list.repair();
+      list.count() > 0 ? pool_.setEvent() : pool_.resetEvent();
+      pool_.wakeEverybody();
+      pool_.declareRepaired();
+    }
+    const bool sound = list.isSound();
+    const bool eventAgrees = pool_.eventIsSet() == (list.count() > 0);
+    pool_.leave();
+    ASSERT_TRUE(sound);
+    ASSERT_TRUE(eventAgrees);
+  }
 
   qmtest::OpenObjects pool_;
-  pid_t users_[kUsers] = {};
+  qmtest::Child users_[kUsers];
   int kills_[kUsers] = {};
   int totalKills_ = 0;
   int repairsByKiller_ = 0;
   std::mt19937 random_{12345};
 };
 
-/// The killer has the pool open, so that it lives from the first to the last message.
-void PoolKill::joinPool() {
-  ASSERT_EQ(SvOpenComms(999), 0);
-  ASSERT_TRUE(pool_.open());
-}
-
-void PoolKill::start(int user) {
-  const unsigned seed = random_();
-  const pid_t pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) beUser(user, seed);
-  users_[user] = pid;
-}
-
-void PoolKill::reapTheDead() {
-  for (int user = 0; user < kUsers; ++user) {
-    int status = 0;
-    if (::waitpid(users_[user], &status, WNOHANG) != users_[user]) continue;
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "status " << status;
-    ++kills_[user];
-    ++totalKills_;
-    start(user);
-  }
-}
-
-void PoolKill::killOne() { ::kill(users_[random_() % kUsers], SIGKILL); }
-
-void PoolKill::expectSoundPool() {
-  PoolList list(*static_cast<PoolSection*>(pool_.section()));
-  const DWORD result = pool_.acquire(Deadline::after(20'000));
-  ASSERT_TRUE(result == WAIT_OBJECT_0 || result == WAIT_ABANDONED) << result;
-  if (result == WAIT_ABANDONED) {
-    ++repairsByKiller_;
-    list.repair();
-    list.count() > 0 ? pool_.setEvent() : pool_.resetEvent();
-    pool_.wakeEverybody();
-    pool_.declareRepaired();
-  }
-  const bool sound = list.isSound();
-  const bool eventAgrees = pool_.eventIsSet() == (list.count() > 0);
-  pool_.wake(pool_.release());
-  ASSERT_TRUE(sound);
-  ASSERT_TRUE(eventAgrees);
-}
-
-void PoolKill::noteWaiting() {
-  PoolList list(*static_cast<PoolSection*>(pool_.section()));
-  ASSERT_TRUE(list.visit([](const PoolSlot& slot) {
-    note(slot.DestID - 1, slot.Msg, kWaiting);
-    return true;
-  }));
-}
-
 TEST_F(PoolKill, NothingIsTornDoubledDisorderedOrLost) {
-  joinPool();
   for (int user = 0; user < kUsers; ++user) start(user);
-  const auto begin = std::chrono::steady_clock::now();
-  const auto elapsed = [&] {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-  };
+  const auto end = qm::platform::Deadline::after(240'000);
   while (totalKills_ < kKills && !HasFatalFailure()) {
-    ASSERT_LT(elapsed(), 240) << "after " << totalKills_ << " kills";
+    ASSERT_FALSE(end.passed()) << "after " << totalKills_ << " kills";
     std::this_thread::sleep_for(std::chrono::microseconds(500 + random_() % 5000));
-    if (random_() % 2 == 0) killOne();
+    if (random_() % 2 == 0) users_[random_() % kUsers].kill();
     reapTheDead();
     // Now and then only, so that most abandoned mutexes are met by the users.
     if (random_() % 4 == 0) expectSoundPool();
   }
   ledger->mayDie = false;
   ledger->stop = true;
-  for (pid_t& pid : users_) {
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(status == 0 || WIFSIGNALED(status)) << "status " << status;
-    pid = -1;
+  for (qmtest::Child& user : users_) {
+    const int status = user.wait();
+    EXPECT_TRUE(status == 0 || status == 128 + SIGKILL) << "status " << status;
   }
   expectSoundPool();
-  noteWaiting();
+  ASSERT_TRUE(pool_.list().visit([](const PoolSlot& slot) {
+    note(slot.DestID - 1, slot.Msg, kWaiting);
+    return true;
+  }));
 
-  std::uint32_t sent = 0, received = 0, purged = 0, waiting = 0, lost[kReceivers] = {};
+  std::uint32_t received = 0, lost[kReceivers] = {};
   for (int sender = 0; sender < kSenders; ++sender) {
     for (std::uint32_t number = 1; number <= ledger->tried[sender]; ++number) {
       const std::uint8_t state = ledger->messages[sender][number];
-      sent += (state & kSent) != 0;
       received += (state & kReceived) != 0;
-      purged += (state & kPurged) != 0;
-      waiting += (state & kWaiting) != 0;
       const bool arrived = (state & (kReceived | kPurged | kWaiting)) != 0;
       if ((state & kSent) != 0 && !arrived) ++lost[state >> kReceiverShift];
     }
   }
-  const std::uint32_t withMutex = ledger->repairs;
-  std::printf("%d kills (%u by themselves), %u repairs by users, %d by the killer, in %.1f s\n",
-              totalKills_, ledger->selfKills.load(), withMutex, repairsByKiller_, elapsed());
-  std::printf("%u messages sent, %u received, %u purged, %u waiting\n", sent, received, purged,
-              waiting);
-  std::printf("lost with their receiver: %u and %u in %d and %d deaths, in batches %u in %d\n",
-              lost[0], lost[1], kills_[kSenders], kills_[kSenders + 1], lost[kBatchReceiver],
-              kills_[kSenders + kBatchReceiver]);
+  std::printf("%d kills, %u repairs by users, %d by the killer, %u messages received\n",
+              totalKills_, ledger->repairs.load(), repairsByKiller_, received);
   EXPECT_EQ(ledger->torn, 0u);
   EXPECT_EQ(ledger->doubled, 0u);
   EXPECT_EQ(ledger->disordered, 0u);
@@ -355,7 +297,7 @@ TEST_F(PoolKill, NothingIsTornDoubledDisorderedOrLost) {
     EXPECT_LE(lost[receiver], static_cast<unsigned>(kills_[kSenders + receiver] * atOnce));
   }
   // Or the run has proved nothing.
-  EXPECT_GE(withMutex, static_cast<std::uint32_t>(kKillsWithMutex));
+  EXPECT_GE(ledger->repairs, static_cast<std::uint32_t>(kKillsWithMutex));
   EXPECT_GE(ledger->selfKillsWithMutex, static_cast<std::uint32_t>(kKillsWithMutex));
   EXPECT_GT(received, 20'000u);
   for (int step = 0; step < static_cast<int>(PoolStep::Count); ++step) {

@@ -5,27 +5,22 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "qmutils/comms/PoolList.h"
-#include "qmutils/comms/PoolNames.h"
 #include "qmutils/comms/SvComms.h"
-#include "qmutils/platform/error.h"
-#include "qmutils/platform/named_objects.h"
 #include "tests/comms/PoolFixture.h"
 #include "tests/support/FakeClock.h"
 
 using qm::platform::Deadline;
 using qmtest::Child;
 using qmtest::OpenObjects;
+using qmtest::pause;
+using qmtest::receive;
 
 namespace {
 
@@ -33,41 +28,37 @@ using PoolLifetime = qmtest::PoolTest;
 
 /// Opens and closes until it is killed.
 int churn(unsigned short identifier) {
-  for (;;) {
-    const int code = SvOpenComms(identifier);
-    if (code != 0) return 1;
-    SvCloseComms();
-  }
+  while (SvOpenComms(identifier) == 0) SvCloseComms();
+  return 1;
 }
 
 constexpr unsigned short kAsker = 1, kAnswerer = 2;
 
 int ask() {
   if (SvOpenComms(kAsker) != 0) return 1;
-  char text[256];
-  for (int i = 0; i < 500; ++i) {
+  std::string answer = "2013";
+  for (int i = 0; i < 500 && answer == "2013"; ++i) {
     SvSendMessage("ping", 1000, kAnswerer);
-    if (SvReceiveMessage(text, sizeof text, 20) == 0) return std::strcmp(text, "pong") == 0 ? 0 : 2;
+    answer = receive(20);
   }
-  return 3;
+  return answer == "pong" ? 0 : 2;
 }
 
 int answer() {
   if (SvOpenComms(kAnswerer) != 0) return 1;
-  char text[256];
-  if (SvReceiveMessage(text, sizeof text, 10'000) != 0) return 3;
+  if (receive(10'000) != "ping") return 3;
   return SvSendMessage("pong", 1000, kAsker) == 0 ? 0 : 4;
 }
 
 TEST_F(PoolLifetime, WhoOpensWhileOthersDieMeetsTheRest) {
   std::mt19937 random(77);
-  const auto startChurner = [](int i) {
-    return Child([i] { return churn(static_cast<unsigned short>(10 + i)); });
+  Child churners[3];
+  const auto start = [&](unsigned i) {
+    churners[i] = Child([i] { return churn(static_cast<unsigned short>(10 + i)); });
   };
-  std::vector<Child> churners;
-  for (int i = 0; i < 3; ++i) churners.push_back(startChurner(i));
+  for (unsigned i = 0; i < 3; ++i) start(i);
   int deaths = 0;
-  const auto killChurner = [&](std::size_t i) {
+  const auto kill = [&](unsigned i) {
     churners[i].kill();
     ASSERT_EQ(churners[i].wait(), 128 + 9) << "a process could not open the pool";
     ++deaths;
@@ -77,32 +68,32 @@ TEST_F(PoolLifetime, WhoOpensWhileOthersDieMeetsTheRest) {
     Child asker(ask);
     for (int i = 0; i < 8; ++i) {
       std::this_thread::sleep_for(std::chrono::microseconds(random() % 500));
-      const std::size_t victim = random() % churners.size();
-      killChurner(victim);
-      churners[victim] = startChurner(static_cast<int>(victim));
+      const unsigned victim = random() % 3;
+      kill(victim);
+      start(victim);
     }
     // Now and then all die at one moment.
     if (round % 3 == 0) {
       for (Child& churner : churners) churner.kill();
-      for (std::size_t i = 0; i < churners.size(); ++i) {
-        killChurner(i);
-        churners[i] = startChurner(static_cast<int>(i));
+      for (unsigned i = 0; i < 3; ++i) {
+        kill(i);
+        start(i);
       }
     }
     ASSERT_EQ(asker.wait(), 0) << "round " << round;
     ASSERT_EQ(answerer.wait(), 0) << "round " << round;
   }
-  for (std::size_t i = 0; i < churners.size(); ++i) killChurner(i);
+  for (unsigned i = 0; i < 3; ++i) kill(i);
   EXPECT_GT(deaths, 1000);
   ASSERT_EQ(SvOpenComms(5), 0);
+  EXPECT_EQ(SvGetCommsOSError(), 0u) << "not a new section, though all its users are dead";
 }
 
 TEST_F(PoolLifetime, TheMutexIsRecursiveAndNoticesDeadOwnersUntilRepaired) {
   OpenObjects objects;
   ASSERT_TRUE(objects.open());
-  const auto take = [&] { return objects.acquire(Deadline::after(5000)); };
-  ASSERT_EQ(take(), WAIT_OBJECT_0);
-  ASSERT_EQ(take(), WAIT_OBJECT_0);
+  ASSERT_EQ(objects.take(), WAIT_OBJECT_0);
+  ASSERT_EQ(objects.take(), WAIT_OBJECT_0);
   objects.leave();
   std::thread([&] { EXPECT_EQ(objects.tryAcquire(), WAIT_TIMEOUT); }).join();
   objects.leave();
@@ -113,26 +104,19 @@ TEST_F(PoolLifetime, TheMutexIsRecursiveAndNoticesDeadOwnersUntilRepaired) {
       // Ends by _exit(), so that nothing closes.
       OpenObjects& mine = *new OpenObjects;
       mine.openMutex(Deadline::after(20'000));
-      const DWORD result = mine.acquire(Deadline::after(5000));
-      if (result != (death == 0 || death == 3 ? WAIT_OBJECT_0 : WAIT_ABANDONED)) return 1;
-      if (death == 2) {
-        mine.declareRepaired();
-        mine.leave();
-        return mine.acquire(Deadline::after(5000)) == WAIT_OBJECT_0 ? 0 : 2;
-      }
-      return 0;
+      if (mine.take() != (death == 0 || death == 3 ? WAIT_OBJECT_0 : WAIT_ABANDONED)) return 1;
+      if (death != 2) return 0;
+      mine.declareRepaired();
+      mine.leave();
+      return mine.take() == WAIT_OBJECT_0 ? 0 : 2;
     });
     EXPECT_EQ(child.wait(), 0) << "death " << death;
-    if (death == 2) {
-      EXPECT_EQ(take(), WAIT_ABANDONED);
-      objects.declareRepaired();
-      objects.leave();
-    }
+    if (death < 2) continue;
+    EXPECT_EQ(objects.take(), WAIT_ABANDONED);
+    objects.declareRepaired();
+    objects.leave();
   }
-  EXPECT_EQ(take(), WAIT_ABANDONED);
-  objects.declareRepaired();
-  objects.leave();
-  EXPECT_EQ(take(), WAIT_OBJECT_0);
+  EXPECT_EQ(objects.take(), WAIT_OBJECT_0);
   objects.leave();
 }
 
@@ -141,10 +125,9 @@ TEST_F(PoolLifetime, TwoGroupsOfOneProcessAreTwoUsers) {
   OpenObjects second;
   ASSERT_TRUE(first->open());
   ASSERT_TRUE(second.open());
-  qm::PoolList pool(*static_cast<qm::PoolSection*>(second.section()));
-  EXPECT_TRUE(pool.isBlank());
-  qm::PoolList(*static_cast<qm::PoolSection*>(first->section())).initialise();
-  EXPECT_TRUE(pool.hasMagic());
+  EXPECT_TRUE(second.list().isBlank());
+  first->list().initialise();
+  EXPECT_TRUE(second.list().hasMagic());
   ASSERT_EQ(first->tryAcquire(), WAIT_OBJECT_0);
   std::thread([&] { EXPECT_EQ(second.tryAcquire(), WAIT_TIMEOUT); }).join();
   first->leave();
@@ -152,7 +135,7 @@ TEST_F(PoolLifetime, TwoGroupsOfOneProcessAreTwoUsers) {
   // Still open, and still the mutex that it was.
   ASSERT_EQ(second.tryAcquire(), WAIT_OBJECT_0);
   second.leave();
-  EXPECT_TRUE(pool.hasMagic());
+  EXPECT_TRUE(second.list().hasMagic());
   EXPECT_EQ(sharedObjects().size(), 5u);
   second.close(false);
   EXPECT_TRUE(sharedObjects().empty());
@@ -160,9 +143,7 @@ TEST_F(PoolLifetime, TwoGroupsOfOneProcessAreTwoUsers) {
 
 TEST_F(PoolLifetime, AProgramThatEndsWithoutClosingLeavesNothing) {
   for (const bool othersAreThere : {false, true}) {
-    if (othersAreThere) {
-      ASSERT_EQ(SvOpenComms(5), 0);
-    }
+    ASSERT_EQ(SvOpenComms(othersAreThere ? 5 : 0), 0);
     Child child([]() -> int {
       if (SvOpenComms(6) != 0) return 1;
       std::exit(0);
@@ -211,27 +192,23 @@ TEST_F(PoolLifetime, ARepairWakesEverySleeper) {
   ASSERT_TRUE(objects.open());
   constexpr int kEvent = -1;
   for (const int sleeper : {kEvent, 0, 1, 1022, 1023, 65535}) {
-    std::vector<double> delays;
-    for (int i = 0; i < 5; ++i) {
+    const double delay = qmtest::medianOf(5, [&] {
       const auto number = static_cast<std::uint16_t>(sleeper);
-      ASSERT_EQ(objects.acquire(Deadline::after(5000)), WAIT_OBJECT_0);
+      EXPECT_EQ(objects.take(), WAIT_OBJECT_0);
       const std::uint32_t expectation = objects.expectRing(number);
       objects.leave();
-      std::chrono::steady_clock::time_point awake;
       std::thread thread([&] {
         sleeper == kEvent ? objects.waitEvent(100) : objects.waitRing(number, expectation, 100);
-        awake = std::chrono::steady_clock::now();
       });
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      const auto start = std::chrono::steady_clock::now();
-      ASSERT_EQ(objects.acquire(Deadline::after(5000)), WAIT_OBJECT_0);
-      objects.wakeEverybody();
-      objects.leave();
-      thread.join();
-      delays.push_back(std::chrono::duration<double>(awake - start).count());
-    }
-    std::sort(delays.begin(), delays.end());
-    EXPECT_LT(delays[2], 0.04) << "sleeper " << sleeper;
+      pause(10);
+      return qmtest::secondsOf([&] {
+        EXPECT_EQ(objects.take(), WAIT_OBJECT_0);
+        objects.wakeEverybody();
+        objects.leave();
+        thread.join();
+      });
+    });
+    EXPECT_LT(delay, 0.04) << "sleeper " << sleeper;
   }
 }
 
@@ -246,9 +223,9 @@ TEST_F(PoolLifetime, LongTimeOutsFollowTheClock) {
       result = call();
       done = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    pause(20);
     clock.advanceMs(timeoutMs - 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    pause(20);
     EXPECT_FALSE(done);
     clock.advanceMs(1);
     caller.join();
@@ -260,7 +237,7 @@ TEST_F(PoolLifetime, LongTimeOutsFollowTheClock) {
   objects.leave();
 
   // Somebody who stands still in the middle of joining.
-  const int gate = ::open(pathOf(qm::kPoolObjectNames.users).c_str(), O_RDWR | O_CLOEXEC);
+  const int gate = ::open(pathOf("Users").c_str(), O_RDWR | O_CLOEXEC);
   ASSERT_GE(gate, 0);
   struct flock lock = {};
   lock.l_type = F_WRLCK;
@@ -269,13 +246,10 @@ TEST_F(PoolLifetime, LongTimeOutsFollowTheClock) {
   EXPECT_EQ(passesAfter(20'000, [] { return static_cast<DWORD>(SvOpenComms(5)); }), 2013u);
   ::close(gate);
   ASSERT_EQ(SvOpenComms(5), 0);
-  EXPECT_EQ(
-      passesAfter(86'400'000,
-                  [] {
-                    char text[256];
-                    return static_cast<DWORD>(SvReceiveMessage(text, sizeof text, 86'400'000));
-                  }),
-      2013u);
+  const auto receiveForADay = [] { return receive(86'400'000) == "2013" ? 2013u : 0u; };
+  EXPECT_EQ(passesAfter(86'400'000, receiveForADay), 2013u);
+  ASSERT_EQ(SvSendMessage("for another", 0, 7), 0);
+  EXPECT_EQ(passesAfter(86'400'000, receiveForADay), 2013u);
 }
 
 }  // namespace

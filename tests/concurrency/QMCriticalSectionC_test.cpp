@@ -17,6 +17,7 @@
 
 namespace {
 
+using namespace qm::platform;
 using User = QMCriticalSectionC::QMCriticalSectionUserC;
 using QMErrors::NoError;
 
@@ -31,35 +32,37 @@ class Holder {
     thread_ = std::thread([&] {
       User user(&section);
       EXPECT_EQ(user.EnterCriticalSection("Holder", 0), NoError);
-      id_ = qm::platform::currentThreadId();
-      qm::platform::setEvent(held_);
-      qm::platform::wait(release_, INFINITE);
+      setEvent(held_);
+      wait(release_, INFINITE);
     });
-    qm::platform::wait(held_, INFINITE);
+    wait(held_, INFINITE);
   }
   ~Holder() { letGo(); }
   void letGo() {
-    qm::platform::setEvent(release_);
+    setEvent(release_);
     if (thread_.joinable()) thread_.join();
   }
-  DWORD id() const { return id_; }
 
  private:
   std::thread thread_;
-  std::atomic<DWORD> id_{0};
-  void* held_ = qm::platform::createEvent(true, false);
-  void* release_ = qm::platform::createEvent(true, false);
+  void* const held_ = createEvent(true, false);
+  void* const release_ = createEvent(true, false);
 };
+
+std::string stateOf(const QMCriticalSectionC& section) {
+  std::ostringstream text;
+  text << section;
+  return text.str();
+}
 
 TEST(QMCriticalSectionC, CountsEntriesOfItsOwner) {
   qmtest::LogCapture log;
   QMCriticalSectionC section;
   User user(&section);
-  const DWORD self = qm::platform::currentThreadId();
   for (unsigned depth = 1; depth <= 3; ++depth) {
     EXPECT_EQ(user.EnterCriticalSection("depth", 0), NoError);
     EXPECT_EQ(section.GetLockCount(), depth);
-    EXPECT_EQ(section.GetOwnerTID(), self);
+    EXPECT_EQ(section.GetOwnerTID(), currentThreadId());
   }
   EXPECT_STREQ(section.GetSafeOwnerName(), "depth");
   for (unsigned depth = 3; depth > 0; --depth) {
@@ -81,19 +84,16 @@ TEST(QMCriticalSectionC, OnlyTheOwnerLeaves) {
   QMCriticalSectionC section;
   Holder holder(section);
   qmtest::LogCapture log;
-  {
-    User other(&section);
-    EXPECT_EQ(other.LeaveCriticalSection("other"), QMErrors::e_CriticalSection_NonOwnerLeave);
-    EXPECT_EQ(section.GetLockCount(), 1u);
-    EXPECT_EQ(section.GetOwnerTID(), holder.id());
-    EXPECT_EQ(
-        log.text(),
-        " WARNING: QMCriticalSectionC::LeaveCriticalSection():  - leave attempted by non-owner "
-        ": Holder\n");
-    holder.letGo();
-    EXPECT_EQ(other.LeaveCriticalSection("other"), QMErrors::e_CriticalSection_NonOwnerLeave)
-        << "the last owner was another thread";
-  }
+  User other(&section);
+  EXPECT_EQ(other.LeaveCriticalSection("other"), QMErrors::e_CriticalSection_NonOwnerLeave);
+  EXPECT_EQ(section.GetLockCount(), 1u);
+  EXPECT_NE(section.GetOwnerTID(), currentThreadId());
+  EXPECT_EQ(log.text(),
+            " WARNING: QMCriticalSectionC::LeaveCriticalSection():  - leave attempted by non-owner "
+            ": Holder\n");
+  holder.letGo();
+  EXPECT_EQ(other.LeaveCriticalSection("other"), QMErrors::e_CriticalSection_NonOwnerLeave)
+      << "the last owner was another thread";
 }
 
 TEST(QMCriticalSectionC, WaitingEndsByTimeOutKillEventOrRelease) {
@@ -105,13 +105,13 @@ TEST(QMCriticalSectionC, WaitingEndsByTimeOutKillEventOrRelease) {
   EXPECT_EQ(log.text(), std::string(kEnter) +
                             ", locker: late, timed out waiting to obtain critical section, already "
                             "owned by thread ID:" +
-                            std::to_string(holder.id()) + ", owner name: Holder\n");
+                            std::to_string(section.GetOwnerTID()) + ", owner name: Holder\n");
   log.clear();
 
-  void* const kill = qm::platform::createEvent(true, false);
+  void* const kill = createEvent(true, false);
   std::thread killer([&] {
-    qm::platform::sleep(20, false);
-    qm::platform::setEvent(kill);
+    sleep(20, false);
+    setEvent(kill);
   });
   EXPECT_EQ(user.EnterCriticalSection("killed", kill, INFINITE),
             QMErrors::e_CriticalSection_KillSignalled);
@@ -119,9 +119,9 @@ TEST(QMCriticalSectionC, WaitingEndsByTimeOutKillEventOrRelease) {
   EXPECT_EQ(log.text(), std::string(kEnter) + ", locker: killed, kill event signalled:\n");
   log.clear();
 
-  qm::platform::resetEvent(kill);
+  resetEvent(kill);
   std::thread releaser([&] {
-    qm::platform::sleep(20, false);
+    sleep(20, false);
     holder.letGo();
   });
   EXPECT_EQ(user.EnterCriticalSection("patient", kill, INFINITE), NoError);
@@ -129,7 +129,7 @@ TEST(QMCriticalSectionC, WaitingEndsByTimeOutKillEventOrRelease) {
   releaser.join();
   EXPECT_EQ(user.LeaveCriticalSection("patient"), NoError);
   EXPECT_EQ(log.text(), "");
-  qm::platform::closeHandle(kill);
+  closeHandle(kill);
 }
 
 TEST(QMCriticalSectionC, AWakeUpLostToAnotherThreadDoesNotProlongTheTimeOut) {
@@ -137,18 +137,18 @@ TEST(QMCriticalSectionC, AWakeUpLostToAnotherThreadDoesNotProlongTheTimeOut) {
   qmtest::LogCapture log;
   QMCriticalSectionC section;
   Holder holder(section);
+  const std::string state = stateOf(section);
+  const auto semaphore = std::stoull(state.substr(state.find("0x")), nullptr, 16);
   std::atomic<int> result{-1};
-  std::thread waiter([&] {
-    User user(&section);
-    result = user.EnterCriticalSection("waiter", 60000);
-  });
-  // Time passes, and meanwhile the section changes hands without the waiter getting it.
-  for (int second = 0; second < 61 && result == -1; ++second) {
+  std::thread waiter([&] { result = User(&section).EnterCriticalSection("waiter", 60000); });
+  // Each second a wake-up for the waiter, which finds the section taken again.
+  for (int second = 0; second < 70 && result == -1; ++second) {
     clock.advanceMs(1000);
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    releaseSemaphore(reinterpret_cast<void*>(semaphore), 1, nullptr);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  while (result == -1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   EXPECT_EQ(result, QMErrors::e_CriticalSection_TimeOut);
+  holder.letGo();
   waiter.join();
 }
 
@@ -175,35 +175,22 @@ TEST(QMCriticalSectionC, AScopeUndoesWhatItLeftLocked) {
       << "only the user that never entered, inside a locked scope, is reported";
 }
 
-TEST(QMCriticalSectionC, AUserWithoutASectionSaysSo) {
-  User user(nullptr);
-  EXPECT_EQ(user.EnterCriticalSection("x", 0), QMErrors::e_CriticalSectionUser_InvalidSection);
-  EXPECT_EQ(user.LeaveCriticalSection("x"), QMErrors::e_CriticalSectionUser_InvalidSection);
-}
-
 TEST(QMCriticalSectionC, DestructionOfAHeldSectionIsReportedWithItsState) {
   qmtest::LogCapture log;
-  std::string state;
-  {
-    QMCriticalSectionC* cell = nullptr;
-    ASSERT_EQ(QMInitializeCriticalSectionEx(&cell, 0), NoError);
-    EXPECT_EQ(QMEnterCriticalSectionEx(&cell, "leaver", 7, 0), NoError);
-    EXPECT_EQ(QMEnterCriticalSectionEx(&cell, "leaver", 7, 0), NoError);
-    std::ostringstream text;
-    text << *cell << 255;
-    state = text.str();
-    EXPECT_EQ(QMDeleteCriticalSection(&cell), NoError);
-    EXPECT_EQ(cell, nullptr);
-  }
-  std::ostringstream owner;
-  owner << std::hex << qm::platform::currentThreadId();
-  EXPECT_EQ(state.find("QMCriticalSectionC = {m_dwCurrentOwnerTID = " + owner.str() +
-                       ", m_hSemaphore = 0x"),
-            0u)
-      << state;
-  EXPECT_NE(state.find(", m_nLockCount = 2, m_pOwnerName = leaver, }255"), std::string::npos)
-      << state;
-  state.resize(state.size() - 3);
+  QMCriticalSectionC* cell = nullptr;
+  ASSERT_EQ(QMInitializeCriticalSectionEx(&cell, 0), NoError);
+  EXPECT_EQ(QMEnterCriticalSectionEx(&cell, "leaver", 7, 0), NoError);
+  EXPECT_EQ(QMEnterCriticalSectionEx(&cell, "leaver", 7, 0), NoError);
+  const std::string state = stateOf(*cell);
+  std::ostringstream text;
+  text << *cell << 255 << ' ' << std::hex << currentThreadId();
+  EXPECT_EQ(QMDeleteCriticalSection(&cell), NoError);
+  EXPECT_EQ(cell, nullptr);
+  const std::string owner = text.str().substr(text.str().rfind(' ') + 1);
+  EXPECT_TRUE(text.str().starts_with(state + "255 "));
+  EXPECT_TRUE(state.starts_with("QMCriticalSectionC = {m_dwCurrentOwnerTID = " + owner +
+                                ", m_hSemaphore = 0x"));
+  EXPECT_TRUE(state.ends_with(", m_nLockCount = 2, m_pOwnerName = leaver, }")) << state;
   EXPECT_EQ(
       log.text(),
       " ERROR: QMCriticalSectionC::~QMCriticalSectionC(): Critical section being deleted with "
@@ -211,7 +198,7 @@ TEST(QMCriticalSectionC, DestructionOfAHeldSectionIsReportedWithItsState) {
           state + "\n");
 }
 
-TEST(QMCriticalSectionC, HandlesForCodeWithoutClasses) {
+TEST(QMCriticalSectionC, HandlesWorkForCodeWithoutClasses) {
   qmtest::LogCapture log;
   QMCriticalSectionC** const cell = QMCreateCriticalSection(0);
   ASSERT_NE(cell, nullptr);
@@ -223,7 +210,7 @@ TEST(QMCriticalSectionC, HandlesForCodeWithoutClasses) {
   std::memset(text, '#', sizeof text);
   const unsigned length = QMCriticalSectionToString(cell, text, sizeof text);
   EXPECT_EQ(std::strlen(text) + 1, length);
-  EXPECT_EQ(std::strncmp(text, "0x", 2), 0);
+  EXPECT_TRUE(std::string(text).starts_with("0x"));
   std::memset(text, '#', sizeof text);
   EXPECT_EQ(QMCriticalSectionToString(nullptr, text, 7), 24u);
   EXPECT_EQ(std::string(text, 8), "Invalid#");
@@ -234,6 +221,9 @@ TEST(QMCriticalSectionC, HandlesForCodeWithoutClasses) {
   EXPECT_EQ(QMEnterCriticalSectionEx(nullptr, "c", 1, 0), QMErrors::BadCommandLineArguments);
   EXPECT_EQ(QMEnterCriticalSectionEx(&empty, "c", 1, 0), QMErrors::BadCommandLineArguments);
   EXPECT_EQ(QMLeaveCriticalSectionEx(&empty, "c", 1), QMErrors::BadCommandLineArguments);
+  User user(nullptr);
+  EXPECT_EQ(user.EnterCriticalSection("x", 0), QMErrors::e_CriticalSectionUser_InvalidSection);
+  EXPECT_EQ(user.LeaveCriticalSection("x"), QMErrors::e_CriticalSectionUser_InvalidSection);
   EXPECT_EQ(log.text(), "");
 }
 
@@ -242,15 +232,14 @@ std::string boxes;
 TEST(QMCriticalSectionC, ReportsThroughMessageBoxesWhenAskedTo) {
   qmtest::LogCapture log;
   boxes.clear();
-  const auto former =
-      qm::platform::setPromptHook([](const char* text, const char* caption, UINT style) -> int {
-        boxes += std::string(caption) + "|" + text + "|" + std::to_string(style) + "\n";
-        return IDOK;
-      });
+  const auto former = setPromptHook([](const char* text, const char* caption, UINT style) -> int {
+    boxes += std::string(caption) + "|" + text + "|" + std::to_string(style) + "\n";
+    return IDOK;
+  });
   QMCriticalSectionC** const cell = QMCreateCriticalSection(1);
   EXPECT_EQ(QMLeaveCriticalSectionEx(cell, "c", 1), QMErrors::e_CriticalSection_NonOwnerLeave);
   QMDestroyCriticalSection(cell);
-  qm::platform::setPromptHook(former);
+  setPromptHook(former);
   EXPECT_EQ(
       boxes,
       "QMCriticalSectionC::LogWarning(): |QMCriticalSectionC::LeaveCriticalSection():  - leave "
@@ -270,26 +259,20 @@ TEST(QMCriticalSectionC, MayBeDestroyedByTheNextOwner) {
       held = true;
     });
     while (!held) std::this_thread::yield();
-    {
-      User user(section);
-      EXPECT_EQ(user.EnterCriticalSection("next", 30000), NoError);
-    }
+    EXPECT_EQ(User(section).EnterCriticalSection("next", 30000), NoError);
     delete section;
     first.join();
   }
 }
 
-class Contention : public testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(QMCriticalSectionC, Contention, testing::Values(2, 4));
-
-TEST_P(Contention, ExcludesThreadsAndLosesNoWakeUp) {
+void contend(int threadCount) {
   QMCriticalSectionC section;
   constexpr int kRounds = 50000;
   long counter = 0;  // plain on purpose: only the section guards it
-  std::atomic<int> running{GetParam()};
+  std::atomic<int> running{threadCount};
   qmtest::LogCapture log;
   std::vector<std::thread> threads;
-  for (int t = 0; t < GetParam(); ++t) {
+  for (int t = 0; t < threadCount; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < kRounds; ++i) {
         User user(&section);
@@ -307,7 +290,12 @@ TEST_P(Contention, ExcludesThreadsAndLosesNoWakeUp) {
     if (user.EnterCriticalSection("impatient", timeoutMs) == NoError) ++counter, ++impatient;
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(counter, GetParam() * kRounds + impatient);
+  EXPECT_EQ(counter, threadCount * kRounds + impatient);
+}
+
+TEST(QMCriticalSectionC, ExcludesThreadsAndLosesNoWakeUp) {
+  contend(2);
+  contend(4);
 }
 
 }  // namespace

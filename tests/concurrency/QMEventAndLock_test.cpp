@@ -20,27 +20,20 @@ TEST(QMEventC, AnswersInNumberAndWords) {
   std::thread([&] { wait(mutex, 0); }).join();  // abandoned
   void* const closed = createEvent(true, false);
   closeHandle(closed);
-  struct Case {
-    void* handle;
-    bool signalled;
-    DWORD result;
-    const char* words;
-  };
-  const auto check = [](const Case& expected) {
+  const auto check = [](void* handle, bool signalled, DWORD code, const std::string& words) {
     DWORD result = 77;
     std::ostringstream report;
-    EXPECT_EQ(QMEventC(expected.handle).IsEventSignalled(&result, 0, &report), expected.signalled);
-    EXPECT_EQ(result, expected.result);
-    EXPECT_EQ(report.str(), "QMEventC::IsEventSignalled(): Event:" +
-                                std::string(qm::PointerText(expected.handle).view()) +
-                                expected.words);
+    EXPECT_EQ(QMEventC(handle).IsEventSignalled(&result, 0, &report), signalled);
+    EXPECT_EQ(result, code);
+    const std::string pointer(qm::PointerText(handle).view());
+    EXPECT_EQ(report.str(), "QMEventC::IsEventSignalled(): Event:" + pointer + words);
   };
-  check({event, true, WAIT_OBJECT_0, " is valid AND signalled."});
+  check(event, true, WAIT_OBJECT_0, " is valid AND signalled.");
   resetEvent(event);
-  check({event, false, WAIT_TIMEOUT, " is valid but NOT signalled."});
-  check({mutex, true, WAIT_ABANDONED, " is valid but NOT signalled."});
-  check({closed, true, WAIT_FAILED, " is invalid: Error: 6 (0x6) The handle is invalid."});
-  check({nullptr, true, WAIT_FAILED, " is invalid: Error: 6 (0x6) The handle is invalid."});
+  check(event, false, WAIT_TIMEOUT, " is valid but NOT signalled.");
+  check(mutex, true, WAIT_ABANDONED, " is valid but NOT signalled.");
+  check(closed, true, WAIT_FAILED, " is invalid: Error: 6 (0x6) The handle is invalid.");
+  check(nullptr, true, WAIT_FAILED, " is invalid: Error: 6 (0x6) The handle is invalid.");
   EXPECT_TRUE(QMEventC::IsEventSignalled(nullptr, nullptr, 0, nullptr));
   EXPECT_TRUE(QMEventC(closed).IsEventValid());
   EXPECT_FALSE(QMEventC().IsEventValid());

@@ -102,6 +102,18 @@ TEST(QMThreadC, StartsAndStopsAgainButNotByItself) {
   }
 }
 
+TEST(QMThreadC, AThousandStartsAndStopsLeaveNothingBehind) {
+  qmtest::LogCapture log(1);
+  for (int i = 0; i < 500; ++i) {
+    BodyThread thread(untilTold);
+    ASSERT_EQ(thread.start(), NoError);
+    ASSERT_EQ(thread.stop(), NoError);
+    ASSERT_EQ(thread.start(), NoError);
+  }
+  EXPECT_EQ(log.text(), "");
+  EXPECT_EQ(QMThreadC::stopAll(), NoError);
+}
+
 TEST(QMThreadC, AParentsStopSignalsAllChildrenBeforeItWaits) {
   qmtest::LogCapture log(1);
   std::atomic<int> ended{0};

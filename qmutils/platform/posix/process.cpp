@@ -28,6 +28,7 @@
 #include "qmutils/platform/module.h"
 #include "qmutils/platform/posix/command_line.h"
 #include "qmutils/platform/posix/errno_translation.h"
+#include "qmutils/platform/posix/process_generation.h"
 #include "qmutils/platform/posix/wait_object.h"
 #include "qmutils/platform/waitable.h"
 
@@ -105,7 +106,7 @@ class ChildWatcher {
     static constinit std::mutex mutex;
     static constinit ChildWatcher* watcher = nullptr;
     const std::lock_guard lock(mutex);
-    if (watcher == nullptr || watcher->process_ != getpid()) watcher = create();
+    if (watcher == nullptr || watcher->process_ != processGeneration()) watcher = create();
     return watcher;
   }
 
@@ -164,7 +165,7 @@ class ChildWatcher {
   }
 
   const int epoll_;
-  const pid_t process_ = getpid();
+  const unsigned process_ = processGeneration();
 };
 
 bool isProgramFile(const std::string& path) noexcept {

@@ -15,6 +15,7 @@
 #include "qmutils/platform/posix/descriptor.h"
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/native_path.h"
+#include "qmutils/platform/posix/process_generation.h"
 
 namespace qm::platform {
 
@@ -73,7 +74,7 @@ struct WatchedAppendFile::Watch {
   /// to read, which is the cheapest question, and reads the events only to be rid of them.
   bool mayHaveChanged() noexcept {
     // A forked child shares the notifier, and would take the events away from its parent.
-    if (notifier.isOpen() && getpid() != watcher) notifier.reset();
+    if (notifier.isOpen() && posix::processGeneration() != watcher) notifier.reset();
     if (!notifier.isOpen()) return true;
     int pending = 0;
     if (ioctl(notifier.get(), FIONREAD, &pending) == 0 && pending == 0) return false;
@@ -95,7 +96,7 @@ struct WatchedAppendFile::Watch {
     if (!started.isOpen() || !watchName(started.get())) return;
     // What happened between opening and watching left no event.
     if (nameLeadsHere()) notifier = std::move(started);
-    watcher = getpid();
+    watcher = posix::processGeneration();
   }
 
   /// Watches the file and every folder above it; false when a part of the name is a link or cannot
@@ -117,7 +118,7 @@ struct WatchedAppendFile::Watch {
   NativePath path;
   Descriptor file;
   Descriptor notifier;
-  pid_t watcher = 0;  ///< the process that made the notifier
+  unsigned watcher = 0;  ///< which copy of the process made the notifier
   struct stat identity {};
 };
 

@@ -283,15 +283,14 @@ TEST(QMThreadC, WaitsAreTracedAtLevelTwenty) {
 TEST(QMThreadC, LongSleepsNoticeTheEndEventAfterEachSlice) {
   qmtest::FakeClock clock;
   std::atomic<DWORD> result{0};
-  std::atomic<bool> asleep{false};
+  std::atomic<unsigned> looks{~0u};  // at the clock, before it sleeps
   BodyThread thread([&](BodyThread& self) {
-    asleep = true;
+    looks = clock.looks();
     result = self.SleepEx(25000, false);
     return NoError;
   });
   thread.start();
-  awaitTrue([&] { return asleep.load(); });
-  pause(10);
+  awaitTrue([&] { return looks != ~0u && clock.looks() > looks; });
   thread.NotifyEnd();
   clock.advanceMs(9000);
   pause(10);

@@ -252,17 +252,22 @@ TEST_F(CTPImagerUser, HandsAnExposureOver) {
             "</ImageControl >\r\n");
   EXPECT_EQ(icf.str(), qmtest::readFile(icfFile));
 
-  // What cannot be described leaves no files.
-  const auto count = [&] {
-    return std::distance(std::filesystem::directory_iterator(icfFile.parent_path()), {});
+  // What cannot be described leaves no files. Other tests may use the folder at the same time.
+  const auto filesOf = [&](const std::string& job) {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(icfFile.parent_path())) {
+      count += entry.path().filename().string().starts_with(job);
+    }
+    return count;
   };
-  const auto before = count();
+  const int before = filesOf("job17_");
   EXPECT_EQ(imager.StartExpose(ICFC::ExposeInfoC("a\"b.tif", 18), job, icf),
             QMErrors::BadMissingMalformedICFFile);
   EXPECT_TRUE(isOnStack("REASON: From icf.Save()"));
-  EXPECT_EQ(count(), before);
+  EXPECT_EQ(filesOf("job18_"), 0);
   EXPECT_EQ(imager.StopImager(), NoError);
-  EXPECT_EQ(count(), before - 1) << "a file that the imager did not read goes with the imager";
+  EXPECT_EQ(filesOf("job17_"), before - 1)
+      << "a file that the imager did not read goes with the imager";
 }
 
 TEST(ICFC, ProfilesAreANameAndSettings) {

@@ -132,9 +132,9 @@ TEST_F(Thread, SuspensionNeverStopsAThreadThatHoldsTheLibrarysLock) {
 
 TEST_F(Thread, ASuspendedThreadDoesNotTakeAWakeUpAlong) {
   const HANDLE there = event(false, false), back = event(false, false);
-  std::atomic<bool> stop{false};
+  std::atomic<bool> stop{false}, stopped{false};
   const HANDLE partner = thread([&] {
-    while (wait(there, kLong) == WAIT_OBJECT_0 && !stop) setEvent(back);
+    while (wait(there, kLong) == WAIT_OBJECT_0 && !stopped) setEvent(back);
     return 0;
   });
   const HANDLE setter = thread([&] {
@@ -142,6 +142,7 @@ TEST_F(Thread, ASuspendedThreadDoesNotTakeAWakeUpAlong) {
       setEvent(there);
       wait(back, kLong);
     }
+    stopped = true;
     setEvent(there);
     return 0;
   });

@@ -20,12 +20,21 @@ class FakeClock : public qm::platform::TimeSource {
   /// Sets the wall clock (UTC); the monotonic clock does not move.
   void setUtc(const SYSTEMTIME& utc) noexcept;
 
-  std::int64_t monotonicNanoseconds() noexcept override { return nanoseconds_.load(); }
+  /// How often the monotonic clock was looked at: a wait does so at its beginning, for its
+  /// deadline.
+  unsigned looks() const noexcept { return looks_; }
+
+  std::int64_t monotonicNanoseconds() noexcept override {
+    const std::int64_t now = nanoseconds_;
+    ++looks_;
+    return now;
+  }
   std::uint64_t utcTicks() noexcept override { return ticks_.load(); }
 
  private:
   std::atomic<std::int64_t> nanoseconds_{qm::platform::monotonicNanoseconds()};
   std::atomic<std::uint64_t> ticks_;
+  std::atomic<unsigned> looks_{0};
   qm::platform::TimeSource* former_;
 };
 

@@ -47,8 +47,8 @@ bool handle(const QMErrors::QMMessagePacketT& packet, const std::string& profile
     return false;
   } else if (packet.nCode == kCodeExpose) {
     const std::string line = firstLine(packet.pString);
-    send(7, packet.nVal, line.substr(0, line.find(" -pr ")));
     qm::platform::deleteFile(packet.pString);
+    send(7, packet.nVal, line.substr(0, line.find(" -pr ")));
   } else if (packet.nCode == 98) {
     for (int i = 1; i <= 20; ++i) send(7, 98, std::to_string(i));
     std::raise(SIGKILL);

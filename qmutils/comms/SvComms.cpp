@@ -15,6 +15,7 @@
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/named_objects.h"
 #include "qmutils/platform/process.h"
+#include "qmutils/platform/suspension_deferral.h"
 #include "qmutils/platform/thread.h"
 
 namespace qm {
@@ -106,7 +107,7 @@ class Connection {
 
   SharedObjects objects_{kPoolObjectNames, kPoolSectionKind};
   std::mutex openClose_;
-  DWORD process_ = 0;
+  std::atomic<DWORD> process_{platform::currentProcessId()};
   std::atomic<bool> connected_{false};
   std::atomic<int> calls_{0};
   std::atomic<std::uint16_t> ownId_{0};
@@ -155,8 +156,7 @@ bool Connection::enter() noexcept {
 /// A forked child has neither the connection nor the threads that were inside a call.
 void Connection::startAfreshInCopy() noexcept {
   const DWORD process = platform::currentProcessId();
-  if (process_ == process) return;
-  process_ = process;
+  if (process_.exchange(process) == process) return;
   new (&openClose_) std::mutex;
   connected_ = false;
   calls_ = 0;
@@ -169,6 +169,8 @@ void Connection::endCalls() noexcept {
 }
 
 QMErrorT Connection::open(std::uint16_t ownId) noexcept {
+  // Standing still half in the pool would keep other threads and processes out.
+  const platform::SuspensionDeferral untilOpen;
   startAfreshInCopy();
   std::lock_guard guard(openClose_);
   endCalls();
@@ -232,6 +234,7 @@ QMErrorT Connection::giveUpOpening(QMErrorT code) noexcept {
 void Connection::close() noexcept {
   // Asked before the lock, which in a forked child may be held by a thread that it does not have.
   if (!objects_.isOpen()) return;
+  const platform::SuspensionDeferral untilClosed;
   std::lock_guard guard(openClose_);
   if (!isConnected()) return;
   endCalls();
@@ -453,7 +456,10 @@ bool Connection::havePending(int (*match)(const char*, void*), void* context) no
     found = slot.DestID == ownId && match(slot.Msg, context) != 0;
     return !found;
   };
-  if (!list().visit(matches)) repair();
+  if (!list().visit(matches)) {
+    repair();
+    (void)list().visit(matches);
+  }
   unlock();
   return found;
 }

@@ -1,9 +1,8 @@
 #include "qmutils/concurrency/QMCriticalSectionC.h"
 
-#include <new>
+#include <cstdio>
 #include <optional>
 #include <ostream>
-#include <string>
 
 #include "qmutils/foundation/PointerText.h"
 #include "qmutils/platform/clock.h"
@@ -37,7 +36,11 @@ const char* orUnknown(const char* name) noexcept { return name != nullptr ? name
 void deliver(QMstrstream& message, bool byMessageBox, const char* caption,
              QMLogStreamC& (QMLogStreamC::*prefix)()) {
   if (byMessageBox) {
-    messageBox(std::string(message.text()).c_str(), caption, MB_TASKMODAL);
+    // Cut, should it be very long, rather than copied: there may be no memory for it.
+    char text[2048];
+    std::snprintf(text, sizeof text, "%.*s", static_cast<int>(message.text().size()),
+                  message.text().data());
+    messageBox(text, caption, MB_TASKMODAL);
     return;
   }
   QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
@@ -172,7 +175,8 @@ QMErrors::QMErrorT QMCriticalSectionC::LeaveCriticalSection(const char* locker,
   if (count == 0) {
     ReportWarning(kLeave, " - leave attempted with zero lock count : ", GetSafeOwnerName());
   }
-  const bool lastOwner = owner == 0 && m_dwLastOwnerTID.load(std::memory_order_relaxed) == self;
+  const bool lastOwner =
+      owner == 0 && count == 0 && m_dwLastOwnerTID.load(std::memory_order_relaxed) == self;
   if (owner != self && !lastOwner) {
     ReportWarning(kLeave, " - leave attempted by non-owner : ", GetSafeOwnerName());
     return QMErrors::e_CriticalSection_NonOwnerLeave;
@@ -218,7 +222,9 @@ QMErrors::QMErrorT QMCriticalSectionC::MarkFree() {
     }
   } while (!m_lSectionLock.compare_exchange_weak(seen, rest, std::memory_order_release,
                                                  std::memory_order_relaxed));
-  if (!wakes || releaseSemaphore(semaphore, 1, nullptr)) return result;
+  // Without a semaphore each leave says so, also one that nobody waits for.
+  if (!wakes && semaphore != nullptr) return result;
+  if (releaseSemaphore(semaphore, 1, nullptr)) return result;
   // An invalid handle that was one: the section was destroyed meanwhile.
   if (lastError() == ERROR_TOO_MANY_POSTS || semaphore != nullptr) return result;
   ReportError("QMCriticalSectionC::LeaveCriticalSection(): failed releasing m_hSemaphore: ",

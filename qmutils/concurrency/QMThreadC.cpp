@@ -156,9 +156,10 @@ QMThreadC::~QMThreadC() {
   m_pControl->closeThread();
 }
 
-bool QMThreadC::IsPooled() const {
+/// The pointer is only compared: what it leads to may be gone.
+bool QMThreadC::IsPooled(const QMThreadC* thread) {
   const QMThreadC* member = m_pThreads;
-  while (member != nullptr && member != this) member = member->m_pNext;
+  while (member != nullptr && member != thread) member = member->m_pNext;
   return member != nullptr;
 }
 
@@ -181,7 +182,7 @@ QMErrors::QMErrorT QMThreadC::RemoveThread(int deleteIt) {
                      QMErrToStr(entered));
       return entered;
     }
-    if (IsPooled()) Unlink();
+    if (IsPooled(this)) Unlink();
     left = user.LeaveCriticalSection("QMThreadC::RemoveThread(): ");
     if (left != QMErrors::NoError) {
       qm::logWarning(0,
@@ -198,13 +199,20 @@ QMErrors::QMErrorT QMThreadC::RemoveThread(int deleteIt) {
 }
 
 void QMThreadC::SetParent(QMThreadC* parent) {
-  for (QMThreadC* ancestor = parent; ancestor != nullptr; ancestor = ancestor->GetParent()) {
-    if (ancestor != this) continue;
-    qm::logWarning(0, "QMThreadC::SetParent(): ", "a thread cannot be its own ancestor: ",
-                   GetSafeThreadName());
+  PoolUser user(m_PoolCS());
+  // What has left the pool may have been destroyed, and is no longer anybody's parent.
+  const bool held =
+      user.EnterCriticalSection("QMThreadC::SetParent(): ", kPoolTimeoutMs) == QMErrors::NoError;
+  const QMThreadC* ancestor = parent;
+  while (ancestor != nullptr && ancestor != this) {
+    ancestor = held && IsPooled(ancestor) ? ancestor->GetParent() : nullptr;
+  }
+  if (ancestor == nullptr) {
+    m_pParent.store(parent);
     return;
   }
-  m_pParent.store(parent);
+  qm::logWarning(
+      0, "QMThreadC::SetParent(): ", "a thread cannot be its own ancestor: ", GetSafeThreadName());
 }
 
 QMThreadC* QMThreadC::FindChild(QMThreadC* after) {
@@ -495,7 +503,8 @@ void traceReturning(const char* label, const QMThreadC& thread, DWORD first, DWO
 
 DWORD QMThreadC::WaitForMultipleObjects(DWORD count, void* const* handles, bool waitAll,
                                         DWORD timeoutMs) const {
-  if (count > MAXIMUM_WAIT_OBJECTS || (handles == nullptr && count != 0)) {
+  // One after the other, any number can be waited for.
+  if ((!waitAll && count > MAXIMUM_WAIT_OBJECTS) || (handles == nullptr && count != 0)) {
     setLastError(ERROR_INVALID_PARAMETER);
     return WAIT_FAILED;
   }

@@ -115,7 +115,7 @@ class QMUTILS_API QMThreadC {
   DWORD WaitForAll(DWORD count, void* const* handles, DWORD timeoutMs) const;
   DWORD WaitForAny(DWORD count, void* const* handles, DWORD timeoutMs) const;
   bool IsStopping() const;
-  bool IsPooled() const;
+  static bool IsPooled(const QMThreadC* thread);
   void Unlink();
 
   static QMCriticalSectionC& m_PoolCS();

@@ -19,13 +19,35 @@ QMXmlC::PropertiesC::~PropertiesC() {
 }
 
 QMXmlC::QMXmlC(const char* name, int strict, ErrorListenerC* listener)
-    : m_ObjectName(orEmpty(name)),
-      m_bNamed(name != nullptr),
-      m_bStrict(strict != 0),
-      m_pListener(listener) {}
+    : m_bStrict(strict != 0), m_pListener(listener) {
+  try {
+    if (name != nullptr) SetObjectName(name);
+  } catch (const std::bad_alloc&) {
+    qm::logError("QMXmlC::QMXmlC(): ", "failed while allocating QMXmlC object for:", name);
+  }
+}
 
-// Constructed first and filled then: when memory runs out the destructor frees what is there.
 QMXmlC::QMXmlC(const QMXmlC& other) : QMXmlC(nullptr, other.m_bStrict, other.m_pListener) {
+  try {
+    CopyContent(other);
+  } catch (const std::bad_alloc&) {
+    qm::logError("QMXmlC::QMXmlC(): ", "failed while allocating a copy");
+    // Half a tree would be taken for a whole one.
+    DeleteChildren();
+    m_pProperties.reset();
+    m_pLastProperty = nullptr;
+    m_Text.clear();
+    m_bNamed = false;
+  }
+}
+
+void QMXmlC::SetObjectName(const char* name) {
+  m_ObjectName = name;
+  m_bNamed = true;
+}
+
+/// Into a node that is still empty.
+void QMXmlC::CopyContent(const QMXmlC& other) {
   QMXmlC* copy = this;
   const QMXmlC* source = &other;
   for (;;) {
@@ -101,7 +123,8 @@ QMErrors::QMErrorT QMXmlC::AddChild(const char* name, QMXmlC** out) try {
     qm::logError("QMXmlC::AddChild(): ", "NULL == pChildName");
     return QMErrors::NullObjectProvided;
   }
-  auto child = std::make_unique<QMXmlC>(name, m_bStrict, m_pListener);
+  auto child = std::make_unique<QMXmlC>(nullptr, m_bStrict, m_pListener);
+  child->SetObjectName(name);
   Link(child.get());
   QMXmlC* const added = child.release();
   if (out != nullptr) *out = added;
@@ -198,11 +221,13 @@ QMErrors::QMErrorT QMXmlC::RemoveChild(QMXmlC* child, int destroy) {
     if (destroy != 0) delete this;
     return QMErrors::NoError;
   }
-  if (child->m_pOwner != this) {
+  // A pointer that leads to no child may lead to nothing at all, so it is only compared.
+  const QMXmlC* found = m_pFirstChild;
+  while (found != nullptr && found != child) found = found->m_pNext;
+  if (found == nullptr) {
     // The message names the reader; tools that search the logs know it by that.
     qm::logError("QMXmlC::FromStream(): Attempt to remove a non-existent child: ",
-                 child->m_ObjectName);
-    qm::logError("Attempted removal from :", m_ObjectName);
+                 "Attempted removal from :", m_ObjectName);
     return QMErrors::BadCommandLineArguments;
   }
   Unlink(child);

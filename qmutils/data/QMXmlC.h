@@ -14,7 +14,8 @@
 // A tree belongs to one thread at a time. No operation recurses, so depth is limited by memory
 // only. Results are codes: 2001 out of memory, 2007 nothing there or the data ended, 2100 a node
 // without a name, 2108 a child that could not be linked, 9204 badly formed XML, 1001 a file that
-// does not open, 33666 a stream or disk that takes no more. Nothing throws.
+// does not open, 33666 a stream or disk that takes no more. Nothing throws: a node for
+// whose name or content there is no memory is left without, and the failure is logged.
 #pragma once
 
 #include <iosfwd>
@@ -105,6 +106,8 @@ class QMUTILS_API QMXmlC {
 
   bool HasName(const char* name) const { return m_bNamed && m_ObjectName == name; }
   void AppendProperty(std::string name, std::string value);
+  void SetObjectName(const char* name);
+  void CopyContent(const QMXmlC& other);
   void Link(QMXmlC* child);
   void Unlink(QMXmlC* child);
   void DeleteChildren();
@@ -115,7 +118,7 @@ class QMUTILS_API QMXmlC {
   QMXmlC* m_pNext = nullptr;
   QMXmlC* m_pPrevious = nullptr;
   std::string m_ObjectName;
-  bool m_bNamed;
+  bool m_bNamed = false;
   bool m_bStrict;
   bool m_bForceNewline = false;
   std::unique_ptr<PropertiesC> m_pProperties;

@@ -250,8 +250,9 @@ QMErrorT XmlReader::readEndTag(const QMXmlC& node) {
 
 /// Lines count from the beginning of the stream, also of an element in its middle.
 void XmlReader::countFromStreamStart() {
+  if (start_ <= 0) return;  // at the beginning already, or no way back
   const std::streamoff here = buffer_->pubseekoff(0, std::ios::cur, std::ios::in);
-  if (start_ <= 0 || here < 0 || buffer_->pubseekpos(0, std::ios::in) != std::streampos(0)) return;
+  if (here < 0 || buffer_->pubseekpos(0, std::ios::in) != std::streampos(0)) return;
   unsigned long long lines = 0;
   unsigned long long offset = 0;
   for (std::streamoff i = 0; i < start_; ++i) {

@@ -169,7 +169,8 @@ QMErrorT QMErrorC::LockStack() {
     qm::logError("QMErrorC::LockStack(): ", kMarker, "Timed out waiting for m_hMutex");
     return QMErrors::CommandTimedOut;
   }
-  const QMErrorT code = QMErrors::lastOsError();
+  // Only a failed wait has a reason of the system's.
+  const QMErrorT code = result == WAIT_FAILED ? QMErrors::lastOsError() : QMErrors::NoError;
   qm::logError("QMErrorC::LockStack(): ", kMarker, "waiting for m_hMutex: ", QMErrToStr(code));
   return code;
 }

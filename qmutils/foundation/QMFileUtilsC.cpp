@@ -94,10 +94,9 @@ QMErrors::QMErrorT QMFileUtilsC::MakeFolderLevels(const char* path, QMCString& f
     }
   }
   // The last attempt gives the reason why; another program may make the folder meanwhile.
-  if (FileExists(path) != 0 || createDirectory(path) || FileExists(path) != 0) {
-    return QMErrors::NoError;
-  }
-  return QMErrors::lastOsError();
+  if (FileExists(path) != 0 || createDirectory(path)) return QMErrors::NoError;
+  const QMErrors::QMErrorT reason = QMErrors::lastOsError();
+  return FileExists(path) != 0 ? QMErrors::NoError : reason;
 } catch (const std::bad_alloc&) {
   return QMErrors::MemoryAllocationFailed;
 }

@@ -38,6 +38,8 @@ struct Log {
   std::atomic<HANDLE> mutex{nullptr};
   std::mutex mutexCreation;
   qm::LogFileWriter writer;
+  // Held only while the source is changed or asked, so that it can always be taken back in time.
+  std::recursive_mutex headerSourceLock;
   QMLogFileC* headerSource = nullptr;
 
   void createMutex() {
@@ -119,8 +121,8 @@ constinit std::atomic<bool> QMLogFileC::m_bTeeCerr{true};
 QMLogFileC::QMLogFileC(bool teeCerr) : m_Log(nullptr, nullptr, nullptr, nullptr) {
   theLog().createMutex();
   m_bTeeCerr = teeCerr;
-  const LogLock lock;
-  if (lock.isHeld()) theLog().headerSource = this;
+  const std::lock_guard lock(theLog().headerSourceLock);
+  theLog().headerSource = this;
 }
 
 QMLogFileC::QMLogFileC(const char* name, bool autoDelete, bool dailyLog, bool teeCerr)
@@ -133,15 +135,18 @@ QMLogFileC::~QMLogFileC() { Close(); }
 
 void QMLogFileC::Close() {
   if (std::exchange(m_bClosed, true)) return;
+  {
+    const std::lock_guard lock(theLog().headerSourceLock);
+    if (theLog().headerSource == this) theLog().headerSource = nullptr;
+  }
   const LogLock lock;
-  if (!lock.isHeld()) return;
-  theLog().writer.forgetName();
-  if (theLog().headerSource == this) theLog().headerSource = nullptr;
+  if (lock.isHeld()) theLog().writer.forgetName();
 }
 
 const char* QMLogFileC::GetExtraHeaderInfo() { return nullptr; }
 
 const char* QMLogFileC::extraHeaderInfo() {
+  const std::lock_guard lock(theLog().headerSourceLock);
   QMLogFileC* const source = theLog().headerSource;
   if (source == nullptr) return "** No extra header info function defined.";
   const char* info = source->GetExtraHeaderInfo();

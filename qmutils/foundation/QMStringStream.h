@@ -3,8 +3,8 @@
 // text.
 //
 // They grow by themselves; when memory runs out the stream turns bad, nothing is thrown. Numbers
-// follow the global locale of the moment the stream was made. A stream belongs to one thread at a
-// time.
+// have the form of the "C" locale, whatever the program sets: the texts end up in logs, messages
+// and files that programs read. A stream belongs to one thread at a time.
 //
 // Callers may end a text with std::ends, as they had to when it was handed out as a character
 // array. text() therefore stops before the first NUL:
@@ -14,6 +14,7 @@
 //   QMErrorC::Stack("ReaderC::open", code, reason);   // takes "cannot open plate.xml"
 #pragma once
 
+#include <locale>
 #include <new>
 #include <sstream>
 #include <string_view>
@@ -27,11 +28,11 @@ class TextStream : public Base {
   using Char = typename Base::char_type;
   using View = std::basic_string_view<Char>;
 
-  TextStream() = default;
+  TextStream() { this->imbue(std::locale::classic()); }
   /// Starts with `text`; what is written to a QMstrstream goes behind it. A null pointer counts as
   /// an empty text.
-  explicit TextStream(View text) { start(text); }
-  explicit TextStream(const Char* text) { start(text == nullptr ? View() : View(text)); }
+  explicit TextStream(View text) : TextStream() { start(text); }
+  explicit TextStream(const Char* text) : TextStream(text == nullptr ? View() : View(text)) {}
 
   /// Everything written so far (or given to read), up to the first NUL. Valid until the next
   /// change of the stream.

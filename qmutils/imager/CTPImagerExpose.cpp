@@ -1,6 +1,7 @@
 // Handing one exposure over to the imager: the image control file, the job file, the command.
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <new>
 #include <ostream>
 #include <string>
@@ -10,6 +11,7 @@
 #include "qmutils/foundation/QMErrorC.h"
 #include "qmutils/imager/CTPImagerUserC.h"
 #include "qmutils/imager/ImagerProtocol.h"
+#include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/file.h"
 
@@ -33,6 +35,7 @@ QMErrorT imageControlFolder(CString& folder) {
   if (found != NoError) return found;
   const CString name(IMAGE_CONTROL_FOLDER);
   CQMAppUtils::MakePath(folder, nullptr, &programFolder, &name, nullptr);
+  if (programFolder.IsEmpty()) folder = '\\' + name;  // a program in the root
   return CQMAppUtils::MakeFolder(folder);
 }
 
@@ -124,10 +127,10 @@ QMErrorT CTPImagerUserC::StartExpose(const ICFC::ExposeInfoC& info, std::ostream
   jobOut << line;
   icfOut << contentOf(files.icf);
 
-  std::erase_if(m_HandedOver, [](const std::string& path) {
-    return fileAttributes(path.c_str()) == INVALID_FILE_ATTRIBUTES;
-  });
-  m_HandedOver.reserve(m_HandedOver.size() + 2);
+  std::erase_if(m_HandedOver, [](const HandedOverFile& file) { return !file.isThere(); });
+  HandedOverFile handedOver[] = {{files.icf, {}}, {files.job, {}}};
+  for (HandedOverFile& file : handedOver) (void)lastWriteTime(file.path.c_str(), &file.written);
+  m_HandedOver.reserve(m_HandedOver.size() + std::size(handedOver));
   const int value = static_cast<int>(m_Start.m_nChildID + info.GetJobNumber());
   if (SendCommand(qm::imager::kCodeExpose, value, files.job.c_str()) != NoError) {
     stack(QMErrors::FailedToSendTransportMessage,
@@ -135,15 +138,21 @@ QMErrorT CTPImagerUserC::StartExpose(const ICFC::ExposeInfoC& info, std::ostream
     return QMErrors::FailedToSendTransportMessage;
   }
   files.handedOver = true;
-  m_HandedOver.push_back(std::move(files.icf));
-  m_HandedOver.push_back(std::move(files.job));
+  for (HandedOverFile& file : handedOver) m_HandedOver.push_back(std::move(file));
   return NoError;
 } catch (const std::bad_alloc&) {
   return QMErrors::MemoryAllocationFailed;
 }
 
+bool CTPImagerUserC::HandedOverFile::isThere() const noexcept {
+  FILETIME now{};
+  return lastWriteTime(path.c_str(), &now) && fileTimeTicks(now) == fileTimeTicks(written);
+}
+
 /// An imager that was stopped or died leaves the files of the jobs it had not come to.
 void CTPImagerUserC::DropUnreadJobs() {
-  for (const std::string& path : m_HandedOver) deleteFile(path.c_str());
+  for (const HandedOverFile& file : m_HandedOver) {
+    if (file.isThere()) deleteFile(file.path.c_str());
+  }
   m_HandedOver.clear();
 }

@@ -92,6 +92,7 @@ QMErrorT CTPImagerUserC::StartImager(ImagerStartDataC& data) try {
   if (result == NoError) result = StartWorker();
   return result == NoError ? AwaitStarted() : result;
 } catch (const std::bad_alloc&) {
+  LeavePool();
   return QMErrors::MemoryAllocationFailed;
 }
 
@@ -155,6 +156,8 @@ QMErrorT CTPImagerUserC::AwaitStarted() {
     while (!m_bImagerStarted && !m_bImagerDied && m_ReceiveError == NoError &&
            waitUntil(m_hNews, roundEnd) == WAIT_OBJECT_0) {
     }
+    // The system may have had no event for us; one look a round does as well.
+    if (m_hNews == nullptr) sleep(roundEnd.remainingMs(), false);
   }
   stack(kStartImager, QMErrors::CommandTimedOut, reason);
   (void)StopImager();
@@ -209,19 +212,20 @@ QMErrorT CTPImagerUserC::run() {
 void CTPImagerUserC::Watch() {
   bool watching = true;
   while (watching && m_ReceiveError == NoError) {
-    switch (WaitForSingleObject(m_hProcess, 0)) {
+    const DWORD state = WaitForSingleObject(m_hProcess, 0);
+    switch (state) {
       case WAIT_OBJECT_0 + 1:
         watching = false;
         break;
       case WAIT_TIMEOUT: {
-        const QMErrorT received = ReceiveOne(kReceiveTimeoutMs);
+        const QMErrorT received = ReceiveOne(kReceiveTimeoutMs, true);
         if (received != QMErrors::CommandTimedOut) m_ReceiveError = received;
         (void)Sleep(0);
         break;
       }
       default:
         DispatchLastWords();
-        ReportDeath();
+        ReportDeath(state == WAIT_OBJECT_0);
         // Nothing more can come; the object stays in this state until StopImager().
         (void)wait(GetEndEvent(), INFINITE);
         watching = false;
@@ -233,35 +237,37 @@ void CTPImagerUserC::Watch() {
 /// What the imager sent before it ended, such as the reason, comes before the report of its end.
 void CTPImagerUserC::DispatchLastWords() {
   const DWORD osError = lastError();  // of the wait, for the report
-  for (int i = 0; i < qm::kPoolSlots && ReceiveOne(kLastWordsTimeoutMs) == NoError; ++i) {
+  for (int i = 0; i < qm::kPoolSlots && ReceiveOne(kLastWordsTimeoutMs, false) == NoError; ++i) {
   }
   setLastError(osError);
 }
 
-void CTPImagerUserC::ReportDeath() {
+/// `hasEnded`: else the process could not be looked at.
+void CTPImagerUserC::ReportDeath(bool hasEnded) {
   const QMErrorT osError = QMErrors::lastOsError();
-  if (m_bStoppingImager.exchange(true)) return;
+  if (m_bStoppingImager) return;
+  if (hasEnded) m_bStoppingImager = true;
   const std::string text = m_ImagerCommand + ": " + QMErrToStr(osError);
   qm::logError(kRun, text);
-  stack(kRun, QMErrors::TheProcessHasDied, text);
+  if (hasEnded) stack(kRun, QMErrors::TheProcessHasDied, text);
   HandleImagerError(text.c_str());
   m_bImagerDied = true;
   setEvent(m_hNews);
 }
 
 /// Receives and dispatches one message. 2013 when none came, which is normal.
-QMErrorT CTPImagerUserC::ReceiveOne(DWORD timeoutMs) {
+QMErrorT CTPImagerUserC::ReceiveOne(DWORD timeoutMs, bool imagerLives) {
   char text[kMessageSize];
   const QMErrorT received = SvReceiveMessage(text, sizeof text, timeoutMs);
   if (received == NoError) {
-    Dispatch(text);
+    Dispatch(text, imagerLives);
   } else if (received != QMErrors::CommandTimedOut) {
     stack(kRun, received, std::string("SvReceiveMessage() returned: ") + QMErrToStr(received));
   }
   return received;
 }
 
-void CTPImagerUserC::Dispatch(const char* text) {
+void CTPImagerUserC::Dispatch(const char* text, bool imagerLives) {
   qm::MessagePacket packet;
   const QMErrorT decoded = QMExtractMessagePacket(text, packet);
   if (decoded != NoError) {
@@ -273,7 +279,8 @@ void CTPImagerUserC::Dispatch(const char* text) {
     m_bImagerStarted = true;
     setEvent(m_hNews);
   } else if (packet.nType == kTypeReply && packet.nCode == kCodeWhoAmI) {
-    if (!m_Identity.empty()) (void)ReplyWhoAmI(m_Identity.c_str());
+    // Sent to nobody, the answer would lie in the pool.
+    if (imagerLives && !m_Identity.empty()) (void)ReplyWhoAmI(m_Identity.c_str());
   } else if (m_bStoppingImager && (packet.nType == kTypeProgress || packet.nType == kTypeError)) {
     QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
     log._LogWarning();
@@ -286,23 +293,24 @@ void CTPImagerUserC::Dispatch(const char* text) {
 
 // --- stopping -----------------------------------------------------------------------------------
 
-QMErrorT CTPImagerUserC::StopImager() try {
+QMErrorT CTPImagerUserC::StopImager() {
   if (m_hProcess == nullptr) return NoError;
   m_bStoppingImager = true;
   bool rejoined = false;
-  if (wait(m_hProcess, 0) != WAIT_OBJECT_0) {
-    const QMErrorT sent = SendStop(&rejoined);
-    if (sent != NoError) {
-      stack(kStopImager, sent, std::string("SendMessage() returned: ") + QMErrToStr(sent));
+  QMErrorT result = QMErrors::MemoryAllocationFailed;
+  try {
+    if (wait(m_hProcess, 0) != WAIT_OBJECT_0) {
+      const QMErrorT sent = SendStop(&rejoined);
+      if (sent != NoError) {
+        stack(kStopImager, sent, std::string("SendMessage() returned: ") + QMErrToStr(sent));
+      }
     }
+    result = AwaitImagerEnd();
+  } catch (const std::bad_alloc&) {  // the result says so
   }
-  const QMErrorT result = AwaitImagerEnd();
   if (rejoined) LeavePool();
   ReleaseImager();
   return result;
-} catch (const std::bad_alloc&) {
-  ReleaseImager();
-  return QMErrors::MemoryAllocationFailed;
 }
 
 QMErrorT CTPImagerUserC::SendStop(bool* rejoined) {

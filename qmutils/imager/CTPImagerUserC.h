@@ -64,7 +64,8 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   /// Joins the pool, launches the imager and waits up to 60 s until it reports that it has started.
   /// 0 at once while an imager is held. The pool's code; 2039 "Error Unable To Create Process"; the
   /// worker's code; 2207 "Imager has died"; 2013 "Command timed out"; 2049 when another thread
-  /// called stop() meanwhile; the imager is then asked to end and killed after 3 s.
+  /// called stop() meanwhile; the imager is then asked to end and killed after 3 s. After 2207 or
+  /// the worker's code the imager is held until StopImager().
   QMErrors::QMErrorT StartImager(ImagerStartDataC& data);
 
   /// Asks the imager to end and waits 60 s; then asks the operator whether to go on waiting or to
@@ -106,6 +107,13 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
 
  private:
   struct JobFiles;
+  /// A file that the imager deletes once it has read it. Then its name is free again, also for
+  /// others, hence the time.
+  struct HandedOverFile {
+    std::string path;
+    FILETIME written;
+    bool isThere() const noexcept;
+  };
 
   QMErrors::QMErrorT run() override;
   QMErrors::QMErrorT Launch();
@@ -115,9 +123,9 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   void LeavePool();
   void Watch();
   void DispatchLastWords();
-  void ReportDeath();
-  QMErrors::QMErrorT ReceiveOne(DWORD timeoutMs);
-  void Dispatch(const char* text);
+  void ReportDeath(bool hasEnded);
+  QMErrors::QMErrorT ReceiveOne(DWORD timeoutMs, bool imagerLives);
+  void Dispatch(const char* text, bool imagerLives);
   QMErrors::QMErrorT SendCommand(int code, int value, const char* text);
   QMErrors::QMErrorT SendStop(bool* rejoined);
   QMErrors::QMErrorT AwaitImagerEnd();
@@ -138,7 +146,7 @@ class QMUTILS_API CTPImagerUserC : public QMThreadC {
   std::atomic<QMErrors::QMErrorT> m_ReceiveError{QMErrors::NoError};
   std::atomic<void*> m_hProcess{nullptr};
   std::atomic<void*> m_hMainThread{nullptr};
-  std::vector<std::string> m_HandedOver;  // files that the imager deletes once it has read them
+  std::vector<HandedOverFile> m_HandedOver;
   void* m_hNews;  // set by the worker when a start may have succeeded or failed
   DWORD m_dwProcessId = 0;
   DWORD m_dwThreadId = 0;

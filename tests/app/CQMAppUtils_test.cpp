@@ -78,6 +78,11 @@ TEST(CQMAppUtils, MakesFoldersLevelByLevel) {
   EXPECT_NE(CQMAppUtils::MakeFolder((folder.file("file") + "/x/y").c_str()), QMErrors::NoError);
   EXPECT_TRUE(log.contains(" ERROR: CQMAppUtils::MakeFolder(): Creating directory: "))
       << log.text();
+  const QMErrors::QMErrorT refused = CQMAppUtils::MakeFolder("/sys/qmtest");
+  // As the file system does, or the protection of a container before it.
+  EXPECT_TRUE(refused == QMErrors::fromOsError(ERROR_ACCESS_DENIED) ||
+              refused == QMErrors::fromOsError(19))
+      << QMErrToStr(refused);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <new>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "qmutils/foundation/PointerText.h"
 #include "qmutils/platform/thread.h"
@@ -343,11 +344,17 @@ TEST(QMThreadC, BadArgumentsAreRefused) {
   child.SetParent(&child);
   EXPECT_EQ(parent.GetParent(), nullptr);
   EXPECT_EQ(child.GetParent(), &parent);
+  auto gone = std::make_unique<BodyThread>(untilTold);
+  parent.SetParent(gone.get());
+  gone.reset();
+  child.SetParent(&parent);  // whose parent is not looked at any more
   void* const event = createEvent(true, true);
+  const std::vector<void*> many(65, event);
+  for (const DWORD count : {65u, 0xFFFFFFFFu}) {
+    EXPECT_EQ(parent.WaitForMultipleObjects(count, many.data(), false, 0), WAIT_FAILED);
+  }
+  EXPECT_EQ(parent.WaitForMultipleObjects(65, many.data(), true, 0), WAIT_OBJECT_0);
   for (const bool all : {false, true}) {
-    for (const DWORD count : {65u, 0xFFFFFFFFu}) {
-      EXPECT_EQ(parent.WaitForMultipleObjects(count, &event, all, 0), WAIT_FAILED);
-    }
     EXPECT_EQ(parent.WaitForMultipleObjects(1, nullptr, all, 0), WAIT_FAILED);
   }
   parent.start();

@@ -8,9 +8,11 @@
 #include <filesystem>
 #include <iomanip>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 
+#include "tests/support/FailingAllocation.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempFolder.h"
 
@@ -150,6 +152,10 @@ TEST(QMXmlC, ReportsErrorsOnceWithLineAndOffset) {
   EXPECT_TRUE(is >> first);
   EXPECT_FALSE(is >> second);
   EXPECT_EQ(listener.reports, badly + "line:4, offset:4\n") << "counted from the stream's start";
+  listener.reports.clear();
+  std::istream nothing(nullptr);
+  EXPECT_EQ(second.FromStream(nothing), QMErrors::ErrorBadlyFormedXML);
+  EXPECT_EQ(listener.reports, badly + "line:1, offset:0\n");
 
   qmtest::LogCapture log;
   QMXmlC unheard(nullptr, 0, nullptr);
@@ -189,6 +195,29 @@ TEST(QMXmlC, FindsByNameAndPath) {
   EXPECT_EQ(value.str().size(), 2u);
 }
 
+TEST(QMXmlC, ANodeWithoutMemoryIsEmptyNotHalf) {
+  qmtest::LogCapture log;
+  const std::string name(50, 'n');
+  QMXmlC tree(name.c_str(), 0, nullptr);
+  ASSERT_EQ(tree.AddChild(name.c_str(), nullptr), NoError);
+  tree.AddProperty(name.c_str(), name.c_str());
+  int failures = 0;
+  for (int n = 1;; ++n) {
+    std::optional<qmtest::FailingAllocation> nth(n);
+    const QMXmlC named(name.c_str(), 0, nullptr);
+    const QMXmlC copy(tree);
+    const bool failed = nth->hasFailed();
+    nth.reset();
+    if (!failed) break;
+    ++failures;
+    std::ostringstream os;
+    const QMErrors::QMErrorT code = copy.ToStream(os, 0);
+    EXPECT_EQ(code, n > 1 ? QMErrors::NullObjectProvided : NoError) << n;
+    EXPECT_EQ(copy.GetFirstChild() == nullptr, n > 1) << n;
+  }
+  EXPECT_GT(failures, 5);
+}
+
 TEST(QMXmlC, LinksAndUnlinksNodes) {
   qmtest::LogCapture log;
   auto* root = new QMXmlC("root", 0, nullptr);
@@ -201,14 +230,15 @@ TEST(QMXmlC, LinksAndUnlinksNodes) {
   }
   EXPECT_EQ(root->RemoveChild(b, 1), QMErrors::BadCommandLineArguments);
   EXPECT_EQ(log.text(),
-            " ERROR: QMXmlC::FromStream(): Attempt to remove a non-existent child: b\n"
-            " ERROR: Attempted removal from :root\n");
+            " ERROR: QMXmlC::FromStream(): Attempt to remove a non-existent child: Attempted "
+            "removal from :root\n");
   EXPECT_EQ(a->RemoveChild(b, 0), NoError);
   EXPECT_EQ(root->AddChild(*b), NoError);
   EXPECT_EQ(written(*root), "<root>\r\n <a />\r\n <b />\r\n</root >\r\n");
   delete a;  // leaves the tree
   EXPECT_EQ(root->GetFirstChild(), b);
   EXPECT_EQ(root->RemoveChild(b, 1), NoError);
+  EXPECT_EQ(root->RemoveChild(b, 1), QMErrors::BadCommandLineArguments) << "it is gone";
   EXPECT_EQ(root->GetFirstChild(), nullptr);
   EXPECT_EQ(root->RemoveChild(nullptr, 1), NoError);
 

@@ -69,8 +69,11 @@ TEST_F(LogStream, NumbersDoNotFollowTheGlobalLocale) {
   const std::locale former = std::locale::global(std::locale(std::locale::classic(), new Grouping));
   const std::string text = delivered(
       [](QMLogStreamC& log) { log << 1234567 << ' ' << 1.5 << ' ' << std::setw(8) << 1234567; });
+  QMostrstream reason;
+  reason << 1234567;
   std::locale::global(former);
   EXPECT_EQ(text, "1234567 1.5  1234567\n");
+  EXPECT_EQ(reason.text(), "1234567");
 }
 
 TEST_F(LogStream, OnlyLevelsBelowTheDebugLevelAreShown) {

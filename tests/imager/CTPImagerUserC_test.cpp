@@ -265,7 +265,18 @@ TEST_F(CTPImagerUser, HandsAnExposureOver) {
             QMErrors::BadMissingMalformedICFFile);
   EXPECT_TRUE(isOnStack("REASON: From icf.Save()"));
   EXPECT_EQ(filesOf("job18_"), 0);
+  // The name of a file that the imager has read may be somebody else's by now.
+  std::ostringstream third;
+  ASSERT_EQ(imager.StartExpose(ICFC::ExposeInfoC("page.tif", 19), third, icf), NoError);
+  EXPECT_EQ(imager.awaitMessage(2), "7:31:-jobid 19 -fl \"page.tif\"");
+  const std::string icfName = third.str().substr(third.str().find("-pr \"") + 5);
+  const std::filesystem::path others =
+      qm::platform::nativePath(icfName.substr(0, icfName.size() - 2).c_str());
+  std::this_thread::sleep_for(20ms);  // the times of files are as coarse as the system's ticks
+  qmtest::writeFile(others, "of another client");
+
   EXPECT_EQ(imager.StopImager(), NoError);
+  EXPECT_TRUE(std::filesystem::remove(others));
   EXPECT_EQ(filesOf("job17_"), before - 1)
       << "a file that the imager did not read goes with the imager";
 }

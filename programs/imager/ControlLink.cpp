@@ -28,8 +28,9 @@ std::string fileName(const std::string& path) { return path.substr(path.find_las
 
 }  // namespace
 
-void ControlLink::send(int type, int code, int value, const std::string& text,
-                       const std::string& qualifier, const KeepTrying& keepTrying) const {
+QMErrors::QMErrorT ControlLink::send(int type, int code, int value, const std::string& text,
+                                     const std::string& qualifier,
+                                     const KeepTrying& keepTrying) const {
   char message[256];
   QMErrors::QMErrorT result = QMCreateMessage(type, code, ownId_, value, text.c_str(),
                                               qualifier.c_str(), message, sizeof message);
@@ -42,36 +43,38 @@ void ControlLink::send(int type, int code, int value, const std::string& text,
     qm::logError("ControlLink::send(): ", "message of type ", type, " code ", code,
                  " was not sent: ", QMErrToStr(result));
   }
+  return result;
 }
 
-void ControlLink::reportStarted() const {
-  send(qm::imager::kTypeReply, qm::imager::kCodeStarted, 0, "", "", nullptr);
+QMErrors::QMErrorT ControlLink::reportStarted() const {
+  return send(qm::imager::kTypeReply, qm::imager::kCodeStarted, 0, "", "", nullptr);
 }
 
 void ControlLink::askIdentity() const {
-  send(qm::imager::kTypeReply, qm::imager::kCodeWhoAmI, 0, "", "", nullptr);
+  (void)send(qm::imager::kTypeReply, qm::imager::kCodeWhoAmI, 0, "", "", nullptr);
 }
 
 void ControlLink::reportProgress(int code, unsigned job, const std::string& text,
                                  const std::string& qualifier) const {
   // A control program that does not keep up loses some of the intermediate reports, no more.
   if (code == kProgressLines && SvIsOverloaded() != 0) return;
-  send(qm::imager::kTypeProgress, code, static_cast<int>(job), shortened(plain(text)),
-       shortened(plain(qualifier)), nullptr);
+  (void)send(qm::imager::kTypeProgress, code, static_cast<int>(job), shortened(plain(text)),
+             shortened(plain(qualifier)), nullptr);
 }
 
 void ControlLink::reportDone(unsigned job, const std::string& picture,
                              const KeepTrying& keepTrying) const {
-  send(qm::imager::kTypeProgress, kProgressDone, static_cast<int>(job), shortened(plain(picture)),
-       "", keepTrying);
+  (void)send(qm::imager::kTypeProgress, kProgressDone, static_cast<int>(job),
+             shortened(plain(picture)), "", keepTrying);
 }
 
 void ControlLink::reportFailure(unsigned job, const Failure& failure,
                                 const KeepTrying& keepTrying) const {
   qm::logError("ControlLink::reportFailure(): ", "job ", job, ": ", QMErrToStr(failure.code), ", ",
                failure.reason, " ", failure.file);
-  send(qm::imager::kTypeError, failure.code, static_cast<int>(job),
-       shortened(plain(failure.reason)), shortened(plain(fileName(failure.file))), keepTrying);
+  (void)send(qm::imager::kTypeError, failure.code, static_cast<int>(job),
+             shortened(plain(failure.reason)), shortened(plain(fileName(failure.file))),
+             keepTrying);
 }
 
 }  // namespace programs

@@ -15,7 +15,8 @@ class ControlLink {
  public:
   ControlLink(unsigned short parentId, unsigned short ownId) : parentId_(parentId), ownId_(ownId) {}
 
-  void reportStarted() const;
+  /// The pool's code when there was no place for the report within 2 s.
+  QMErrors::QMErrorT reportStarted() const;
   void askIdentity() const;
   /// The number of the job that the value of a command stands for.
   unsigned jobOf(int value) const { return static_cast<unsigned>(value) - ownId_; }
@@ -30,8 +31,8 @@ class ControlLink {
   void reportFailure(unsigned job, const Failure& failure, const KeepTrying& keepTrying) const;
 
  private:
-  void send(int type, int code, int value, const std::string& text, const std::string& qualifier,
-            const KeepTrying& keepTrying) const;
+  QMErrors::QMErrorT send(int type, int code, int value, const std::string& text,
+                          const std::string& qualifier, const KeepTrying& keepTrying) const;
 
   const unsigned short parentId_;
   const unsigned short ownId_;

@@ -2,6 +2,8 @@
 
 #include <charconv>
 #include <cmath>
+#include <filesystem>
+#include <system_error>
 #include <variant>
 #include <vector>
 
@@ -9,6 +11,7 @@
 #include "qmutils/foundation/QMFileUtilsC.h"
 #include "qmutils/foundation/QMTextFile.h"
 #include "qmutils/imager/ICFC.h"
+#include "qmutils/platform/file.h"
 
 namespace programs {
 namespace {
@@ -87,7 +90,14 @@ bool isSound(const DrumSettings& drum) {
          drum.resolutionDpi >= 0 && drum.resolutionDpi <= 25400;
 }
 
+/// Neither a device nor a pipe, which might have no end or keep us waiting.
+bool isRegularFile(const std::string& path) {
+  std::error_code ignored;
+  return std::filesystem::is_regular_file(qm::platform::nativePath(path.c_str()), ignored);
+}
+
 bool readLine(const std::string& path, std::string& line) {
+  if (!isRegularFile(path)) return false;
   int unicode = 0;
   std::FILE* file = FOpen(path.c_str(), "r", &unicode);
   if (file == nullptr) return false;
@@ -119,13 +129,17 @@ Failure parseJobLine(const std::string& line, JobDescription& job, std::string& 
   return numbered && !job.page.empty() && !icfPath.empty() ? Failure{} : malformed;
 }
 
-Failure readImageControl(const std::string& path, JobDescription& job) {
+Failure readImageControl(const std::string& path, JobDescription& job, bool* recognised) {
+  *recognised = false;
   const auto malformed = [&](const std::string& reason) {
     return Failure{QMErrors::BadMissingMalformedICFFile, reason, path};
   };
   QMXmlC root(nullptr, 0, nullptr);
-  if (root.Load(path.c_str()) != QMErrors::NoError) return malformed("cannot read image control");
+  if (!isRegularFile(path) || root.Load(path.c_str()) != QMErrors::NoError) {
+    return malformed("cannot read image control");
+  }
   if (root.Find(ICFC::kRootName, 0, nullptr) == nullptr) return malformed("not image control");
+  *recognised = true;
   const QMXmlC* profile = root.Find("Profile", 1, nullptr);
   if (profile == nullptr) return malformed("image control without a profile");
   for (const Setting& setting : kSettings) {
@@ -144,15 +158,16 @@ Failure readJob(const std::string& jobFile, JobDescription& job) {
   if (!readLine(jobFile, line)) {
     return {QMErrors::FailedToReadFile, "cannot read the job file", jobFile};
   }
-  QMFileUtilsC::DeleteFileA(jobFile.c_str(), 1);
   std::string icfPath;
   Failure failure = parseJobLine(line, job, icfPath);
   if (failure) {
     failure.file = jobFile;
     return failure;
   }
-  failure = readImageControl(icfPath, job);
-  QMFileUtilsC::DeleteFileA(icfPath.c_str(), 0);
+  QMFileUtilsC::DeleteFileA(jobFile.c_str(), 1);
+  bool recognised = false;
+  failure = readImageControl(icfPath, job, &recognised);
+  if (recognised) QMFileUtilsC::DeleteFileA(icfPath.c_str(), 0);
   return failure;
 }
 

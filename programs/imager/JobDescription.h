@@ -42,11 +42,13 @@ struct Failure {
 /// Takes the job file's line apart: -jobid N -fl "page" -pr "image control file".
 Failure parseJobLine(const std::string& line, JobDescription& job, std::string& icfPath);
 
-/// Reads the image control document into the job's settings.
-Failure readImageControl(const std::string& path, JobDescription& job);
+/// Reads the image control document into the job's settings. `recognised`: whether it is one, good
+/// or bad.
+Failure readImageControl(const std::string& path, JobDescription& job, bool* recognised);
 
-/// Reads both files and deletes them. What could be read is filled in also on failure, so that the
-/// report can name the job; what could not be read stays as it is.
+/// Reads both files and deletes them, unless they turn out to be something else. What could be read
+/// is filled in also on failure, so that the report can name the job; what could not be read stays
+/// as it is.
 Failure readJob(const std::string& jobFile, JobDescription& job);
 
 }  // namespace programs

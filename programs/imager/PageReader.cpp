@@ -78,7 +78,7 @@ Failure PageReader::open(const std::string& path) {
   const Complaints complaints(complaint_, false);
   // Mapping the file would turn one that shrinks meanwhile into a crash.
   tiff_.reset(TIFFOpen(native.c_str(), "rm"));
-  if (tiff_ == nullptr) return {QMErrors::BadTiffFile, complaint_, path};
+  if (tiff_ == nullptr) return damaged();
   Failure failure = goToOnlyPage();
   return failure ? failure : readHeader();
 }
@@ -96,13 +96,18 @@ Failure PageReader::goToOnlyPage() {
     return {QMErrors::UnsuitableImageType, "the file begins with a reduced picture", path_};
   }
   while (TIFFLastDirectory(tiff) == 0) {
-    if (TIFFReadDirectory(tiff) == 0) return {QMErrors::BadTiffFile, complaint_, path_};
+    if (TIFFReadDirectory(tiff) == 0) return damaged();
     if (!isReduced()) {
       return {QMErrors::UnsuitableImageType, "the file holds more than one page", path_};
     }
   }
   const bool atPage = TIFFCurrentDirectory(tiff) == 0 || TIFFSetDirectory(tiff, 0) != 0;
-  return atPage ? Failure{} : Failure{QMErrors::BadTiffFile, complaint_, path_};
+  return atPage ? Failure{} : damaged();
+}
+
+/// What the TIFF library complained of.
+Failure PageReader::damaged() const {
+  return {QMErrors::BadTiffFile, complaint_.empty() ? "the page is damaged" : complaint_, path_};
 }
 
 Failure PageReader::readHeader() {
@@ -129,6 +134,8 @@ Failure PageReader::checkKind() const {
   std::uint16_t samples = 1;
   std::uint16_t photometric = PHOTOMETRIC_MINISWHITE;
   std::uint16_t orientation = ORIENTATION_TOPLEFT;
+  std::uint16_t compression = COMPRESSION_NONE;
+  TIFFGetFieldDefaulted(tiff, TIFFTAG_COMPRESSION, &compression);
   TIFFGetFieldDefaulted(tiff, TIFFTAG_BITSPERSAMPLE, &bits);
   TIFFGetFieldDefaulted(tiff, TIFFTAG_SAMPLESPERPIXEL, &samples);
   TIFFGetField(tiff, TIFFTAG_PHOTOMETRIC, &photometric);
@@ -140,6 +147,8 @@ Failure PageReader::checkKind() const {
     reason = "the page is not black and white";
   } else if (orientation != ORIENTATION_TOPLEFT) {
     reason = "the page is stored turned or mirrored";
+  } else if (compression == COMPRESSION_JBIG || TIFFIsCODECConfigured(compression) == 0) {
+    reason = "the page's compression cannot be read line by line";
   }
   return reason == nullptr ? Failure{} : Failure{QMErrors::UnsuitableImageType, reason, path_};
 }
@@ -161,11 +170,13 @@ Failure PageReader::readResolution() {
   float y = 0;
   std::uint16_t unit = RESUNIT_INCH;
   TIFFGetFieldDefaulted(tiff_.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
-  if (TIFFGetField(tiff_.get(), TIFFTAG_XRESOLUTION, &x) == 0 || !(x > 0) || !std::isfinite(x)) {
-    return {};
-  }
-  if (TIFFGetField(tiff_.get(), TIFFTAG_YRESOLUTION, &y) != 0 && y > 0 &&
-      std::abs(y / x - 1) > kSameResolution) {
+  const auto isThere = [this](std::uint32_t tag, float* value) {
+    return TIFFGetField(tiff_.get(), tag, value) != 0 && *value > 0 && std::isfinite(*value);
+  };
+  const bool along = isThere(TIFFTAG_XRESOLUTION, &x);
+  const bool across = isThere(TIFFTAG_YRESOLUTION, &y);
+  if (!along && !across) return {};
+  if (along != across || std::abs(y / x - 1) > kSameResolution) {
     return {QMErrors::ResolutionOutsideValidRange,
             "the page's resolution is not the same along and across", path_};
   }
@@ -211,7 +222,7 @@ bool PageReader::readPixels(std::vector<std::uint8_t>& line) {
 }
 
 Failure PageReader::readLine(std::vector<std::uint8_t>& line) {
-  if (!readPixels(line)) return {QMErrors::BadTiffFile, complaint_, path_};
+  if (!readPixels(line)) return damaged();
   ++next_;
   if (zeroBurns_) {
     for (std::uint8_t& byte : line) byte = static_cast<std::uint8_t>(~byte);

@@ -37,6 +37,7 @@ class PageReader {
 
  private:
   Failure goToOnlyPage();
+  Failure damaged() const;
   Failure readHeader();
   Failure checkKind() const;
   Failure readTileSize();

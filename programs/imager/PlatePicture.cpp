@@ -3,11 +3,13 @@
 #include <png.h>
 
 #include <algorithm>
-#include <csetjmp>
 #include <cmath>
+#include <csetjmp>
 #include <cstdio>
 
+#include "qmutils/foundation/QMErrors.h"
 #include "qmutils/platform/file.h"
+#include "qmutils/platform/process.h"
 
 namespace programs {
 namespace {
@@ -16,6 +18,7 @@ namespace {
 constexpr png_color kPlateColour = {0xC9, 0xD4, 0xD8};
 constexpr png_color kBurntColour = {0x1B, 0x2A, 0x41};
 
+constexpr int kAttempts = 100;
 constexpr unsigned kPreviewSide = 1200;  // pixels, the longer side
 
 std::uint8_t mixed(std::uint8_t plate, std::uint8_t burnt, double share) {
@@ -37,10 +40,9 @@ class PlatePicture::Png {
   Failure open(const std::string& path, unsigned width, unsigned height, bool oneBit,
                double resolutionDpi) {
     path_ = qm::platform::nativePath(path.c_str());
-    const std::string temporary = path_ + ".tmp";
-    file_.reset(std::fopen(temporary.c_str(), "wb"));
-    if (file_ == nullptr) return {QMErrors::FailedToOpenFile, "cannot make the picture", path_};
-    temporary_ = temporary;
+    if (!createTemporary()) {
+      return {QMErrors::FailedToOpenFile, "cannot make the picture: " + systemReason(), path_};
+    }
     png_ = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, jumpOnError, ignoreWarning);
     if (png_ != nullptr) info_ = png_create_info_struct(png_);
     if (info_ == nullptr)
@@ -70,6 +72,23 @@ class PlatePicture::Png {
  private:
   [[noreturn]] static void jumpOnError(png_structp png, png_const_charp) { png_longjmp(png, 1); }
   static void ignoreWarning(png_structp, png_const_charp) {}
+
+  /// A name that no other imager writes to at the same time, nor has left.
+  bool createTemporary() {
+    const std::string base = path_ + "." + std::to_string(qm::platform::currentProcessId());
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      const std::string name = base + (attempt > 0 ? "-" + std::to_string(attempt) : "") + ".tmp";
+      file_.reset(qm::platform::createFileExclusively(name.c_str()));
+      if (file_ == nullptr && QMErrors::lastOsError() == QMErrors::fromOsError(ERROR_FILE_EXISTS)) {
+        continue;
+      }
+      if (file_ != nullptr) temporary_ = name;
+      break;
+    }
+    return file_ != nullptr;
+  }
+
+  static std::string systemReason() { return QMErrToStr(QMErrors::lastOsError()); }
 
   Failure diskFailure() const {
     return {QMErrors::FailedToWriteToFile, "cannot write the picture", path_};

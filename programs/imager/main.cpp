@@ -6,7 +6,6 @@
 #include <cstring>
 #include <string>
 
-#include "programs/Interrupt.h"
 #include "programs/Protocol.h"
 #include "programs/imager/ControlLink.h"
 #include "programs/imager/ExposerC.h"
@@ -15,6 +14,7 @@
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/foundation/QMLogFileC.h"
 #include "qmutils/platform/process.h"
+#include "qmutils/platform/program.h"
 
 namespace {
 
@@ -100,7 +100,7 @@ QMErrors::QMErrorT serve(const ControlLink& link, ExposerC& exposer) {
   auto nextLook = std::chrono::steady_clock::now() + kParentLookInterval;
   for (;;) {
     const QMErrors::QMErrorT received = SvReceiveMessage(text, sizeof text, kReceiveTimeoutMs);
-    if (interrupted()) return QMErrors::NoError;
+    if (qm::platform::interrupted()) return QMErrors::NoError;
     // Also while messages keep coming: others than the control program may send.
     if (const auto now = std::chrono::steady_clock::now(); now >= nextLook) {
       if (qm::platform::parentIsGone()) return QMErrors::TheProcessHasDied;
@@ -115,6 +115,7 @@ QMErrors::QMErrorT serve(const ControlLink& link, ExposerC& exposer) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  qm::platform::beginProgram();
   Options options;
   if (!parseOptions(argc, argv, options)) {
     std::fputs(kUsage, stderr);
@@ -131,14 +132,17 @@ int main(int argc, char** argv) {
                QMLogFileC::GetDebugLevel);
   qm::logInfo(1, "imager: ", "started with profile ", options.profile);
 
-  noteInterrupts();
+  qm::platform::noteInterrupts();
   QMErrors::QMErrorT result = SvOpenComms(options.ownId);
   if (result == QMErrors::NoError) {
     const ControlLink link(options.parentId, options.ownId);
     ExposerC exposer(link);
     result = exposer.start();
     if (result == QMErrors::NoError) {
-      link.reportStarted();
+      result = link.reportStarted();
+    }
+    // An imager of which nobody knows that it is there is of no use to anybody.
+    if (result == QMErrors::NoError) {
       link.askIdentity();
       result = serve(link, exposer);
     }

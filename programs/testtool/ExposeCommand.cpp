@@ -6,14 +6,17 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
+#include <vector>
 
-#include "programs/Interrupt.h"
 #include "programs/testtool/Command.h"
 #include "programs/testtool/ConsoleImager.h"
 #include "programs/testtool/ProgressBar.h"
 #include "qmutils/app/CQMAppUtils.h"
+#include "qmutils/comms/SvComms.h"
 #include "qmutils/foundation/QMErrorC.h"
 #include "qmutils/foundation/QMLogFileC.h"
+#include "qmutils/platform/program.h"
 
 namespace programs {
 namespace {
@@ -24,7 +27,7 @@ struct Options {
   std::string imager;
   std::string output = ".";  // a folder, absolute once parsed
   std::string logFile;
-  std::string settings;  // ";Key=Value..." for the profile
+  std::vector<std::pair<std::string, std::string>> settings;  // of the profile
   std::vector<fs::path> pages;
 };
 
@@ -51,9 +54,20 @@ constexpr SettingOption kSettingOptions[] = {
     {"--speed", "LinesPerSecond", 0, 1e9, true},
 };
 
+/// Of an option that is given twice the last one counts.
+void set(Options& options, const std::string& key, const std::string& value) {
+  for (auto& [present, its] : options.settings) {
+    if (present == key) {
+      its = value;
+      return;
+    }
+  }
+  options.settings.emplace_back(key, value);
+}
+
 /// Tries an option as a setting: 0 it is none, 1 taken, -1 its value is bad.
 int takeSetting(const std::string& option, const Arguments& arguments, std::size_t& index,
-                std::string& settings) {
+                Options& options) {
   for (const SettingOption& setting : kSettingOptions) {
     if (option != setting.option) continue;
     std::string value;
@@ -63,8 +77,8 @@ int takeSetting(const std::string& option, const Arguments& arguments, std::size
         (setting.whole && value.find_first_not_of("0123456789") != std::string::npos)) {
       return -1;
     }
-    settings += std::string(";") + setting.key + "=" + value;
-    if (option.starts_with("--clip-")) settings += ";EnableClipping=1";
+    set(options, setting.key, value);
+    if (option.starts_with("--clip-")) set(options, "EnableClipping", "1");
     return 1;
   }
   return 0;
@@ -99,7 +113,7 @@ int parseOptions(const Arguments& arguments, Options& options) {
       options.pages.push_back(toPath(argument));
       continue;
     }
-    const int setting = takeSetting(argument, arguments, i, options.settings);
+    const int setting = takeSetting(argument, arguments, i, options);
     if (setting < 0) return usageError(kExposeCommand, "bad value for " + argument);
     if (setting > 0) continue;
     std::string value;
@@ -165,7 +179,7 @@ int exposePage(ConsoleImager& imager, const fs::path& page, unsigned job, const 
       bar.finish(QMErrToStr(QMErrors::ImagerHasDied));
       return kFailure;
     }
-    if (interrupted()) {
+    if (qm::platform::interrupted()) {
       bar.finish("stopped");
       return kInterrupted;
     }
@@ -183,7 +197,7 @@ unsigned short freshId() {
 QMErrors::QMErrorT startImager(ConsoleImager& imager, CTPImagerUserC::ImagerStartDataC& data) {
   const std::jthread watcher([&imager](const std::stop_token& started) {
     while (!started.stop_requested()) {
-      if (interrupted() && imager.IsAlive()) (void)imager.stop();
+      if (qm::platform::interrupted() && imager.IsAlive()) (void)imager.stop();
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
   });
@@ -193,20 +207,25 @@ QMErrors::QMErrorT startImager(ConsoleImager& imager, CTPImagerUserC::ImagerStar
 int exposeAll(const Options& options) {
   ConsoleImager imager(imagerCommand(options));
   const unsigned short id = freshId();
-  const std::string profile = "Default;OutputFolder=" + options.output + options.settings;
+  std::string profile = "Default;OutputFolder=" + options.output;
+  for (const auto& [key, value] : options.settings) profile += ";" + key + "=" + value;
   CTPImagerUserC::ImagerStartDataC data("", profile.c_str(), id,
                                         static_cast<unsigned short>(id + 1), 0);
   int status = kSuccess;
   const QMErrors::QMErrorT started = startImager(imager, data);
-  if (interrupted()) {
+  if (qm::platform::interrupted()) {
     std::fputs("testtool expose: stopped before the first page\n", stderr);
     status = kInterrupted;
   } else if (started != QMErrors::NoError) {
     std::fprintf(stderr, "testtool expose: the imager does not start: %s\n", QMErrToStr(started));
+    if (started == QMErrors::ResourceAllocationFailed) {
+      std::fprintf(stderr, "testtool expose: the pool cannot be joined: %s\n",
+                   QMErrToStr(QMErrors::fromOsError(SvGetCommsOSError())));
+    }
     status = kFailure;
   }
   for (std::size_t i = 0; i < options.pages.size() && started == QMErrors::NoError; ++i) {
-    if (interrupted()) status = kInterrupted;
+    if (qm::platform::interrupted()) status = kInterrupted;
     if (status == kInterrupted || imager.isLost()) {
       std::printf("%s  not exposed\n", options.pages[i].filename().string().c_str());
       if (status == kSuccess) status = kFailure;
@@ -239,7 +258,7 @@ int run(const Arguments& arguments) {
   QMLogStreamC(QMLogFileC::DebugOut, QMLogFileC::SetLogName, QMLogFileC::SetDebugLevel,
                QMLogFileC::GetDebugLevel);
   QMLogFileC::SetDebugLevel(2);
-  noteInterrupts();
+  qm::platform::noteInterrupts();
   return exposeAll(options);
 }
 

@@ -8,14 +8,16 @@
 #include <system_error>
 #include <thread>
 
-#include "programs/Interrupt.h"
 #include "programs/testtool/Command.h"
 #include "qmutils/platform/file.h"
+#include "qmutils/platform/program.h"
 
 namespace programs {
 namespace {
 
 constexpr auto kPause = std::chrono::milliseconds(200);
+
+bool goesOn() { return !qm::platform::interrupted() && std::ferror(stdout) == 0; }
 
 /// Shows one file, found anew by its name each time.
 class Follower {
@@ -27,15 +29,17 @@ class Follower {
     std::ifstream in;
     if (!open(in)) return false;
     std::deque<std::streamoff> starts;
-    std::streamoff start = 0;
-    for (std::string line; std::getline(in, line);) {
-      if (static_cast<long long>(starts.size()) == lines && lines > 0) starts.pop_front();
-      if (lines > 0) starts.push_back(start);
-      start += static_cast<std::streamoff>(line.size()) + 1;
-    }
-    in.clear();
-    in.seekg(0, std::ios::end);
-    position_ = starts.empty() ? static_cast<std::streamoff>(in.tellg()) : starts.front();
+    bool atStart = true;
+    position_ = 0;
+    forEachBlock(in, [&](const char* block, std::streamoff size) {
+      for (std::streamoff i = 0; i < size; ++i) {
+        if (atStart) starts.push_back(position_ + i);
+        if (static_cast<long long>(starts.size()) > lines) starts.pop_front();
+        atStart = block[i] == '\n';
+      }
+      position_ += size;
+    });
+    if (!starts.empty()) position_ = starts.front();
     shown_ = textBefore(in, position_);
     if (static_cast<std::streamoff>(shown_.size()) < std::min(position_, kRemembered)) {
       position_ = 0;  // shortened meanwhile
@@ -56,19 +60,25 @@ class Follower {
     }
     in.clear();
     in.seekg(position_);
-    char buffer[4096];
-    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-      const auto count = static_cast<std::size_t>(in.gcount());
-      std::fwrite(buffer, 1, count, stdout);
-      position_ += in.gcount();
-      shown_.append(buffer, count);
+    forEachBlock(in, [this](const char* block, std::streamoff size) {
+      const auto count = static_cast<std::size_t>(size);
+      std::fwrite(block, 1, count, stdout);
+      position_ += size;
+      shown_.append(block, count);
       if (shown_.size() > kRemembered) shown_.erase(0, shown_.size() - kRemembered);
-    }
+    });
     std::fflush(stdout);
   }
 
  private:
   static constexpr std::streamoff kRemembered = 256;
+
+  /// Hands on what is left of a file, until the user or the output has had enough.
+  template <class Take>
+  static void forEachBlock(std::ifstream& in, const Take& take) {
+    char block[4096];
+    while (goesOn() && (in.read(block, sizeof block) || in.gcount() > 0)) take(block, in.gcount());
+  }
 
   bool open(std::ifstream& in) const {
     std::error_code ignored;
@@ -112,14 +122,14 @@ int run(const Arguments& arguments) {
     }
   }
   if (path.empty()) return usageError(kLogCommand, "no file given");
+  qm::platform::noteInterrupts();
   Follower follower(path);
   if (!follower.skipToLastLines(lines)) {
     std::fprintf(stderr, "testtool log: cannot open %s\n", path.c_str());
     return kFailure;
   }
-  noteInterrupts();
   follower.printNews();
-  while (follow && !interrupted()) {
+  while (follow && goesOn()) {
     std::this_thread::sleep_for(kPause);
     follower.printNews();
   }

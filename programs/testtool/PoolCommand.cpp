@@ -1,10 +1,11 @@
 #include <cstdio>
+#include <cstring>
 #include <string>
 
-#include "programs/Interrupt.h"
 #include "programs/testtool/Command.h"
 #include "qmutils/comms/SvComms.h"
 #include "qmutils/foundation/QMDBprintf.h"
+#include "qmutils/platform/program.h"
 
 namespace programs {
 namespace {
@@ -13,6 +14,7 @@ namespace {
 constexpr unsigned short kOwnId = 65535;
 constexpr DWORD kWatchStepMs = 200;
 constexpr std::size_t kLongestMessage = 255;
+constexpr std::size_t kLongestDump = 64 << 10;  // 200 messages
 
 int poolFailure(const char* action, QMErrors::QMErrorT code) {
   std::fprintf(stderr, "testtool pool: %s: %s (system error %u)\n", action, QMErrToStr(code),
@@ -20,30 +22,37 @@ int poolFailure(const char* action, QMErrors::QMErrorT code) {
   return kFailure;
 }
 
-/// Prints what counts of the dump that the pool writes when it is closed: the number of messages,
+std::string shown;
+
+/// Notes what counts of the dump that the pool writes when it is closed: the number of messages,
 /// and the identifier and text of each ("DestID=7, Taken=1, Msg=<text>"; free places are not
-/// taken).
-void printDumpLine(unsigned, int, char* text) {
+/// taken). It is called with the pool locked, so it must not wait for anybody.
+void noteDumpLine(unsigned, int, char* text) {
+  char line[300] = "";
   int count = 0;
   unsigned id = 0;
   int taken = 0;
   int start = 0;
   if (std::sscanf(text, "pChan->nMessages: %d", &count) == 1) {
-    std::printf("messages: %d\n", count);
+    std::snprintf(line, sizeof line, "messages: %d\n", count);
   } else if (std::sscanf(text, "DestID=%u, Taken=%d, Msg=<%n", &id, &taken, &start) == 2 &&
              taken != 0 && start != 0) {
-    const std::string message = text + start;
-    std::printf("%u: %s\n", id, message.substr(0, message.rfind('>')).c_str());
+    const char* const end = std::strrchr(text, '>');
+    const auto size = static_cast<int>(end != nullptr ? end - text - start : 0);
+    std::snprintf(line, sizeof line, "%u: %.*s\n", id, size, text + start);
   }
+  if (shown.size() + sizeof line <= shown.capacity()) shown += line;
 }
 
 int show() {
   const QMErrors::QMErrorT opened = SvOpenComms(kOwnId);
   if (opened != QMErrors::NoError) return poolFailure("cannot join", opened);
   if (SvIsOverloaded() != 0) std::puts("The pool is overloaded.");
-  QMDBNewRegisterCallback(printDumpLine);
+  shown.reserve(kLongestDump);
+  QMDBNewRegisterCallback(noteDumpLine);
   SvCloseComms();
   QMDBNewRegisterCallback(nullptr);
+  std::fputs(shown.c_str(), stdout);
   return kSuccess;
 }
 
@@ -59,17 +68,19 @@ int send(unsigned short destination, const std::string& text) {
 int watch(unsigned short id) {
   QMErrors::QMErrorT result = SvOpenComms(id);
   if (result != QMErrors::NoError) return poolFailure("cannot join", result);
-  noteInterrupts();
+  qm::platform::noteInterrupts();
   std::fprintf(stderr, "watching %u, Ctrl-C ends\n", static_cast<unsigned>(id));
-  while (!interrupted() && (result == QMErrors::NoError || result == QMErrors::CommandTimedOut)) {
+  while (!qm::platform::interrupted() &&
+         (result == QMErrors::NoError || result == QMErrors::CommandTimedOut)) {
     char text[256];
     result = SvReceiveMessage(text, sizeof text, kWatchStepMs);
     if (result == QMErrors::NoError) {
       std::puts(text);
-      std::fflush(stdout);
+      if (std::fflush(stdout) != 0) break;  // messages are not taken for nobody
     }
   }
-  const int status = interrupted() ? kSuccess : poolFailure("cannot receive", result);
+  const bool ended = qm::platform::interrupted() || result == QMErrors::NoError;
+  const int status = ended ? kSuccess : poolFailure("cannot receive", result);
   SvCloseComms();
   return status;
 }

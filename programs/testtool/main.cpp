@@ -1,8 +1,11 @@
 // The test tool: the library on the command line.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "programs/testtool/Command.h"
+#include "qmutils/platform/program.h"
 
 namespace {
 
@@ -22,14 +25,25 @@ bool isHelp(const std::string& argument) { return argument == "--help" || argume
 
 /// The status of a command, or failure when its output did not get where it was to go.
 int outputWritten(int status) {
+  // An interrupted write: whoever was to read stands still, and would keep us at our end as well.
+  if (qm::platform::interrupted() && std::ferror(stdout) != 0) std::_Exit(status);
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
   std::fputs("testtool: the output could not be written\n", stderr);
   return status == kSuccess ? kFailure : status;
 }
 
+/// The status of the command; no memory, or no thread to be had, is a failure like others.
+int runCommand(const Command& command, const Arguments& arguments) try {
+  return command.run(arguments);
+} catch (const std::exception& exception) {
+  std::fprintf(stderr, "testtool %s: %s\n", command.name, exception.what());
+  return kFailure;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  qm::platform::beginProgram();
   if (argc < 2) {
     printUsage(stderr);
     return kUsageError;
@@ -48,7 +62,7 @@ int main(int argc, char** argv) {
         return outputWritten(kSuccess);
       }
     }
-    return outputWritten(command->run(arguments));
+    return outputWritten(runCommand(*command, arguments));
   }
   std::fprintf(stderr, "testtool: there is no command '%s'\n", argv[1]);
   printUsage(stderr);

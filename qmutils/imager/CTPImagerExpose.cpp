@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "qmutils/app/CQMAppUtils.h"
+#include "qmutils/foundation/LogLine.h"
 #include "qmutils/foundation/QMErrorC.h"
 #include "qmutils/imager/CTPImagerUserC.h"
 #include "qmutils/imager/ImagerProtocol.h"
@@ -51,7 +52,10 @@ std::string reserveUnique(const CString& folder, unsigned jobNumber, const char*
     if (path.IsEmpty()) return {};
     const FilePtr file(createFileExclusively(path));
     if (file != nullptr) return static_cast<const char*>(path);
-    if (lastError() != ERROR_FILE_EXISTS && lastError() != ERROR_ALREADY_EXISTS) return {};
+    if (lastError() == ERROR_FILE_EXISTS || lastError() == ERROR_ALREADY_EXISTS) continue;
+    qm::logError(kStartExpose, "cannot create ", static_cast<const char*>(path), ": ",
+                 QMErrToStr(QMErrors::lastOsError()));
+    return {};
   }
   return {};
 }
@@ -132,7 +136,9 @@ QMErrorT CTPImagerUserC::StartExpose(const ICFC::ExposeInfoC& info, std::ostream
   for (HandedOverFile& file : handedOver) (void)lastWriteTime(file.path.c_str(), &file.written);
   m_HandedOver.reserve(m_HandedOver.size() + std::size(handedOver));
   const int value = static_cast<int>(m_Start.m_nChildID + info.GetJobNumber());
-  if (SendCommand(qm::imager::kCodeExpose, value, files.job.c_str()) != NoError) {
+  // A separator in the path would be taken for its end.
+  if (files.job.find(';') != std::string::npos ||
+      SendCommand(qm::imager::kCodeExpose, value, files.job.c_str()) != NoError) {
     stack(QMErrors::FailedToSendTransportMessage,
           "Failed sending command to imager for: " + info.GetFile());
     return QMErrors::FailedToSendTransportMessage;

@@ -26,7 +26,7 @@ QMUTILS_API std::string nativePath(const char* path);
 /// As fopen(), close-on-exec.
 std::FILE* openFile(const char* path, const char* mode) noexcept;
 /// Creates a file for writing that must not exist yet (error 80 when it does).
-std::FILE* createFileExclusively(const char* path) noexcept;
+QMUTILS_API std::FILE* createFileExclusively(const char* path) noexcept;
 
 /// FILE_ATTRIBUTE_ bits; INVALID_FILE_ATTRIBUTES on failure. A file that nobody may write (which
 /// binds the superuser too) or the caller may not is read-only; hidden is a mark of its own, not

@@ -35,10 +35,10 @@ bool processExitCode(HANDLE process, DWORD* code) noexcept;
 /// when it has already ended.
 bool terminateProcess(HANDLE process, DWORD exitCode) noexcept;
 
-DWORD currentProcessId() noexcept;
+QMUTILS_API DWORD currentProcessId() noexcept;
 
-/// True when the process that launched this one has ended. A forked child that has not started a
-/// program of its own gets no useful answer.
+/// True when the process that launched this one has ended, be it before this one came up. A forked
+/// child that has not started a program of its own gets no useful answer.
 QMUTILS_API bool parentIsGone() noexcept;
 
 }  // namespace qm::platform

@@ -70,9 +70,21 @@ class Programs : public testing::Test {
     return names;
   }
 
+  /// Waits until a picture in the folder is being written.
+  static bool awaitPicture(const std::string& folder, const std::string& name) {
+    return await([&] {
+      std::error_code notYetThere;
+      for (const auto& entry : fs::directory_iterator(folder, notYetThere)) {
+        const std::string file = entry.path().filename().string();
+        if (file.starts_with(name + ".") && file.ends_with(".tmp")) return true;
+      }
+      return false;
+    });
+  }
+
   /// The imager of a test tool that has begun to expose the page "slow"; 0 when it does not.
   pid_t imagerAtWork(const Program& testtool) const {
-    const bool begun = await([&] { return fs::exists(output_ + "/slow-1.png.tmp"); });
+    const bool begun = awaitPicture(output_, "slow-1.png");
     EXPECT_TRUE(begun) << testtool.output() << testtool.errors();
     return begun ? testtool.child() : 0;
   }
@@ -137,17 +149,16 @@ TEST_F(Programs, APageThatFailsDoesNotKeepTheOthersBack) {
 
 TEST_F(Programs, OptionsBecomeSettings) {
   const std::string log = folder_.file("own.log");
-  Program testtool(
-      expose("--resolution 100 --left 1 --top 2.5 --clip-color 1 --clip-top 5 --clip-left 3 "
-             "--clip-bottom 6 --clip-right 4 --speed 9999 --log " +
-             log + " " + makePage("page.tif")));
+  Program testtool(expose(
+      "--speed 5 --resolution 100 --left 1 --top 2.5 --clip-color 1 --clip-top 5 --clip-left 3 "
+      "--clip-bottom 6 --clip-right 4 --speed 9999 --log " +
+      log + " " + makePage("page.tif")));
   ASSERT_EQ(testtool.wait(), 0) << testtool.output() << testtool.errors();
   EXPECT_TRUE(has(qmtest::readFile(log),
                   "-pr \"Default;OutputFolder=" + output_ + ";DrumWidthMM=20;DrumHeightMM=20;" +
-                      "ResolutionDPI=100;PageLeftMM=1;PageTopMM=2.5;ClipColor=1;EnableClipping=1;" +
-                      "SlowLeadingLines=5;EnableClipping=1;FastLeadingPixels=3;EnableClipping=1;" +
-                      "SlowTrailingLines=6;EnableClipping=1;FastTrailingPixels=4;" +
-                      "EnableClipping=1;LinesPerSecond=9999\""));
+                      "LinesPerSecond=9999;ResolutionDPI=100;PageLeftMM=1;PageTopMM=2.5;" +
+                      "ClipColor=1;EnableClipping=1;SlowLeadingLines=5;FastLeadingPixels=3;" +
+                      "SlowTrailingLines=6;FastTrailingPixels=4\""));
 }
 
 TEST_F(Programs, CtrlCStopsInAnOrderlyWay) {
@@ -196,6 +207,17 @@ TEST_F(Programs, AProgramThatDiesIsNoticedByTheOther) {
   EXPECT_EQ(testtool.wait(), 128 + SIGKILL);
   EXPECT_TRUE(await([&] { return !isRunning(imager); }));
   EXPECT_TRUE(pictures().empty());
+
+  // Before the imager is up, too.
+  const std::string late = folder_.file("late.sh");
+  qmtest::writeFile(late, "#!/bin/sh\nsleep 0.3\nexec " IMAGER " \"$@\"\n");
+  fs::permissions(late, fs::perms::owner_all);
+  Program other(expose("--imager " + late + " " + slow));
+  ASSERT_TRUE(await([&] { return other.child() != 0; }));
+  const pid_t orphan = other.child();
+  other.signal(SIGKILL);
+  EXPECT_EQ(other.wait(), 128 + SIGKILL);
+  EXPECT_TRUE(await([&] { return !isRunning(orphan); }));
 }
 
 TEST_F(Programs, WhatCannotStartIsReported) {
@@ -271,6 +293,13 @@ TEST_F(Programs, PoolCommandsTalkToEachOther) {
   watch.signal(SIGINT);
   EXPECT_EQ(watch.wait(), 0);
   EXPECT_EQ(watch.output(), "3;5;1;2;some text;\n");
+
+  Program closed(kTestTool + "pool watch 76 >&- 2>&-");
+  const auto everyone = [] { return outputOf("pool show"); };
+  outputOf("pool send 76 x");
+  EXPECT_TRUE(await([&] { return everyone() == "messages: 0\n"; })) << "its output went astray";
+  closed.signal(SIGINT);
+  EXPECT_EQ(closed.wait(), 0);
 }
 
 TEST_F(Programs, LogShowsTheLastLines) {
@@ -350,10 +379,10 @@ class ImagerAlone : public Programs {
   }
   /// Fills the pool while job `slow` is on the drum, and waits until the job has ended.
   void fillPoolDuring(int slow, unsigned short destination) {
-    const std::string picture = folder_.file("slow-" + std::to_string(slow) + ".png");
-    ASSERT_TRUE(await([&] { return fs::exists(picture + ".tmp"); }));
+    const std::string name = "slow-" + std::to_string(slow) + ".png";
+    ASSERT_TRUE(awaitPicture(folder_.path(), name));
     while (SvSendMessage("filler", 0, destination) == QMErrors::NoError) continue;
-    ASSERT_TRUE(await([&] { return fs::exists(picture); }));
+    ASSERT_TRUE(await([&] { return fs::exists(folder_.file(name)); }));
   }
 
   std::optional<Program> imager_;

@@ -36,7 +36,8 @@ class ImageControl : public testing::Test {
     const ICFC icf(profile.c_str());
     EXPECT_EQ(icf.Save(path_.c_str(), ICFC::ExposeInfoC("page", 1)), QMErrors::NoError);
     job_ = {};
-    return readImageControl(path_, job_);
+    bool recognised = false;
+    return readImageControl(path_, job_, &recognised);
   }
 
   qmtest::TempFolder folder_;
@@ -78,7 +79,10 @@ TEST_F(ImageControl, BadSettingsAreRefused) {
        {"", "no document", "<ImageControl >", "<Other ><Profile Name = \"x\" /></Other >",
         "<ImageControl ><Job Number = \"1\" /></ImageControl >"}) {
     qmtest::writeFile(folder_.file("job.icf"), document);
-    EXPECT_EQ(readImageControl(path_, job_).code, QMErrors::BadMissingMalformedICFFile) << document;
+    bool recognised = false;
+    EXPECT_EQ(readImageControl(path_, job_, &recognised).code, QMErrors::BadMissingMalformedICFFile)
+        << document;
+    EXPECT_EQ(recognised, std::string(document).starts_with("<ImageControl ><Job")) << document;
   }
 }
 
@@ -101,6 +105,16 @@ TEST_F(ImageControl, AJobIsReadOnceAndItsFilesAreGone) {
   EXPECT_EQ(readJob(jobFile, job_).code, QMErrors::BadMissingMalformedICFFile)
       << "the image control is gone too";
   EXPECT_EQ(job_.number, 3u) << "the report can name the job";
+
+  // What is no job file, nor an image control document, is somebody's.
+  qmtest::writeFile(folder_.file("job.txt"), "a letter");
+  EXPECT_EQ(readJob(jobFile, job_).code, QMErrors::BadCommandLineArguments);
+  EXPECT_EQ(qmtest::readFile(folder_.file("job.txt")), "a letter");
+  qmtest::writeFile(folder_.file("job.txt"), line);
+  qmtest::writeFile(folder_.file("job.icf"), "another");
+  EXPECT_EQ(readJob(jobFile, job_).code, QMErrors::BadMissingMalformedICFFile);
+  EXPECT_EQ(qmtest::readFile(folder_.file("job.icf")), "another");
+  EXPECT_EQ(readJob("/dev/zero", job_).code, QMErrors::FailedToReadFile);
 }
 
 }  // namespace

@@ -139,8 +139,10 @@ TEST_F(Pages, TellWhatIsWrongWithThem) {
     EXPECT_EQ(failure.code, QMErrors::UnsuitableImageType) << reason;
     EXPECT_EQ(failure.reason, reason);
   }
-  qmtest::writeTiff(path_, page, {.resolution = 204, .acrossResolution = 98});
-  EXPECT_EQ(readAll(path_, ignored).code, QMErrors::ResolutionOutsideValidRange);
+  for (const float along : {204.F, 0.F}) {
+    qmtest::writeTiff(path_, page, {.resolution = along, .acrossResolution = 98});
+    EXPECT_EQ(readAll(path_, ignored).code, QMErrors::ResolutionOutsideValidRange) << along;
+  }
   qmtest::writeTiff(path_, {100, 100, {}}, {.tileSide = 1u << 20});
   EXPECT_EQ(readAll(path_, ignored).reason, "the page's tiles have no usable size");
   EXPECT_EQ(codeOf("This is no page."), QMErrors::BadTiffFile);

@@ -1,7 +1,9 @@
 // The drum and the pictures of the plate.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <random>
 
@@ -114,17 +116,47 @@ TEST(PlatePicture, AFailedOneLeavesNoFile) {
   const Bitmap plate = qmtest::randomBitmap(500, 2000, random);
   for (const std::string name : {"p.png", "p-preview.png"}) {
     const qmtest::TempFolder folder;
-    fs::create_symlink("/dev/full", folder.file(name + ".tmp"));
-    EXPECT_EQ(writePicture(folder.file("p"), plate).code, QMErrors::FailedToWriteToFile) << name;
-    EXPECT_EQ(filesIn(folder.path()), 0u) << name;
     fs::create_directory(folder.file(name));
     EXPECT_EQ(writePicture(folder.file("p"), plate).code, QMErrors::FailedToWriteToFile) << name;
     EXPECT_EQ(filesIn(folder.path()), 1u) << "only the folder that is in the way, " << name;
   }
   const qmtest::TempFolder folder;
+  rlimit former{};
+  getrlimit(RLIMIT_FSIZE, &former);
+  for (const rlim_t size : {0, 4096}) {
+    const auto formerHandler = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit small{size, former.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    const Failure failure = writePicture(folder.file("p"), plate);
+    setrlimit(RLIMIT_FSIZE, &former);
+    std::signal(SIGXFSZ, formerHandler);
+    EXPECT_EQ(failure.code, QMErrors::FailedToWriteToFile) << size;
+    EXPECT_EQ(filesIn(folder.path()), 0u) << size;
+  }
   EXPECT_FALSE(writePicture(folder.file("p"), plate, false));
   EXPECT_EQ(filesIn(folder.path()), 0u) << "given up";
   EXPECT_EQ(writePicture(folder.file("no/p"), plate).code, QMErrors::FailedToOpenFile);
+}
+
+TEST(PlatePicture, TwoOfOneNameDoNotMix) {
+  std::mt19937 random(8);
+  const qmtest::TempFolder folder;
+  const Bitmap plates[] = {qmtest::randomBitmap(90, 30, random),
+                           qmtest::randomBitmap(90, 30, random)};
+  PlatePicture pictures[2];
+  for (PlatePicture& picture : pictures) ASSERT_FALSE(picture.open(folder.file("p"), 90, 30, 100));
+  for (unsigned y = 0; y < 30; ++y) {
+    for (int i : {0, 1}) ASSERT_FALSE(pictures[i].addLine(plates[i].lines[y]));
+  }
+  for (int i : {1, 0}) {
+    ASSERT_FALSE(pictures[i].finish());
+    const qmtest::Picture read = qmtest::readPng(folder.file("p.png"));
+    ASSERT_EQ(read.width, 90u);
+    for (unsigned y = 0; y < 30; ++y) {
+      for (unsigned x = 0; x < 90; ++x) ASSERT_EQ(read.burntAt(x, y), plates[i].at(x, y));
+    }
+  }
+  EXPECT_EQ(filesIn(folder.path()), 2u);
 }
 
 TEST(Exposure, PutsThePageOntoThePlateAtEveryBitOffsetWithTheClippedMargins) {

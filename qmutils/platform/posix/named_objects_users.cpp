@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/errno_translation.h"
 
 namespace qm::platform::posix {
@@ -74,6 +75,7 @@ Joined UsersLock::join(const ObjectName& name, const Deadline& deadline) noexcep
     if (present.isOpen() && identify(present, &presentIdentity) && presentIdentity == identity_)
       break;
     lock_.reset();
+    if (!present.isOpen() && lastError() != ERROR_FILE_NOT_FOUND) return Joined::Failed;
     if (deadline.passed()) return Joined::TimedOut;
   }
   switch (setLock(lock_, kUsers, F_WRLCK)) {

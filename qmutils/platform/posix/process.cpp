@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -68,8 +69,23 @@ DWORD exitCodeOf(const siginfo_t& info) noexcept {
   return info.si_code == CLD_EXITED ? status : 128 + status;
 }
 
-// As it was when the program was loaded: an orphan is handed to another process.
-const pid_t launchedBy = getppid();
+constexpr const char* kLauncherVariable = "QMUTILS_LAUNCHER";
+
+/// Who launched this process, as it was when the program was loaded: an orphan is handed to another
+/// process, perhaps before that. createProcess() therefore tells its children who it is.
+struct Launcher {
+  const pid_t parent = getppid();
+  pid_t teller = parent;
+
+  Launcher() noexcept {
+    if (const char* told = std::getenv(kLauncherVariable)) teller = std::atoi(told);
+  }
+  bool isGone() const noexcept {
+    if (getppid() != parent) return true;
+    return teller != parent && teller > 0 && kill(teller, 0) != 0 && errno == ESRCH;
+  }
+};
+const Launcher launcher;
 
 /// Keeps signals away from the calling thread and those it starts.
 class SignalsBlocked {
@@ -227,6 +243,24 @@ int setDefaultSignals(posix_spawnattr_t* attributes) noexcept {
       attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
 }
 
+/// Our environment with our own number as the launcher's.
+class ChildEnvironment {
+ public:
+  ChildEnvironment() : launcher_(std::string(kLauncherVariable) + "=" + std::to_string(getpid())) {
+    const std::size_t prefix = std::strlen(kLauncherVariable) + 1;
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+      if (launcher_.compare(0, prefix, *entry, prefix) != 0) entries_.push_back(*entry);
+    }
+    entries_.push_back(launcher_.data());
+    entries_.push_back(nullptr);
+  }
+  char** get() noexcept { return entries_.data(); }
+
+ private:
+  std::string launcher_;
+  std::vector<char*> entries_;
+};
+
 /// Spawns with only the standard descriptors, default signals and a process group of its own; gives
 /// an errno value.
 int spawn(const Launch& launch, bool detached, pid_t* pid) {
@@ -235,6 +269,7 @@ int spawn(const Launch& launch, bool detached, pid_t* pid) {
     arguments.push_back(const_cast<char*>(argument.c_str()));
   }
   arguments.push_back(nullptr);
+  ChildEnvironment environment;
   posix_spawn_file_actions_t actions;
   posix_spawnattr_t attributes;
   int error = posix_spawn_file_actions_init(&actions);
@@ -245,8 +280,8 @@ int spawn(const Launch& launch, bool detached, pid_t* pid) {
     if (error == 0) error = posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     if (error == 0) error = setDefaultSignals(&attributes);
     if (error == 0) {
-      error =
-          posix_spawn(pid, launch.path.c_str(), &actions, &attributes, arguments.data(), environ);
+      error = posix_spawn(pid, launch.path.c_str(), &actions, &attributes, arguments.data(),
+                          environment.get());
     }
     posix_spawnattr_destroy(&attributes);
   }
@@ -374,6 +409,6 @@ bool terminateProcess(HANDLE process, DWORD exitCode) noexcept {
 
 DWORD currentProcessId() noexcept { return static_cast<DWORD>(getpid()); }
 
-bool parentIsGone() noexcept { return getppid() != launchedBy; }
+bool parentIsGone() noexcept { return launcher.isGone(); }
 
 }  // namespace qm::platform

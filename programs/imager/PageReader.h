@@ -21,9 +21,9 @@ class PageReader {
   PageReader& operator=(const PageReader&) = delete;
 
   /// 1014 no such file, 1001 cannot be opened or no regular file, 2003 no TIFF or a damaged one,
-  /// 2069 not 1 bit deep, not black and white, stored turned or mirrored, or several pages in one
-  /// file, 578 not the same resolution along and across, 33327 larger than any drum. Once for an
-  /// object.
+  /// 2069 not 1 bit deep, not black and white, stored turned or mirrored, in a compression that is
+  /// not read line by line, or several pages in one file, 578 not the same resolution along and
+  /// across, 33327 larger than any drum. Once for an object.
   Failure open(const std::string& path);
 
   unsigned width() const { return width_; }    ///< pixels

@@ -137,8 +137,9 @@ QMErrorT CTPImagerUserC::StartExpose(const ICFC::ExposeInfoC& info, std::ostream
   m_HandedOver.reserve(m_HandedOver.size() + std::size(handedOver));
   const int value = static_cast<int>(m_Start.m_nChildID + info.GetJobNumber());
   // A separator in the path would be taken for its end.
-  if (files.job.find(';') != std::string::npos ||
-      SendCommand(qm::imager::kCodeExpose, value, files.job.c_str()) != NoError) {
+  const bool sendable = files.job.find(';') == std::string::npos;
+  if (!sendable) qm::logError(kStartExpose, "a message cannot hold a path with ';': ", files.job);
+  if (!sendable || SendCommand(qm::imager::kCodeExpose, value, files.job.c_str()) != NoError) {
     stack(QMErrors::FailedToSendTransportMessage,
           "Failed sending command to imager for: " + info.GetFile());
     return QMErrors::FailedToSendTransportMessage;

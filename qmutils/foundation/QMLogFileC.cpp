@@ -121,7 +121,7 @@ constinit std::atomic<bool> QMLogFileC::m_bTeeCerr{true};
 QMLogFileC::QMLogFileC(bool teeCerr) : m_Log(nullptr, nullptr, nullptr, nullptr) {
   theLog().createMutex();
   m_bTeeCerr = teeCerr;
-  const std::lock_guard lock(theLog().headerSourceLock);
+  const qm::ShortLock lock(theLog().headerSourceLock);
   theLog().headerSource = this;
 }
 
@@ -136,7 +136,7 @@ QMLogFileC::~QMLogFileC() { Close(); }
 void QMLogFileC::Close() {
   if (std::exchange(m_bClosed, true)) return;
   {
-    const std::lock_guard lock(theLog().headerSourceLock);
+    const qm::ShortLock lock(theLog().headerSourceLock);
     if (theLog().headerSource == this) theLog().headerSource = nullptr;
   }
   const LogLock lock;
@@ -146,7 +146,7 @@ void QMLogFileC::Close() {
 const char* QMLogFileC::GetExtraHeaderInfo() { return nullptr; }
 
 const char* QMLogFileC::extraHeaderInfo() {
-  const std::lock_guard lock(theLog().headerSourceLock);
+  const qm::ShortLock lock(theLog().headerSourceLock);
   QMLogFileC* const source = theLog().headerSource;
   if (source == nullptr) return "** No extra header info function defined.";
   const char* info = source->GetExtraHeaderInfo();

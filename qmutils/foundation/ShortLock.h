@@ -8,13 +8,14 @@
 
 namespace qm {
 
+template <class Mutex>
 class ShortLock {
  public:
-  explicit ShortLock(std::mutex& mutex) : guard_(mutex) {}
+  explicit ShortLock(Mutex& mutex) : guard_(mutex) {}
 
  private:
   platform::SuspensionDeferral deferral_;  // first, so that it covers the taking of the mutex
-  std::lock_guard<std::mutex> guard_;
+  std::lock_guard<Mutex> guard_;
 };
 
 }  // namespace qm

@@ -3,11 +3,11 @@
 #include <istream>
 #include <new>
 #include <ostream>
-#include <streambuf>
 #include <string_view>
 
 #include "qmutils/data/QMXmlC.h"
 #include "qmutils/data/XmlReader.h"
+#include "qmutils/foundation/FileBuffer.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/platform/file.h"
 
@@ -26,35 +26,6 @@ void indentBy(std::ostream& os, unsigned blanks) {
   for (; blanks > kBlanks.size(); blanks -= kBlanks.size()) put(os, kBlanks);
   put(os, kBlanks.substr(0, blanks));
 }
-
-/// A stream over a C file, so that trees go to disk and come from it through the platform's file
-/// functions.
-class FileBuffer : public std::streambuf {
- public:
-  explicit FileBuffer(std::FILE* file) : file_(file) {}
-
- protected:
-  int_type underflow() override {
-    const std::size_t got = std::fread(read_, 1, sizeof read_, file_);
-    if (std::ferror(file_) != 0) throw std::ios_base::failure("read failure");  // for the stream
-    if (got == 0) return traits_type::eof();
-    setg(read_, read_, read_ + got);
-    return traits_type::to_int_type(*gptr());
-  }
-  int_type overflow(int_type c) override {
-    return traits_type::eq_int_type(c, traits_type::eof()) || std::fputc(c, file_) != EOF
-               ? traits_type::not_eof(c)
-               : traits_type::eof();
-  }
-  std::streamsize xsputn(const char* text, std::streamsize count) override {
-    return static_cast<std::streamsize>(
-        std::fwrite(text, 1, static_cast<std::size_t>(count), file_));
-  }
-
- private:
-  std::FILE* file_;
-  char read_[16 * 1024];
-};
 
 }  // namespace
 
@@ -128,7 +99,7 @@ QMErrors::QMErrorT QMXmlC::Load(const char* file) try {
   const qm::platform::FilePtr in(file != nullptr ? qm::platform::openFile(file, "rb") : nullptr);
   QMErrors::QMErrorT result = QMErrors::FailedToOpenFile;
   if (in != nullptr) {
-    FileBuffer buffer(in.get());
+    qm::FileBuffer buffer(in.get());
     std::istream is(&buffer);
     result = FromStream(is);
   }
@@ -150,7 +121,7 @@ QMErrors::QMErrorT QMXmlC::Save(const char* file) const try {
     qm::logError("QMXmlC::Save(): failed to open:", file != nullptr ? file : "null");
     return QMErrors::FailedToOpenFile;
   }
-  FileBuffer buffer(out.get());
+  qm::FileBuffer buffer(out.get());
   std::ostream os(&buffer);
   QMErrors::QMErrorT result = ToStream(os, 0);
   const bool written = flushToDisk(out.get());

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config libtiff-dev libpng-dev)
-test=("${build[@]}" libgtest-dev)
+test=("${build[@]}" libgtest-dev locales)
 bench=("${test[@]}" libbenchmark-dev libspdlog-dev libboost-dev)
 fuzz=("${test[@]}" clang libclang-rt-dev)
 

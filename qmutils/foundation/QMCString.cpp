@@ -51,6 +51,16 @@ QMCString& QMCString::operator=(const QMCString& other) noexcept {
   return *this;
 }
 
+QMCString& QMCString::operator=(const char* text) noexcept {
+  assign(textOrEmpty(text));
+  return *this;
+}
+
+QMCString& QMCString::operator=(std::string_view text) noexcept {
+  assign(text);
+  return *this;
+}
+
 QMCString& QMCString::operator=(char c) noexcept {
   assign({&c, 1});
   return *this;

@@ -22,6 +22,8 @@ class QMUTILS_API QMCString {
 
   QMCString& operator=(const QMCString& other) noexcept;
   QMCString& operator=(QMCString&& other) noexcept = default;
+  QMCString& operator=(const char* text) noexcept;
+  QMCString& operator=(std::string_view text) noexcept;
   /// A string of this one character.
   QMCString& operator=(char c) noexcept;
   QMCString& operator+=(const char* text) noexcept;

@@ -1,5 +1,6 @@
 #include "qmutils/platform/c_locale.h"
 
+#include <langinfo.h>
 #include <locale.h>
 
 #include <cstdio>
@@ -14,6 +15,14 @@ int formatInCLocale(char* buffer, std::size_t size, const char* format,
   const int length = std::vsnprintf(buffer, size, format, arguments);
   if (former != nullptr) uselocale(former);
   return length;
+}
+
+NumberMarks numberMarks() noexcept {
+  NumberMarks marks;
+  std::snprintf(marks.decimalPoint, sizeof marks.decimalPoint, "%s", nl_langinfo(RADIXCHAR));
+  std::snprintf(marks.thousandsSeparator, sizeof marks.thousandsSeparator, "%s",
+                nl_langinfo(THOUSEP));
+  return marks;
 }
 
 }  // namespace qm::platform

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "qmutils/data/Units.h"
+#include "qmutils/data/Saturated.h"
 
 namespace qm {
 

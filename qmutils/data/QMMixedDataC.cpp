@@ -6,6 +6,7 @@
 #include <limits>
 #include <string_view>
 
+#include "qmutils/data/Saturated.h"
 #include "qmutils/data/Units.h"
 
 namespace {

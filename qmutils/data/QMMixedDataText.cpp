@@ -9,6 +9,7 @@
 #include "qmutils/data/ElapsedTime.h"
 #include "qmutils/data/NumberStream.h"
 #include "qmutils/data/QMMixedDataC.h"
+#include "qmutils/data/Saturated.h"
 #include "qmutils/data/Units.h"
 
 namespace {

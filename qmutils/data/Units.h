@@ -2,8 +2,6 @@
 // floor. Pure functions; any thread may call them.
 #pragma once
 
-#include <cmath>
-#include <limits>
 #include <optional>
 
 namespace qm {
@@ -19,16 +17,5 @@ std::optional<double> rangeFactor(unsigned flags, double value) noexcept;
 /// else as it is.
 double convertUnits(double value, unsigned flags, unsigned fromUnit, unsigned toUnit,
                     unsigned precision, double scale) noexcept;
-
-/// Truncates toward zero; what does not fit becomes the nearest number, not-a-number becomes 0.
-template <class Integer>
-Integer saturated(double value) noexcept {
-  using Limits = std::numeric_limits<Integer>;
-  if (std::isnan(value)) return 0;
-  if (value <= static_cast<double>(Limits::min())) return Limits::min();
-  // The largest 64-bit number is no double; the next one above it is.
-  if (value >= static_cast<double>(Limits::max())) return Limits::max();
-  return static_cast<Integer>(value);
-}
 
 }  // namespace qm

@@ -45,10 +45,12 @@ class QMUTILS_API QMPlateC {
   int IsPositivePlate() const noexcept { return m_bPositive; }
   double GetThicknessMM() const noexcept { return m_nThickness * 0.01; }
 
+ protected:
+  std::uint32_t m_Reserved[2] = {};  // for the programs' own classes
+
  private:
   using Text = char[kMaxNameLength + 1];  // padded with NUL
 
-  std::uint32_t m_Reserved[2] = {};
   Text m_Name = {};
   double m_First = 0;
   double m_Second = 0;

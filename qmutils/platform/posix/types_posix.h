@@ -42,6 +42,23 @@ union LARGE_INTEGER {
   std::int64_t QuadPart;
 };
 
+/// A globally unique identifier. Data1 to Data3 are numbers; in text they are written with their
+/// highest digit first, in memory they have the byte order of the machine.
+struct GUID {
+  std::uint32_t Data1;
+  std::uint16_t Data2;
+  std::uint16_t Data3;
+  std::uint8_t Data4[8];
+};
+static_assert(sizeof(GUID) == 16);
+
+constexpr bool operator==(const GUID& a, const GUID& b) noexcept {
+  for (int i = 0; i < 8; ++i) {
+    if (a.Data4[i] != b.Data4[i]) return false;
+  }
+  return a.Data1 == b.Data1 && a.Data2 == b.Data2 && a.Data3 == b.Data3;
+}
+
 /// Time-outs are milliseconds; this one never passes.
 inline constexpr DWORD INFINITE = 0xFFFFFFFFu;
 
@@ -84,6 +101,7 @@ inline constexpr DWORD ERROR_NOT_OWNER = 288;
 inline constexpr DWORD ERROR_TOO_MANY_POSTS = 298;
 inline constexpr DWORD ERROR_OPERATION_ABORTED = 995;
 inline constexpr DWORD ERROR_IO_PENDING = 997;
+inline constexpr DWORD RPC_S_INVALID_STRING_UUID = 1705;
 
 // File attributes.
 inline constexpr DWORD FILE_ATTRIBUTE_READONLY = 0x1;

@@ -23,10 +23,15 @@ struct Command {
   int (*run)(const Arguments& arguments);
 };
 
+extern const Command kDecodeCommand;
+extern const Command kEncodeCommand;
 extern const Command kErrorCommand;
 extern const Command kExposeCommand;
+extern const Command kGuidCommand;
 extern const Command kLogCommand;
 extern const Command kPoolCommand;
+extern const Command kValueCommand;
+extern const Command kXmlCommand;
 
 /// Complains about the command line; gives kUsageError.
 int usageError(const Command& command, const std::string& complaint);

@@ -11,7 +11,10 @@ namespace {
 
 using namespace programs;
 
-const Command* const kCommands[] = {&kExposeCommand, &kErrorCommand, &kPoolCommand, &kLogCommand};
+const Command* const kCommands[] = {
+    &kExposeCommand, &kErrorCommand, &kPoolCommand,   &kLogCommand,    &kValueCommand,
+    &kXmlCommand,    &kGuidCommand,  &kEncodeCommand, &kDecodeCommand,
+};
 
 void printUsage(std::FILE* out) {
   std::fputs("usage: testtool COMMAND [ARGUMENTS]\n\nCommands:\n", out);

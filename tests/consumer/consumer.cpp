@@ -12,6 +12,9 @@
 #include "qmutils/concurrency/QMEventC.h"
 #include "qmutils/concurrency/QMLockC.h"
 #include "qmutils/concurrency/QMThreadC.h"
+#include "qmutils/data/GuidC.h"
+#include "qmutils/data/QMGUIDEncryptC.h"
+#include "qmutils/data/QMMixedDataC.h"
 #include "qmutils/data/QMXmlC.h"
 #include "qmutils/foundation/QMErrorC.h"
 #include "qmutils/foundation/QMExceptionC.h"
@@ -21,6 +24,10 @@
 #include "qmutils/foundation/QMTime.h"
 #include "qmutils/foundation/RealSecondsC.h"
 #include "qmutils/imager/CTPImagerUserC.h"
+#include "qmutils/imager/EngineClipDataC.h"
+#include "qmutils/imager/MachineTransformC.h"
+#include "qmutils/imager/QMPlateC.h"
+#include "qmutils/windowing/CDC.h"
 #include "qmutils/windowing/CString.h"
 
 namespace {
@@ -79,7 +86,20 @@ int main() {
   std::ostringstream xml;
   xml << root;
   check(xml.str() == "<Root />\r\n", "XML");
+  CRect screen(0, 0, 10, 10);
+  check(root.PrettyXML(nullptr, 0, &screen) == QMErrors::NullObjectProvided, "drawing");
+  std::stringstream plain("plain"), encoded, decoded;
+  const GuidC key(QMGUIDEncryptC::GetPublicKey());
+  check(key.IsValid() == 1 && QMGUIDEncryptC::Encode(plain, encoded, key) == QMErrors::NoError &&
+            QMGUIDEncryptC::Decode(encoded, decoded, key) == QMErrors::NoError &&
+            decoded.str() == "plain",
+        "encoding");
   CString folder;
+  QMMixedDataC value(CMDFormat::MD_TYPE_DOUBLE | CMDFormat::MD_UNIT_MM, 0, 1);
+  check(std::strcmp(value.AToString(folder, 0), "0.0 mm") == 0, "typed values");
+  check(QMPlateC().IsPositivePlate() == 0 && MachineTransformC().GetResolution(1) == 0 &&
+            EngineClipDataC().m_bClipColor == 0,
+        "plates");
   check(CQMAppUtils::GetModulePath(folder, true) == QMErrors::NoError, "module path");
   IdleImager imager;
   check(imager.StopImager() == QMErrors::NoError, "imager");

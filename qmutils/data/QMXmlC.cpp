@@ -56,7 +56,7 @@ void QMXmlC::CopyContent(const QMXmlC& other) {
     copy->m_bForceNewline = source->m_bForceNewline;
     copy->m_Text = source->m_Text;
     for (const PropertiesC* p = source->m_pProperties.get(); p != nullptr; p = p->m_pNext.get()) {
-      copy->AppendProperty(p->m_Name, p->m_Value);
+      copy->AppendProperty(std::make_unique<PropertiesC>(p->m_Name, p->m_Value));
     }
     if (source->m_pFirstChild != nullptr) {
       source = source->m_pFirstChild;
@@ -134,15 +134,14 @@ QMErrors::QMErrorT QMXmlC::AddChild(const char* name, QMXmlC** out) try {
   return QMErrors::MemoryAllocationFailed;
 }
 
-void QMXmlC::AppendProperty(std::string name, std::string value) {
-  auto entry = std::make_unique<PropertiesC>(std::move(name), std::move(value));
-  PropertiesC* const added = entry.get();
-  (m_pLastProperty != nullptr ? m_pLastProperty->m_pNext : m_pProperties) = std::move(entry);
+void QMXmlC::AppendProperty(std::unique_ptr<PropertiesC> property) {
+  PropertiesC* const added = property.get();
+  (m_pLastProperty != nullptr ? m_pLastProperty->m_pNext : m_pProperties) = std::move(property);
   m_pLastProperty = added;
 }
 
 QMErrors::QMErrorT QMXmlC::AddProperty(const char* name, const char* value) try {
-  AppendProperty(orEmpty(name), orEmpty(value));
+  AppendProperty(std::make_unique<PropertiesC>(orEmpty(name), orEmpty(value)));
   return QMErrors::NoError;
 } catch (const std::bad_alloc&) {
   qm::logError("QMXmlC::AddProperty(): ", "failed allocating new property");

@@ -26,9 +26,13 @@
 #include "qmutils/foundation/QMLogStreamC.h"
 #include "qmutils/platform/export.h"
 
+class CDC;
+class CRect;
+
 namespace qm {
 class XmlReader;
-}
+class XmlWriter;
+}  // namespace qm
 
 class QMUTILS_API QMXmlC {
  public:
@@ -96,6 +100,13 @@ class QMUTILS_API QMXmlC {
   /// Replaces the file in one step: a full disk or a kill leaves the old file or the new one.
   QMErrors::QMErrorT Save(const char* file) const;
 
+  /// Draws the lines that ToStream(indent) writes one below the other, a font's height apart, with
+  /// tabs expanded and cut at the edges of `rect`. Lines below the rectangle are not even produced,
+  /// so a screenful costs little however large the tree is. The rectangle's top is moved below the
+  /// last line, where the caller goes on. 2100 also without device or rectangle; a device that
+  /// fails gives its system error.
+  QMErrors::QMErrorT PrettyXML(CDC* dc, unsigned indent, CRect* rect) const;
+
  protected:
   class PropertiesC;
   /// The entry itself; 2007 when there is none of that name.
@@ -103,17 +114,16 @@ class QMUTILS_API QMXmlC {
 
  private:
   friend class qm::XmlReader;
+  friend class qm::XmlWriter;
 
   bool HasName(const char* name) const { return m_bNamed && m_ObjectName == name; }
-  void AppendProperty(std::string name, std::string value);
+  void AppendProperty(std::unique_ptr<PropertiesC> property);
   void SetObjectName(const char* name);
   void CopyContent(const QMXmlC& other);
   void Link(QMXmlC* child);
   void Unlink(QMXmlC* child);
   void DeleteChildren();
   QMXmlC* FindByName(const std::string& name, const QMXmlC* skip);
-  QMErrors::QMErrorT WriteStartTag(std::ostream& os, unsigned indent) const;
-  void WriteEndTag(std::ostream& os, unsigned indent) const;
 
   QMXmlC* m_pNext = nullptr;
   QMXmlC* m_pPrevious = nullptr;
@@ -134,6 +144,7 @@ class QMUTILS_API QMXmlC {
 /// One property; entries stand in the order in which they were added.
 class QMXmlC::PropertiesC {
  public:
+  PropertiesC() = default;
   PropertiesC(std::string name, std::string value)
       : m_Name(std::move(name)), m_Value(std::move(value)) {}
   ~PropertiesC();

@@ -1,5 +1,6 @@
 // Writing a tree, and trees in files.
 #include <cstdio>
+#include <cstring>
 #include <istream>
 #include <new>
 #include <ostream>
@@ -7,90 +8,57 @@
 
 #include "qmutils/data/QMXmlC.h"
 #include "qmutils/data/XmlReader.h"
+#include "qmutils/data/XmlWriter.h"
 #include "qmutils/foundation/FileBuffer.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/platform/file.h"
 
 namespace {
 
-constexpr std::string_view kLineEnd = "\r\n";
-constexpr const char* kToStream = "QMXmlC::ToStream(): ";
+/// Collects the pieces into blocks. Text goes straight to the stream's buffer: no width, fill or
+/// other format of the stream touches it.
+class StreamOutput : public qm::XmlOutput {
+ public:
+  explicit StreamOutput(std::ostream& os) : os_(os) {}
 
-/// Text goes straight to the buffer: no width, fill or other format of the stream touches it.
-void put(std::ostream& os, std::string_view text) {
-  os.write(text.data(), static_cast<std::streamsize>(text.size()));
-}
+  void put(std::string_view piece) override {
+    if (piece.size() > sizeof block_ - used_) {
+      flush();
+      if (piece.size() > sizeof block_) {
+        write(piece);
+        return;
+      }
+    }
+    std::memcpy(block_ + used_, piece.data(), piece.size());
+    used_ += piece.size();
+  }
 
-void indentBy(std::ostream& os, unsigned blanks) {
-  constexpr std::string_view kBlanks = "                                ";
-  for (; blanks > kBlanks.size(); blanks -= kBlanks.size()) put(os, kBlanks);
-  put(os, kBlanks.substr(0, blanks));
-}
+  /// False when the stream has not taken everything.
+  bool flush() {
+    if (used_ != 0) write({block_, used_});
+    used_ = 0;
+    return !isFull();
+  }
+
+ private:
+  void write(std::string_view text) {
+    if (!isFull()) os_.write(text.data(), static_cast<std::streamsize>(text.size()));
+    full_ = full_ || !os_;
+  }
+
+  std::ostream& os_;
+  std::size_t used_ = 0;
+  char block_[16 * 1024];
+};
 
 }  // namespace
 
-QMErrors::QMErrorT QMXmlC::WriteStartTag(std::ostream& os, unsigned indent) const {
-  if (!m_bNamed || m_ObjectName.empty()) {
-    qm::logError(kToStream, m_bNamed ? "m_pObjectName is empty: object invalid"
-                                     : "m_pObjectName is NULL: object invalid");
-    return QMErrors::NullObjectProvided;
-  }
-  if (!qm::isReadableName(m_ObjectName)) {
-    qm::logError(kToStream, "the name would be read as something else: ", m_ObjectName);
-    return QMErrors::ErrorBadlyFormedXML;
-  }
-  indentBy(os, indent);
-  put(os, "<");
-  put(os, m_ObjectName);
-  const std::string_view separator = m_bForceNewline ? kLineEnd : std::string_view(" ");
-  if (m_pProperties != nullptr) put(os, separator);
-  for (const PropertiesC* p = m_pProperties.get(); p != nullptr; p = p->m_pNext.get()) {
-    put(os, p->m_Name);
-    put(os, " = \"");
-    put(os, p->m_Value);
-    put(os, "\"");
-    put(os, separator);
-  }
-  if (m_pFirstChild == nullptr && m_Text.empty()) {
-    put(os, " />");
-    put(os, kLineEnd);
-    return QMErrors::NoError;
-  }
-  put(os, ">");
-  if (m_pFirstChild != nullptr) put(os, kLineEnd);
-  put(os, m_Text);
-  return QMErrors::NoError;
-}
-
-/// Nothing for an element that closed itself.
-void QMXmlC::WriteEndTag(std::ostream& os, unsigned indent) const {
-  if (m_pFirstChild == nullptr && m_Text.empty()) return;
-  if (m_bForceNewline || m_pFirstChild != nullptr) indentBy(os, indent);
-  put(os, "</");
-  put(os, m_ObjectName);
-  put(os, " >");
-  put(os, kLineEnd);
-}
-
-QMErrors::QMErrorT QMXmlC::ToStream(std::ostream& os, unsigned indent) const {
-  const QMXmlC* node = this;
-  for (;;) {
-    const QMErrors::QMErrorT result = node->WriteStartTag(os, indent);
-    if (result != QMErrors::NoError) return result;
-    if (!os) return QMErrors::FailedToWriteXMLObject;
-    if (node->m_pFirstChild != nullptr) {
-      node = node->m_pFirstChild;
-      ++indent;
-      continue;
-    }
-    node->WriteEndTag(os, indent);
-    while (node != this && node->m_pNext == nullptr) {
-      node = node->m_pOwner;
-      node->WriteEndTag(os, --indent);
-    }
-    if (node == this) return os ? QMErrors::NoError : QMErrors::FailedToWriteXMLObject;
-    node = node->m_pNext;
-  }
+QMErrors::QMErrorT QMXmlC::ToStream(std::ostream& os, unsigned indent) const try {
+  StreamOutput out(os);
+  const QMErrors::QMErrorT result = qm::XmlWriter(out).write(*this, indent);
+  return out.flush() ? result : QMErrors::FailedToWriteXMLObject;
+} catch (...) {
+  return QMErrors::FailedToWriteXMLObject;  // a stream that throws when it fails
 }
 
 QMErrors::QMErrorT QMXmlC::FromStream(std::istream& is) { return qm::XmlReader(is, *this).read(); }

@@ -3,6 +3,7 @@
 #include <memory>
 #include <new>
 
+#include "qmutils/data/XmlNames.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/foundation/QMStringStream.h"
 
@@ -14,37 +15,34 @@ using QMErrors::QMErrorT;
 
 namespace {
 
-constexpr int kEnd = std::char_traits<char>::eof();
+constexpr XmlCharacters kStartNameStops(" \t\r\n>/");
+constexpr XmlCharacters kPropertyNameStops("=<>\"");
 
-bool isWhite(int c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+bool isWhite(int c) { return c != XmlWindow::kEnd && kXmlWhite.contains(static_cast<char>(c)); }
 
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && isWhite(text.front())) text.remove_prefix(1);
-  while (!text.empty() && isWhite(text.back())) text.remove_suffix(1);
-  return text;
+/// Trims what stands behind the first `from` characters.
+void trim(std::string* text, std::size_t from = 0) {
+  std::size_t end = text->size();
+  while (end > from && kXmlWhite.contains((*text)[end - 1])) --end;
+  text->resize(end);
+  std::size_t begin = from;
+  while (begin < end && kXmlWhite.contains((*text)[begin])) ++begin;
+  text->erase(from, begin - from);
 }
 
 }  // namespace
 
-XmlReader::XmlReader(std::istream& is, QMXmlC& root)
-    : is_(is),
-      buffer_(is.rdbuf()),
-      root_(root),
-      start_(buffer_ == nullptr
-                 ? -1
-                 : std::streamoff(buffer_->pubseekoff(0, std::ios::cur, std::ios::in))) {}
-
 QMErrorT XmlReader::read() noexcept {
   QMErrorT result = ErrorBadlyFormedXML;
   try {
-    const std::istream::sentry ready(is_, true);
-    if (ready) result = readElements();
+    if (window_.open()) result = readElements();
   } catch (const std::bad_alloc&) {
     result = QMErrors::MemoryAllocationFailed;
   } catch (...) {
     result = ErrorBadlyFormedXML;  // a stream that throws
   }
   try {
+    window_.close();
     if (result != NoError) report(result);
   } catch (...) {
     // No memory for the report, or a listener that throws: the result tells.
@@ -52,61 +50,29 @@ QMErrorT XmlReader::read() noexcept {
   return result;
 }
 
-int XmlReader::peek() {
-  return pushedBack_.empty() ? buffer_->sgetc() : static_cast<unsigned char>(pushedBack_.back());
-}
-
-int XmlReader::take() {
-  int c;
-  if (pushedBack_.empty()) {
-    c = buffer_->sbumpc();
-  } else {
-    c = static_cast<unsigned char>(pushedBack_.back());
-    pushedBack_.pop_back();
-  }
-  if (c == '\n') {
-    ++line_;
-    offset_ = 0;
-  } else if (c != kEnd) {
-    ++offset_;
-  } else {
-    is_.setstate(std::ios::eofbit);
-  }
-  return c;
-}
-
-/// Never a line feed.
-void XmlReader::putBack(char c) {
-  pushedBack_ += c;
-  --offset_;
-}
-
-void XmlReader::skipWhite() {
-  while (isWhite(peek())) take();
-}
-
-bool XmlReader::takeCommentStart() {
-  constexpr std::string_view kStart = "<!--";
-  std::size_t taken = 0;
-  while (taken < kStart.size() && peek() == kStart[taken]) {
-    take();
-    ++taken;
-  }
-  if (taken == kStart.size()) return true;
-  while (taken > 0) putBack(kStart[--taken]);
-  return false;
-}
-
 QMErrorT XmlReader::skipComments() {
   for (;;) {
-    skipWhite();
-    if (!takeCommentStart()) return NoError;
+    window_.skipAll(kXmlWhite);
+    if (!window_.startsWith(kXmlCommentStart)) return NoError;
+    window_.skip(kXmlCommentStart.size());
+    const QMErrorT result = skipCommentText();
+    if (result != NoError) return result;
+  }
+}
+
+/// Up to ">" behind two dashes or more.
+QMErrorT XmlReader::skipCommentText() {
+  for (;;) {
+    window_.skipUntil('-');
     int dashes = 0;
-    for (;;) {
-      const int c = take();
-      if (c == kEnd) return is_.bad() ? ErrorBadlyFormedXML : QMErrors::EndOfFileError;
-      if (c == '>' && dashes >= 2) break;
-      dashes = c == '-' ? dashes + 1 : 0;
+    for (; window_.peek() == '-'; window_.take()) ++dashes;
+    if (dashes == 0 || window_.peek() == XmlWindow::kEnd) {
+      window_.take();
+      return QMErrors::EndOfFileError;
+    }
+    if (dashes >= 2 && window_.peek() == '>') {
+      window_.take();
+      return NoError;
     }
   }
 }
@@ -115,12 +81,12 @@ QMErrorT XmlReader::skipComments() {
 QMErrorT XmlReader::readElements() {
   QMErrorT result = skipComments();
   if (result != NoError) return result;
-  if (peek() != '<') {
+  if (window_.peek() != '<') {
     logError("QMXmlC::FromStream(): ", "not an XML object!!");
     return ErrorBadlyFormedXML;
   }
-  take();
-  if (!root_.m_bStrict) skipWhite();
+  window_.take();
+  if (!root_.m_bStrict) window_.skipAll(kXmlWhite);
   QMXmlC* node = &root_;
   bool closed = false;
   result = readStartTag(*node, &closed);
@@ -151,26 +117,17 @@ QMErrorT XmlReader::readElements() {
 QMErrorT XmlReader::readStartTag(QMXmlC& node, bool* selfClosed) {
   QMErrorT result = readName(&node.m_ObjectName);
   node.m_bNamed = true;
-  const bool named = !node.m_ObjectName.empty() || (node.m_bStrict && isWhite(peek()));
-  if (result == NoError && (!named || !isReadableName(node.m_ObjectName))) {
+  const bool named = !node.m_ObjectName.empty() || (node.m_bStrict && isWhite(window_.peek()));
+  if (result == NoError && (!named || !isReadableXmlName(node.m_ObjectName))) {
     result = ErrorBadlyFormedXML;
   }
   while (result == NoError) {
     result = skipComments();
     if (result != NoError) break;
-    if (peek() == '>') {
-      take();
-      *selfClosed = false;
+    *selfClosed = window_.startsWith("/>");
+    if (*selfClosed || window_.peek() == '>') {
+      window_.skip(*selfClosed ? 2 : 1);
       return NoError;
-    }
-    if (peek() == '/') {
-      take();
-      if (peek() == '>') {
-        take();
-        *selfClosed = true;
-        return NoError;
-      }
-      putBack('/');
     }
     result = readProperty(node);
   }
@@ -180,34 +137,25 @@ QMErrorT XmlReader::readStartTag(QMXmlC& node, bool* selfClosed) {
 QMErrorT XmlReader::readName(std::string* name) {
   name->clear();
   for (;;) {
-    const int c = peek();
-    if (c == kEnd) return ErrorBadlyFormedXML;
-    if (isWhite(c) || c == '>') return NoError;
-    take();
-    if (c == '/' && peek() == '>') {
-      putBack('/');
-      return NoError;
-    }
-    *name += static_cast<char>(c);
+    window_.takeUntil(kStartNameStops, name);
+    const int c = window_.peek();
+    if (c == XmlWindow::kEnd) return ErrorBadlyFormedXML;
+    if (c != '/' || window_.startsWith("/>")) return NoError;
+    *name += static_cast<char>(window_.take());
   }
 }
 
 QMErrorT XmlReader::readProperty(QMXmlC& node) {
-  std::string name;
-  while (peek() != '=') {
-    const int c = take();
-    if (c == kEnd || c == '<' || c == '>' || c == '"') return ErrorBadlyFormedXML;
-    name += static_cast<char>(c);
-  }
-  take();
-  skipWhite();
-  if (take() != '"') return ErrorBadlyFormedXML;
-  std::string value;
-  for (int c = take(); c != '"'; c = take()) {
-    if (c == kEnd) return ErrorBadlyFormedXML;
-    value += static_cast<char>(c);
-  }
-  node.AppendProperty(std::string(trimmed(name)), std::string(trimmed(value)));
+  auto property = std::make_unique<QMXmlC::PropertiesC>();
+  window_.takeUntil(kPropertyNameStops, &property->m_Name);
+  if (window_.take() != '=') return ErrorBadlyFormedXML;
+  window_.skipAll(kXmlWhite);
+  if (window_.take() != '"') return ErrorBadlyFormedXML;
+  window_.takeUntil('"', &property->m_Value);
+  if (window_.take() != '"') return ErrorBadlyFormedXML;
+  trim(&property->m_Name);
+  trim(&property->m_Value);
+  node.AppendProperty(std::move(property));
   return NoError;
 }
 
@@ -215,59 +163,36 @@ QMErrorT XmlReader::readContent(QMXmlC& node, Next* next) {
   for (;;) {
     const QMErrorT result = skipComments();
     if (result != NoError) return result;
-    if (peek() == '<') {
-      take();
-      if (!node.m_bStrict) skipWhite();
-      *next = peek() == '/' ? Next::EndTag : Next::Child;
-      if (*next == Next::EndTag) take();
+    if (window_.peek() == '<') {
+      window_.take();
+      if (!node.m_bStrict) window_.skipAll(kXmlWhite);
+      *next = window_.peek() == '/' ? Next::EndTag : Next::Child;
+      if (*next == Next::EndTag) window_.take();
       return NoError;
     }
     const std::size_t start = node.m_Text.size();
-    while (peek() != '<') {
-      const int c = take();
-      if (c == kEnd) return ErrorBadlyFormedXML;
-      node.m_Text += static_cast<char>(c);
+    window_.takeUntil('<', &node.m_Text);
+    if (window_.peek() == XmlWindow::kEnd) {
+      window_.take();
+      return ErrorBadlyFormedXML;
     }
-    const std::string_view piece = std::string_view(node.m_Text).substr(start);
-    node.m_Text.resize(start + trimmed(piece).size());
+    trim(&node.m_Text, start);
   }
 }
 
 /// Behind "</".
 QMErrorT XmlReader::readEndTag(const QMXmlC& node) {
   std::string name;
-  for (int c = take(); c != '>'; c = take()) {
-    if (c == kEnd) return ErrorBadlyFormedXML;
-    if (isWhite(c)) {
-      while (c != '>' && c != kEnd) c = take();
-      if (c == kEnd) return ErrorBadlyFormedXML;
-      break;
-    }
-    name += static_cast<char>(c);
-  }
+  window_.takeUntil(kXmlNameEnds, &name);
+  window_.skipUntil('>');
+  if (window_.take() != '>') return ErrorBadlyFormedXML;
   return name == node.m_ObjectName ? NoError : ErrorBadlyFormedXML;
 }
 
-/// Lines count from the beginning of the stream, also of an element in its middle.
-void XmlReader::countFromStreamStart() {
-  if (start_ <= 0) return;  // at the beginning already, or no way back
-  const std::streamoff here = buffer_->pubseekoff(0, std::ios::cur, std::ios::in);
-  if (here < 0 || buffer_->pubseekpos(0, std::ios::in) != std::streampos(0)) return;
-  unsigned long long lines = 0;
-  unsigned long long offset = 0;
-  for (std::streamoff i = 0; i < start_; ++i) {
-    offset = buffer_->sbumpc() == '\n' ? 0 : offset + 1;
-    if (offset == 0) ++lines;
-  }
-  buffer_->pubseekpos(here, std::ios::in);
-  if (line_ == 1) offset_ += offset;
-  line_ += lines;
-}
-
 void XmlReader::report(QMErrorT code) {
-  countFromStreamStart();
+  const XmlPlace place = window_.place();
   QMostrstream text;
-  text << "ERROR:" << QMErrToStr(code) << ", at line:" << line_ << ", offset:" << offset_;
+  text << "ERROR:" << QMErrToStr(code) << ", at line:" << place.line << ", offset:" << place.offset;
   const std::string report(text.text());
   if (root_.m_pListener != nullptr) {
     root_.m_pListener->OnError(report.c_str());

@@ -7,7 +7,11 @@
 //     if (!nth.hasFailed()) break;   // the operation takes fewer than n allocations
 //     ...
 //   }
+//
+// And measures how much memory an operation has at a time.
 #pragma once
+
+#include <cstddef>
 
 namespace qmtest {
 
@@ -20,6 +24,17 @@ class FailingAllocation {
   FailingAllocation& operator=(const FailingAllocation&) = delete;
 
   bool hasFailed() const;
+};
+
+/// The most memory that the calling thread has had allocated at a time since the object was made,
+/// beyond what it had then.
+class MemoryPeak {
+ public:
+  MemoryPeak();
+  std::size_t bytes() const;
+
+ private:
+  std::ptrdiff_t before_;
 };
 
 }  // namespace qmtest

@@ -8,7 +8,10 @@
 // These macros would rename members of the library's classes.
 #undef CopyFile
 #undef DeleteFile
+#undef DrawText
 #undef GetMessage
 #undef GetObject
+#undef GetTextMetrics
 #undef GetUserName
 #undef SendMessage
+#undef StartDoc

@@ -1,7 +1,6 @@
 // The two commands for encoded files.
 #include <cstdio>
 #include <iostream>
-#include <sstream>
 #include <string>
 
 #include "programs/testtool/Command.h"
@@ -60,12 +59,8 @@ int decode(const Arguments& arguments) {
     return report(kDecodeCommand, QMGUIDEncryptC::Decode(request.source.c_str(),
                                                          request.destination.c_str(), request.key));
   }
-  std::stringstream text;
-  const QMErrors::QMErrorT result =
-      QMGUIDEncryptC::Decode(request.source.c_str(), text, request.key);
-  const std::string_view decoded = text.view();
-  std::fwrite(decoded.data(), 1, decoded.size(), stdout);
-  return report(kDecodeCommand, result);
+  std::iostream out(std::cout.rdbuf());
+  return report(kDecodeCommand, QMGUIDEncryptC::Decode(request.source.c_str(), out, request.key));
 }
 
 }  // namespace

@@ -77,6 +77,17 @@ struct Request {
   }
 };
 
+bool isTime(unsigned unit) {
+  return unit == Format::MD_UNIT_TIMECOUNTER || unit == Format::MD_UNIT_TIMECOUNTER_HMS;
+}
+
+/// False for units without a factor between them, which the library leaves as they are.
+bool isConvertible(const Request& request) {
+  constexpr unsigned kFlags = Format::MD_TYPE_DOUBLE | Format::MD_CONVERT_UNITS;
+  if (request.unit == request.to || (isTime(request.unit) && isTime(request.to))) return true;
+  return QMMixedDataC().ConvertBetweenUnits(1.0, kFlags, request.unit, request.to, 6, 2.0) != 1.0;
+}
+
 /// Empty, or what is wrong with the command line.
 std::string parse(const Arguments& arguments, Request& request) {
   for (std::size_t i = 0; i < arguments.size(); ++i) {
@@ -115,24 +126,45 @@ std::string parse(const Arguments& arguments, Request& request) {
   if (request.type == 0) request.type = Format::MD_TYPE_DOUBLE;
   if (request.converts && (request.switches & Format::MD_AREA) != 0)
     return "areas are not converted";
-  if (request.converts && request.type == Format::MD_TYPE_STRING) return "a text has no unit";
+  if (request.type == Format::MD_TYPE_STRING && (request.converts || request.unit != 0)) {
+    return "a text has no unit";
+  }
+  if (request.converts && !isConvertible(request)) return "there is no factor between these units";
   return {};
 }
 
-/// Lets a value understand a postfix of its unit other than the plain one: Kb/s, mW, sqm.
+/// Lets a value understand a postfix of its unit other than the plain one: Kb/s, mW, sqm. Not
+/// those of speeds, which stand for the factors of areas.
 void matchRange(QMMixedDataC& value, const std::string& text) {
   constexpr double kDivisors[] = {1, 1e-6, 1e-3, 1e3, 1e6, 1e9, 1e12, 144, 1296};
-  if ((value.GetFlags() & Format::MD_TYPE_DOUBLE) == 0) return;
+  const unsigned flags = value.GetFlags();
+  if ((flags & Format::MD_TYPE_DOUBLE) == 0 || (flags & Format::MD_PER_SECOND) != 0) return;
   for (const double divisor : kDivisors) {
     value.SetPostFixDivisor(divisor);
-    const std::string postFix = value.GetPostFix(value.GetFlags());
+    const std::string postFix = value.GetPostFix(flags);
     if (!postFix.empty() && text.ends_with(postFix)) return;
   }
   value.SetPostFixDivisor(1);
 }
 
+/// True when a number of an integer type was beyond its range, or there was no number at all.
+bool isMisread(const Request& request, const QMMixedDataC& value, const CString& text) {
+  if (request.type == Format::MD_TYPE_STRING || isTime(request.unit)) return false;
+  if (text.view().find_first_of("0123456789") == std::string_view::npos) return true;
+  if (request.type == Format::MD_TYPE_DOUBLE) return false;
+  QMMixedDataC plain(Format::MD_TYPE_DOUBLE, 0, 0);
+  plain.SetLocale(request.locale.c_str());
+  double given = 0;
+  plain.FromString(text, given, 1);
+  int number = value.GetValue(&number);
+  unsigned natural = value.GetValue(&natural);
+  const double read = request.type == Format::MD_TYPE_INT ? static_cast<double>(number)
+                                                          : static_cast<double>(natural);
+  return given != read;
+}
+
 QMMixedDataC converted(const Request& request, const QMMixedDataC& from) {
-  const unsigned flags = from.GetFlags() | Format::MD_CONVERT_UNITS;
+  const unsigned flags = (from.GetFlags() | Format::MD_CONVERT_UNITS) & ~Format::MD_NO_UNITS;
   const auto precision = static_cast<unsigned>(request.precision);
   const auto convert = [&](auto number) {
     from.GetValue(&number);
@@ -168,6 +200,10 @@ int run(const Arguments& arguments) {
     return kFailure;
   }
   value.FromString(text, true);
+  if (isMisread(request, value, text)) {
+    std::fprintf(stderr, "testtool value: '%s' is no number of this type\n", request.text.c_str());
+    return kFailure;
+  }
   if (request.converts) value = converted(request, value);
   value.AToString(text, 1);
   std::puts(text);
@@ -185,14 +221,16 @@ const Command kValueCommand = {
     "  --type TYPE      double, int, unsigned, ulong, text (double)\n"
     "  --unit UNIT      none, inch, mm, point, percent, degree, dpi, bitrate, time, hms, celsius,\n"
     "                   energy, power, scaled (none)\n"
-    "  --to UNIT        convert into that unit; units without a factor between them change "
-    "nothing\n"
+    "  --to UNIT        convert into that unit; dpi and mm: dots per inch and per millimetre\n"
     "  --scale FACTOR   how many of 'scaled' are one of the other unit (1)\n"
     "  --area, --per-second, --no-units\n"
     "  --precision N    digits behind the decimal point (6)\n"
     "  --width N        pad to that width; of a text, its greatest length\n"
     "  --general, --hex, --octal\n"
     "  --locale NAME    the locale of the input and the result, '' for the environment's (C)\n"
+    "The library's rules show: nothing above 2^40 is shown, powers below 1 uW are shown as 1, "
+    "rates\n"
+    "and areas choose their range.\n"
     "For instance: testtool value 12.5 --unit mm --to inch\n",
     run};
 

@@ -92,7 +92,8 @@ void elapsedTimeTextHMS(char (&text)[kElapsedTimeSize], double seconds) noexcept
   append("%02ds", time.seconds);
 }
 
-double secondsOfText(std::string_view text) noexcept {
+double secondsOfText(std::string_view text, std::size_t* end) noexcept {
+  const std::size_t length = text.size();
   skipBlanks(text);
   const bool negative = text.starts_with('-');
   if (negative) text.remove_prefix(1);
@@ -116,25 +117,9 @@ double secondsOfText(std::string_view text) noexcept {
     }
     text.remove_prefix(1);
   }
+  if (end != nullptr) *end = length - text.size();
   total += field;
   return negative ? -total : total;
-}
-
-bool isElapsedTimeHMS(std::string_view text) noexcept {
-  const double none = 2 * secondsIn('h');
-  double former = none;
-  if (text.starts_with('-')) text.remove_prefix(1);
-  while (!text.empty()) {
-    skipBlanks(text);
-    if (text.empty()) break;
-    if (!isDigit(text.front())) return false;
-    takeNumber(text);
-    const double unit = text.empty() ? 0 : secondsIn(text.front());
-    if (unit == 0 || unit >= former) return false;
-    text.remove_prefix(1);
-    former = unit;
-  }
-  return former != none;
 }
 
 }  // namespace qm

@@ -2,6 +2,7 @@
 // functions; any thread may call them.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 namespace qm {
@@ -16,11 +17,7 @@ void elapsedTimeTextHMS(char (&text)[kElapsedTimeSize], double seconds) noexcept
 
 /// Seconds of a text in either form. Fields may be shorter or longer and leading ones missing: "5"
 /// are seconds, "2:05" minutes and seconds. What follows the '.' is a decimal fraction. Reading
-/// stops at what does not belong there.
-double secondsOfText(std::string_view text) noexcept;
-
-/// True for a whole text in the form with letters, each of h, m and s at most once and in this
-/// order.
-bool isElapsedTimeHMS(std::string_view text) noexcept;
+/// stops at what does not belong there; `*end` (may be null) receives that place.
+double secondsOfText(std::string_view text, std::size_t* end = nullptr) noexcept;
 
 }  // namespace qm

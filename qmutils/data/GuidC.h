@@ -1,8 +1,9 @@
 // A GUID that knows whether it was ever given a value, with its text and stream forms.
 //
 //   GuidC job;
-//   if (job.CreateGUID() == QMErrors::NoError) os << job;  //
-//   {6b29fc40-ca47-1067-b31d-00dd010662da}
+//   if (job.CreateGUID() == QMErrors::NoError) {
+//     os << job;  // {6b29fc40-ca47-1067-b31d-00dd010662da}
+//   }
 //
 // The text is written in lower case and read in any case; when it is read, braces count for nothing
 // wherever they stand. An object belongs to one thread at a time. Parsing and writing a text take
@@ -25,7 +26,8 @@ class QMUTILS_API GuidC {
 
   operator GUID() const noexcept { return m_Guid; }
   void SetGUID(const GUID& guid) noexcept { *this = GuidC(guid); }
-  /// Takes a new random value.
+  /// Takes a new random value. A system that fails without a number gives 0 as well, so ask
+  /// IsValid() of an object that had no value before.
   QMErrors::QMErrorT CreateGUID();
 
   /// 1, or 0 (and a log line) for one that was never given a value.

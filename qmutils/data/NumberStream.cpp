@@ -1,7 +1,10 @@
 #include "qmutils/data/NumberStream.h"
 
-#include <exception>
+#include <locale>
 #include <mutex>
+#include <new>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,21 +16,38 @@ namespace qm {
 
 namespace {
 
+std::locale made(const char* name) try {
+  return std::locale(name);
+} catch (const std::runtime_error&) {
+  return std::locale::classic();  // the system does not know it
+}
+
 class LocaleCache {
  public:
-  std::locale get(std::string_view name) {
-    const ShortLock lock(mutex_);
-    for (const auto& [known, locale] : entries_) {
-      if (known == name) return locale;
-    }
-    const std::string copy(name);
-    std::locale locale(copy.c_str());
-    if (entries_.size() < kMost) entries_.emplace_back(copy, locale);
+  std::locale get(const char* name) {
+    if (std::optional<std::locale> known = find(name)) return *known;
+    std::locale locale = made(name);  // reads files, so not under the lock
+    add(name, locale);
     return locale;
   }
 
  private:
   static constexpr std::size_t kMost = 16;  // names come from settings; there are a few of them
+
+  std::optional<std::locale> find(std::string_view name) {
+    const ShortLock lock(mutex_);
+    for (const auto& [known, locale] : entries_) {
+      if (known == name) return locale;
+    }
+    return std::nullopt;
+  }
+
+  void add(const char* name, const std::locale& locale) try {
+    const ShortLock lock(mutex_);
+    if (entries_.size() < kMost) entries_.emplace_back(name, locale);
+  } catch (const std::bad_alloc&) {
+    // It is made anew next time.
+  }
 
   std::mutex mutex_;
   std::vector<std::pair<std::string, std::locale>> entries_;
@@ -40,16 +60,12 @@ LocaleCache& cache() {
 
 }  // namespace
 
-std::locale localeOfName(const char* name) noexcept try {
-  return name == std::string_view("C") ? std::locale::classic() : cache().get(name);
-} catch (const std::exception&) {
-  return std::locale::classic();  // no such locale, or no memory for it
-}
-
-void setLocale(std::ios& stream, const char* name) {
-  const std::locale locale = localeOfName(name);
-  // Comparing costs next to nothing, imbuing as much as making the stream.
-  if (stream.getloc() != locale) stream.imbue(locale);
+bool setLocale(std::ios& stream, const char* name) noexcept try {
+  stream.imbue(name == std::string_view("C") ? std::locale::classic() : cache().get(name));
+  return true;
+} catch (const std::bad_alloc&) {
+  stream.setstate(std::ios::badbit);
+  return false;
 }
 
 }  // namespace qm

@@ -1,20 +1,18 @@
-// Streams over a fixed place in memory and locales by name, for converting one number at a time
-// without allocations. Internal to the data floor.
+// Streams over a fixed place in memory and locales by name, for converting one number at a time.
+// Internal to the data floor.
 #pragma once
 
 #include <ios>
-#include <locale>
 #include <streambuf>
 #include <string_view>
 
 namespace qm {
 
-/// The locale of that name, all categories; "" is the environment's, an unknown one is "C". They
-/// are remembered, as making one costs more than a conversion, so "" stays what it was at first.
-/// Any thread may call it.
-std::locale localeOfName(const char* name) noexcept;
-/// Imbues the stream with it.
-void setLocale(std::ios& stream, const char* name);
+/// Imbues the stream with the locale of that name, all categories: "" is the environment's, an
+/// unknown one counts as "C". Locales are remembered, as making one costs more than a conversion;
+/// so each name means for ever what it meant at first. False without memory: the stream is bad
+/// then. Any thread may call it.
+bool setLocale(std::ios& stream, const char* name) noexcept;
 
 /// Collects a short text. It takes no more than its buffer holds: the stream then fails.
 template <std::size_t Size>

@@ -108,10 +108,12 @@ class BinaryFile {
   std::iostream stream_;
 };
 
-/// Runs one of the stream forms with a new file as its destination.
+/// Runs a stream form with a new file as its destination; `source` (null for none) must not be
+/// that file under another name, as opening it would empty both.
 template <class StreamForm>
-QMErrorT intoFile(const char* label, const char* name, StreamForm streamForm) {
-  BinaryFile dst(name, "wb");
+QMErrorT intoFile(const char* label, const char* source, const char* name, StreamForm streamForm) {
+  const bool same = source != nullptr && qm::platform::isSameFile(source, name);
+  BinaryFile dst(same ? nullptr : name, "wb");
   if (!dst.isOpen()) {
     qm::logError(label, "failed opening output file");
     return QMErrors::FailedToOpenFile;
@@ -225,6 +227,12 @@ bool QMGUIDEncryptC::RewriteSum() {
   if (m_HeaderAt < 0 || end < 0) return false;
   m_pStream->seekp(m_HeaderAt + kMarkerLength);
   m_pStream->write(SumText(m_SumWritten).text, kSumDigits);
+  m_pStream->flush();
+  // A file that was opened for appending takes the sum at its end, wherever one seeks.
+  const std::streamoff behindSum = m_pStream->tellp();
+  if (behindSum != m_HeaderAt + kMarkerLength + static_cast<std::streamoff>(kSumDigits)) {
+    return false;
+  }
   m_pStream->seekp(end);
   return !m_pStream->fail();
 }
@@ -280,19 +288,22 @@ QMErrorT QMGUIDEncryptC::Encode(std::iostream& src, std::iostream& dst, const GU
 }
 
 QMErrorT QMGUIDEncryptC::Decode(std::iostream& src, std::iostream& dst, const GUID& key) {
-  QMGUIDEncryptC enc(key, src, 1);
-  enc.CheckState(src, 0);
+  return QMGUIDEncryptC(key, src, 1).DecodeInto(dst);
+}
+
+QMErrorT QMGUIDEncryptC::DecodeInto(std::iostream& dst) {
+  CheckState(*m_pStream, 0);
   char block[kBlockSize];
   while (dst) {
-    const std::size_t size = takeAvailable(src, block);
+    const std::size_t size = takeAvailable(*m_pStream, block);
     if (size == 0) break;
-    enc.DecodeBytes(bytesOf(block), size);
+    DecodeBytes(bytesOf(block), size);
     dst.write(block, static_cast<std::streamsize>(size));
   }
   // A sum of half a file says nothing, so it is not judged after either failure.
   if (!dst) return failedWriting(kDecode);
-  if (hasFailedBeforeItsEnd(src)) return failedReading(kDecode);
-  if (enc.close() != QMErrors::NoError) {
+  if (hasFailedBeforeItsEnd(*m_pStream)) return failedReading(kDecode);
+  if (close() != QMErrors::NoError) {
     qm::logError(kDecode, "Invalid encoding in src.");
     return QMErrors::InvalidObjectEncoding;
   }
@@ -301,7 +312,7 @@ QMErrorT QMGUIDEncryptC::Decode(std::iostream& src, std::iostream& dst, const GU
 
 QMErrorT QMGUIDEncryptC::Encode(std::iostream& src, const char* dstFile, const GUID& key) {
   const QMErrorT result =
-      intoFile(kEncode, dstFile, [&](std::iostream& dst) { return Encode(src, dst, key); });
+      intoFile(kEncode, nullptr, dstFile, [&](std::iostream& dst) { return Encode(src, dst, key); });
   if (result != QMErrors::NoError) qm::logError(kEncode, "failed encoding: ", shown(dstFile));
   return result;
 }
@@ -310,7 +321,7 @@ QMErrorT QMGUIDEncryptC::Encode(const char* srcFile, const char* dstFile, const 
   QMErrorT result = QMErrors::FailedToOpenFile;
   BinaryFile src(srcFile, "rb");
   if (src.isOpen()) {
-    result = intoFile(kEncode, dstFile,
+    result = intoFile(kEncode, srcFile, dstFile,
                       [&](std::iostream& dst) { return Encode(src.stream(), dst, key); });
   } else {
     qm::logError(kEncode, "failed opening input file");
@@ -339,8 +350,13 @@ QMErrorT QMGUIDEncryptC::Decode(const char* srcFile, const char* dstFile, const 
     qm::logError(kDecode, "failed opening input file");
     return QMErrors::FailedToOpenFile;
   }
-  const QMErrorT result = intoFile(
-      kDecode, dstFile, [&](std::iostream& dst) { return Decode(src.stream(), dst, key); });
+  // The header comes first, so that a file which is none leaves the destination alone.
+  QMGUIDEncryptC enc(key, src.stream(), 1);
+  enc.CheckState(src.stream(), 0);
+  const QMErrorT result =
+      enc.fail() != 0 ? failedReading(kDecode)
+                      : intoFile(kDecode, srcFile, dstFile,
+                                 [&](std::iostream& dst) { return enc.DecodeInto(dst); });
   if (result != QMErrors::NoError) {
     qm::logError(kDecode, "failed decoding: ", shown(srcFile), " into: ", shown(dstFile));
   }

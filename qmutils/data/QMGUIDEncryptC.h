@@ -19,9 +19,9 @@
 // begin anywhere in a stream; the destination of an encoding must be able to seek, as the sum is
 // known at the end. An object belongs to one thread at a time and owns no stream.
 //
-// Codes: 1001 a file that does not open, 2055 a destination that takes no more, 2056 a source that
-// fails or has no header, 33537 a source whose sum is wrong. What was written stays. Each failure
-// is logged.
+// Codes: 1001 a file that does not open, or a destination that is the source under some name; 2055
+// a destination that takes no more, or cannot seek; 2056 a source that fails or has no header;
+// 33537 a source whose sum is wrong. What was written stays. Encode() and Decode() log each failure.
 #pragma once
 
 #include <cstddef>
@@ -49,8 +49,8 @@ class QMUTILS_API QMGUIDEncryptC {
   virtual ~QMGUIDEncryptC() = default;
 
   /// The destination takes the whole source, from where it stands to its end. Without a header in
-  /// the source (2056) Decode() writes nothing, and the source stands where it stood, failed but
-  /// not at its end.
+  /// the source (2056) Decode() opens and writes nothing, and the source stands where it stood,
+  /// failed but not at its end.
   static QMErrors::QMErrorT Encode(std::iostream& src, std::iostream& dst, const GUID& key);
   static QMErrors::QMErrorT Encode(std::iostream& src, const char* dstFile, const GUID& key);
   static QMErrors::QMErrorT Encode(const char* srcFile, const char* dstFile, const GUID& key);
@@ -78,6 +78,7 @@ class QMUTILS_API QMGUIDEncryptC {
   void WriteHeader();
   void ReadHeader(std::iostream& stream);
   bool RewriteSum();
+  QMErrors::QMErrorT DecodeInto(std::iostream& dst);
   void StartKeyStream();
   void EncodeBytes(unsigned char* data, std::size_t size);
   void DecodeBytes(unsigned char* data, std::size_t size);

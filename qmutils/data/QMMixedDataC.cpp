@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 #include <string_view>
+#include <utility>
 
 #include "qmutils/data/Saturated.h"
 #include "qmutils/data/Units.h"
@@ -31,6 +32,7 @@ Number QMMixedDataC::payload() const noexcept {
 template <class Number>
 void QMMixedDataC::setPayload(Number value) noexcept {
   m_bTextSet = false;
+  m_Text.Empty();
   std::memcpy(m_Value.data(), &value, sizeof value);
 }
 
@@ -138,16 +140,19 @@ void QMMixedDataC::SetValue(int value) noexcept { setPayload(value); }
 void QMMixedDataC::SetValue(unsigned int value) noexcept { setPayload(value); }
 void QMMixedDataC::SetValue(unsigned long value) noexcept { setPayload(narrowed(value)); }
 
-void QMMixedDataC::SetValue(const CString& text) noexcept {
-  m_Text = text;
+void QMMixedDataC::SetValue(const CString& text) noexcept { setText(text.view()); }
+void QMMixedDataC::SetValue(const char* text) noexcept { setText(text != nullptr ? text : ""); }
+
+/// Without memory everything stays.
+void QMMixedDataC::setText(std::string_view text) noexcept {
+  CString copy(text);
+  if (copy.GetLength() != static_cast<int>(text.size())) return;
+  m_Text = std::move(copy);
   m_Value = {};
   m_bTextSet = true;
 }
 
-const char* QMMixedDataC::SetLocale(const char* name) noexcept {
-  m_Locale = CString(name);
-  return m_Locale;
-}
+const char* QMMixedDataC::SetLocale(const char* name) noexcept { return m_Locale = name; }
 
 const char* QMMixedDataC::GetLocale(int useOwn) const noexcept {
   return useOwn != 0 ? static_cast<const char*>(m_Locale) : "C";

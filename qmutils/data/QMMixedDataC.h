@@ -24,6 +24,7 @@
 
 #include <array>
 #include <cstddef>
+#include <string_view>
 
 #include "qmutils/data/CMDFormat.h"
 #include "qmutils/platform/export.h"
@@ -40,7 +41,7 @@ class QMUTILS_API QMMixedDataC : public CMDFormat {
   /// Has no MD_UNSIGNED, so it is never at an extreme.
   QMMixedDataC(unsigned long value, unsigned width, unsigned precision) noexcept;
   QMMixedDataC(double value, unsigned width, unsigned precision) noexcept;
-  /// `maxLength` in characters, 0 for unlimited; it binds ValidateInput() alone.
+  /// `maxLength` in bytes, 0 for unlimited; it binds ValidateInput() alone.
   QMMixedDataC(const char* text, unsigned maxLength) noexcept;
   /// Any type, unit and notation; the value is zero, a text is not set.
   QMMixedDataC(FormatFlagsT flags, unsigned width, unsigned precision) noexcept;
@@ -67,8 +68,8 @@ class QMUTILS_API QMMixedDataC : public CMDFormat {
   void SetValue(unsigned int value) noexcept;
   void SetValue(unsigned long value) noexcept;
   void SetValue(const CString& text) noexcept;
-  /// Without this one a literal would become a number.
-  void SetValue(const char* text) noexcept { SetValue(CString(text)); }
+  /// Null counts as empty.
+  void SetValue(const char* text) noexcept;
 
   /// Copies the name (null: empty) and returns the copy, which is valid until the next call.
   const char* SetLocale(const char* name) noexcept;
@@ -84,7 +85,7 @@ class QMUTILS_API QMMixedDataC : public CMDFormat {
   /// The largest finite double; the largest int; of an unsigned long only with MD_UNSIGNED. Never
   /// true for a text.
   bool IsMaxValue() const noexcept;
-  /// The smallest positive normal double (programs mark "not set" with it); the smallest int, or 0
+  /// The smallest positive normal double, on which installed programs rely; the smallest int, or 0
   /// with MD_UNSIGNED.
   bool IsMinValue() const noexcept;
 
@@ -102,7 +103,8 @@ class QMUTILS_API QMMixedDataC : public CMDFormat {
   CString& ToString(CString& out, double value, int useLocale) noexcept;
 
   /// Reads the value from a text, by type and unit. What follows the number is ignored. An empty
-  /// text changes nothing, one without a number gives 0, one out of range the nearest number.
+  /// text leaves a number as it is, one without a number gives 0, one out of range the nearest
+  /// number. A text without a time gives an elapsed time of 0.
   void FromString(const char* text, bool useLocale) noexcept;
   // The same for one number, stored in `out` and returned. Only the double is multiplied by the
   // postfix divisor.
@@ -113,7 +115,8 @@ class QMUTILS_API QMMixedDataC : public CMDFormat {
 
   /// 1 when the text is acceptable as it stands; else 0, and the text has been repaired: without
   /// its first bad character and formatted anew, or cut to the maximum length. Decimal point and
-  /// thousands separator are those of the C runtime's current locale.
+  /// thousands separator are those of the C runtime's current locale; the separator may stand once.
+  /// Without memory the result is 0 and the text stays.
   int ValidateInput(CString& text, int useLocale) noexcept;
 
   /// 3725.5 seconds as "00000001:02:05.500", cut to milliseconds. A negative time has its sign in
@@ -127,10 +130,13 @@ class QMUTILS_API QMMixedDataC : public CMDFormat {
   const char* GetPostFix(unsigned flags) const noexcept;
 
   // Converts between units (codes under MD_UNIT) if `flags` want it; pairs that have no factor
-  // between them stay as they are. Integers are rounded by adding 0.05 before they are truncated.
-  // `scale`: units of MD_UNIT_SCALED per other unit. `precision`: of a double, 0 counting as 1, at
-  // most 300. With MD_AREA, inches to millimetres and back come out multiplied by 10 to the power
-  // of the precision; installed programs divide by it. Uses nothing of the value.
+  // between them stay as they are. Dots per inch convert to dots per millimetre and back. The
+  // result of an integer is truncated; unless `flags` have the type double, a small amount was
+  // added before: 0.05 to millimetres and points made of inches, 1.27 and 3.6 to dots per inch,
+  // next to nothing elsewhere. `scale`: units of MD_UNIT_SCALED per other unit. With MD_AREA,
+  // inches to millimetres and back come out multiplied by 10 to the power of `precision` (1 to 300,
+  // 0 counts as 1), or by 10 where `flags` do not have the type double; installed programs rely on
+  // it. Uses nothing of the value.
   double ConvertBetweenUnits(double value, unsigned flags, unsigned fromUnit, unsigned toUnit,
                              unsigned precision, double scale) const noexcept;
   unsigned int ConvertBetweenUnits(unsigned int value, unsigned flags, unsigned fromUnit,
@@ -148,10 +154,11 @@ class QMUTILS_API QMMixedDataC : public CMDFormat {
 
  protected:
   /// Reads an elapsed time in either text form ("1:02:05.5", "02:05", "5", "1h 02m 05s") into the
-  /// value; a text without a time gives 0.
+  /// value, whole seconds into an integer; a text without a time gives 0.
   double FromTimeCounter(const char* text) noexcept;
   double FromTimeCounter(const char* text, double* out) const noexcept;
-  /// As ValidateInput(), for elapsed times: digits, up to two ':' and one '.'.
+  /// As ValidateInput(), for elapsed times: digits, up to two ':' and one '.', no sign. Where the
+  /// unit is the form with letters, a text that has some is good if it can be read to its end.
   int VerifyTimeCounter(CString& text) noexcept;
   /// Takes the postfix and the blanks before it off the text's end; 1 if there was one.
   int StripPostFix(CString& text, unsigned flags) const noexcept;
@@ -163,12 +170,12 @@ class QMUTILS_API QMMixedDataC : public CMDFormat {
   Number payload() const noexcept;
   template <class Number>
   void setPayload(Number value) noexcept;
+  void setText(std::string_view text) noexcept;
   template <class Number>
   CString& numberToString(CString& out, Number value, int useLocale) noexcept;
   bool isTime() const noexcept;
   double chooseRange(double value) noexcept;
   CString& timeToString(CString& out, double seconds) const noexcept;
-  void setSeconds(double seconds) noexcept;
 
   std::array<std::byte, 8> m_Value{};
   bool m_bTextSet = false;  // of a text the characters are in m_Text, the payload is zero
@@ -183,5 +190,5 @@ class QMUTILS_API QMMixedDataC : public CMDFormat {
 
 /// Looks at the left value's type only: doubles are equal when neither is less (so a NaN equals
 /// everything), texts byte by byte (a text that is not set equals everything), other values by
-/// their 32 bits. Units and formats are not compared.
+/// their 32 bits and, if a text was set, by that. Units and formats are not compared.
 QMUTILS_API bool operator==(const QMMixedDataC& left, const QMMixedDataC& right) noexcept;

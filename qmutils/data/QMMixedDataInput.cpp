@@ -8,6 +8,8 @@
 
 #include "qmutils/data/ElapsedTime.h"
 #include "qmutils/data/QMMixedDataC.h"
+#include "qmutils/foundation/LogLine.h"
+#include "qmutils/foundation/QMErrors.h"
 #include "qmutils/platform/c_locale.h"
 
 namespace {
@@ -27,11 +29,12 @@ struct Marks {
 
 Marks numericMarks(bool isDouble) {
   const qm::platform::NumberMarks locale = qm::platform::numberMarks();
-  Marks marks{std::string("-+") + locale.thousandsSeparator};
+  Marks marks{"-+"};
+  if (locale.thousandsSeparator != '\0') marks.all += locale.thousandsSeparator;
   if (isDouble) {
     marks.all += locale.decimalPoint;
     marks.all += "eE";
-    marks.decimalPoint = locale.decimalPoint[0];
+    marks.decimalPoint = locale.decimalPoint;
     marks.exponents = true;
   }
   return marks;
@@ -73,6 +76,20 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(" \t") + 1 - first);
 }
 
+/// The text itself when it does not end with the postfix, else without it and the blanks before.
+std::string_view withoutPostFix(std::string_view text, const char* postFix) {
+  const std::string_view end = trimmed(postFix);
+  if (end.empty() || end.size() >= text.size() || !text.ends_with(end)) return text;
+  const std::string_view rest = text.substr(0, text.size() - end.size());
+  return rest.substr(0, rest.find_last_not_of(" \t") + 1);
+}
+
+/// Whether a text is good is not known then, so it stays.
+int withoutMemory() {
+  qm::logError("QMMixedDataC::ValidateInput(): ", QMErrToStr(QMErrors::MemoryAllocationFailed));
+  return 0;
+}
+
 int toInt(const char* text) {
   return static_cast<int>(std::clamp<long long>(std::strtoll(text, nullptr, 10), INT_MIN, INT_MAX));
 }
@@ -80,23 +97,27 @@ int toInt(const char* text) {
 }  // namespace
 
 int QMMixedDataC::StripPostFix(CString& text, unsigned flags) const noexcept {
-  const std::string_view postFix = trimmed(GetPostFix(flags));
-  const std::string_view view = text.view();
-  if (postFix.empty() || postFix.size() >= view.size() || !view.ends_with(postFix)) return 0;
-  const std::string_view rest = view.substr(0, view.size() - postFix.size());
-  text = rest.substr(0, rest.find_last_not_of(" \t") + 1);
+  const std::string_view rest = withoutPostFix(text.view(), GetPostFix(flags));
+  if (rest.size() == text.view().size()) return 0;
+  text = rest;
   return 1;
 }
 
 int QMMixedDataC::VerifyTimeCounter(CString& text) noexcept try {
-  // The value's own form is no bad input.
-  if ((m_Flags & MD_UNIT) == MD_UNIT_TIMECOUNTER_HMS && qm::isElapsedTimeHMS(text.view())) return 1;
-  const std::size_t bad = firstBadPlace(text.view(), Marks{":.", '.'});
+  const std::string_view time = text.view();
+  std::size_t bad = kNone;
+  const bool hms = (m_Flags & MD_UNIT) == MD_UNIT_TIMECOUNTER_HMS;
+  if (!hms || time.starts_with('-') || time.find_first_of("hms") == kNone) {
+    bad = firstBadPlace(time, Marks{":.", '.'});
+  } else {
+    qm::secondsOfText(time, &bad);
+    if (bad == time.size()) return 1;
+  }
   if (bad == kNone) return 1;
-  timeToString(text, qm::secondsOfText(without(text.view(), bad)));
+  timeToString(text, qm::secondsOfText(without(time, bad)));
   return 0;
 } catch (const std::bad_alloc&) {
-  return 0;
+  return withoutMemory();
 }
 
 int QMMixedDataC::ValidateInput(CString& text, int useLocale) noexcept try {
@@ -108,13 +129,13 @@ int QMMixedDataC::ValidateInput(CString& text, int useLocale) noexcept try {
     return 0;
   }
 
-  CString number(text);
-  StripPostFix(number, m_Flags & (MD_UNIT | MD_AREA | MD_PER_SECOND));
+  const std::string_view number =
+      withoutPostFix(text.view(), GetPostFix(m_Flags & (MD_UNIT | MD_AREA | MD_PER_SECOND)));
   const bool isDouble = (m_Flags & MD_TYPE_DOUBLE) != 0;
-  const bool badSign = (m_Flags & MD_UNSIGNED) != 0 && isSign(number.GetAt(0));
-  const std::size_t bad = badSign ? 0 : firstBadPlace(number.view(), numericMarks(isDouble));
+  const bool badSign = (m_Flags & MD_UNSIGNED) != 0 && !number.empty() && isSign(number.front());
+  const std::size_t bad = badSign ? 0 : firstBadPlace(number, numericMarks(isDouble));
   if (bad == kNone) return 1;
-  const std::string rest = without(number.view(), bad);
+  const std::string rest = without(number, bad);
   if (isDouble) {
     ToString(text, std::strtod(rest.c_str(), nullptr), useLocale);
   } else {
@@ -122,5 +143,5 @@ int QMMixedDataC::ValidateInput(CString& text, int useLocale) noexcept try {
   }
   return 0;
 } catch (const std::bad_alloc&) {
-  return 0;  // bad or not is not known, so the text stays
+  return withoutMemory();
 }

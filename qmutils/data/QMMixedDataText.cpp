@@ -11,6 +11,8 @@
 #include "qmutils/data/QMMixedDataC.h"
 #include "qmutils/data/Saturated.h"
 #include "qmutils/data/Units.h"
+#include "qmutils/foundation/LogLine.h"
+#include "qmutils/foundation/QMErrors.h"
 
 namespace {
 
@@ -39,15 +41,25 @@ void setRadix(std::ostream& os, unsigned flags) {
   }
 }
 
-/// One number behind blanks. False for a text without anything in it.
+void logWithoutMemory(const char* label) {
+  qm::logError(label, QMErrToStr(QMErrors::MemoryAllocationFailed));
+}
+
+/// One number behind blanks. False when there is nothing in the text, or no memory (a stream that
+/// has none turns bad).
 template <class Number>
 bool extract(const char* text, const char* locale, Number& out) {
   qm::TextViewBuffer buffer(text != nullptr ? text : "");
   std::istream is(&buffer);
-  qm::setLocale(is, locale);
-  if ((is >> std::ws).eof()) return false;
-  is >> out;
-  return true;
+  Number number{};
+  const bool any = qm::setLocale(is, locale) && !(is >> std::ws).eof();
+  if (any) is >> number;
+  if (is.bad()) {
+    logWithoutMemory("QMMixedDataC::FromString(): ");
+    return false;
+  }
+  if (any) out = number;
+  return any;
 }
 
 }  // namespace
@@ -93,7 +105,11 @@ CString& QMMixedDataC::numberToString(CString& out, Number value, int useLocale)
     os << qm::saturated<Number>(shown);
   }
   os << GetPostFix(m_Flags);
-  if (os) out = buffer.text();
+  if (os) {
+    out = buffer.text();
+  } else {
+    logWithoutMemory("QMMixedDataC::ToString(): ");
+  }
   return out;
 }
 
@@ -160,13 +176,13 @@ void QMMixedDataC::FromString(const char* text, bool useLocale) noexcept {
     unsigned long value = GetValue(&value);
     SetValue(FromString(text, value, useLocale));
   } else if ((m_Flags & MD_TYPE_STRING) != 0) {
-    SetValue(CString(text));
+    SetValue(text);
   }
 }
 
 CString& QMMixedDataC::timeToString(CString& out, double seconds) const noexcept {
-  return (m_Flags & MD_UNIT) == MD_UNIT_TIMECOUNTER ? ToTimeCounterString(out, seconds)
-                                                    : ToTimeCounterStringHMS(out, seconds);
+  return (m_Flags & MD_UNIT) == MD_UNIT_TIMECOUNTER_HMS ? ToTimeCounterStringHMS(out, seconds)
+                                                        : ToTimeCounterString(out, seconds);
 }
 
 CString& QMMixedDataC::ToTimeCounterString(CString& out, double seconds) const noexcept {

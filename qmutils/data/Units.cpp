@@ -111,7 +111,7 @@ const char* postFix(unsigned flags, double divisor) noexcept {
 std::optional<double> rangeFactor(unsigned flags, double value) noexcept {
   const unsigned unit = flags & Format::MD_UNIT;
   if (unit == Format::MD_UNIT_BITRATE) {
-    // Nothing is ever shown in Gb/s: operators compare rates in Mb/s.
+    // Nothing is ever shown in Gb/s; installed programs rely on it.
     if (value > 1e6) return 1e6;
     return value > 1e3 ? 1e3 : 1;
   }
@@ -130,15 +130,18 @@ std::optional<double> rangeFactor(unsigned flags, double value) noexcept {
 
 double convertUnits(double value, unsigned flags, unsigned fromUnit, unsigned toUnit,
                     unsigned precision, double scale) noexcept {
-  constexpr unsigned kMaxPrecision = 300;  // powers of ten end soon after
   const bool wanted = (flags & Format::MD_CONVERT_UNITS) != 0 &&
                       (flags & (Format::MD_NEVER_CONVERT | Format::MD_NO_UNITS)) == 0;
   if (!wanted || fromUnit == toUnit) return value;
 
   const bool isDouble = (flags & Format::MD_TYPE_DOUBLE) != 0;
-  const double p = isDouble ? std::pow(10.0, std::clamp(precision, 1u, kMaxPrecision)) : 10;
+  const bool area = (flags & Format::MD_AREA) != 0;
+  // Powers of ten end soon after 300. Elsewhere p cancels out of a double, and need not make large
+  // numbers infinite on the way.
+  const unsigned maxPrecision = area ? 300 : 15;
+  const double p = isDouble ? std::pow(10.0, std::clamp(precision, 1u, maxPrecision)) : 10;
   const double half = isDouble ? 0 : 0.5;
-  if ((flags & Format::MD_AREA) != 0) return convertArea(value, fromUnit, toUnit, p);
+  if (area) return convertArea(value, fromUnit, toUnit, p);
   if (toUnit == Format::MD_UNIT_SCALED) return value * scale;
   if (fromUnit == Format::MD_UNIT_SCALED) return value / scale;
   for (const Conversion& c : kConversions) {

@@ -6,7 +6,8 @@ namespace qm {
 
 FileBuffer::int_type FileBuffer::underflow() {
   const std::size_t got = std::fread(read_, 1, sizeof read_, file_);
-  if (std::ferror(file_) != 0) throw std::ios_base::failure("read failure");  // for the stream
+  // What was read before a failure counts; the next call finds the failure again.
+  if (got == 0 && std::ferror(file_) != 0) throw std::ios_base::failure("read failure");
   setg(read_, read_, read_ + got);
   return got != 0 ? traits_type::to_int_type(*gptr()) : traits_type::eof();
 }
@@ -32,8 +33,8 @@ FileBuffer::pos_type FileBuffer::seekoff(off_type offset, std::ios_base::seekdir
     whence = SEEK_CUR;
     offset -= egptr() - gptr();  // the file is ahead by what has not been taken yet
   }
-  setg(read_, read_, read_);
   if (std::fseek(file_, static_cast<long>(offset), whence) != 0) return pos_type(off_type(-1));
+  setg(read_, read_, read_);
   return pos_type(std::ftell(file_));
 }
 

@@ -11,10 +11,11 @@ namespace qm::platform {
 int formatInCLocale(char* buffer, std::size_t size, const char* format,
                     std::va_list arguments) noexcept;
 
-/// Marks in numbers; each may be several bytes or empty.
+/// Marks in numbers, as streams write them: where the locale has a mark of several bytes, which is
+/// some kind of blank, they write a blank.
 struct NumberMarks {
-  char decimalPoint[8];
-  char thousandsSeparator[8];
+  char decimalPoint;
+  char thousandsSeparator;  ///< NUL for none
 };
 
 /// Of the calling thread's current locale. Must not meet a change of the process's locale.

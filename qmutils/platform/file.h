@@ -25,6 +25,9 @@ QMUTILS_API std::string nativePath(const char* path);
 
 /// As fopen(), close-on-exec.
 std::FILE* openFile(const char* path, const char* mode) noexcept;
+/// True when both paths lead to the same file, by whatever names. False also when one cannot be
+/// found.
+bool isSameFile(const char* path, const char* other) noexcept;
 /// Creates a file for writing that must not exist yet (error 80 when it does).
 QMUTILS_API std::FILE* createFileExclusively(const char* path) noexcept;
 

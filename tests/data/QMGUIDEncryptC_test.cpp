@@ -6,6 +6,8 @@
 #include <bitset>
 #include <cctype>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <sstream>
 #include <stdexcept>
@@ -225,6 +227,12 @@ TEST(QMGUIDEncryptC, ADestinationThatTakesNoMoreEndsTheWork) {
   std::stringstream src(plain);
   EXPECT_EQ(QMGUIDEncryptC::Encode(src, dst, kKey), kUnwritten) << "the sum has no place";
   EXPECT_EQ(log.text(), kEncodeError + "Invalid encoding in src.\n");
+
+  const qmtest::TempFolder folder;
+  std::fstream appended(folder.file("appended"), std::ios::in | std::ios::out | std::ios::app);
+  src.clear();
+  src.seekg(0);
+  EXPECT_EQ(QMGUIDEncryptC::Encode(src, appended, kKey), kUnwritten) << "it would stand at the end";
 }
 
 TEST(QMGUIDEncryptC, ASourceThatFailsIsAReadFailure) {
@@ -317,6 +325,9 @@ TEST(QMGUIDEncryptC, FilesAreOpenedAndTheirFailuresNamed) {
 
   qmtest::writeFile(in, "short");  // fits into every buffer on the way to the full disk
   EXPECT_EQ(C::Encode(in, file, kKey), NoError);
+  const std::string otherName = folder.file("another name of in");
+  const char* const other = otherName.c_str();
+  std::filesystem::create_hard_link(in, other);
   const std::string noInput = "failed opening input file\n";
   const std::string noOutput = "failed opening output file\n", noRoom = "failed writing dst.\n";
   const auto names = [](const std::string& from, const std::string& to) {
@@ -336,6 +347,11 @@ TEST(QMGUIDEncryptC, FilesAreOpenedAndTheirFailuresNamed) {
       {[&] { return C::Encode(src, full, kKey); },
        kUnwritten,
        {noRoom, "failed encoding: /dev/full\n"}},
+      {[&] { return C::Encode(in, other, kKey); }, kUnopened, {noOutput, names(in, other)}},
+      {[&] { return C::Decode(file, file, kKey); }, kUnopened, {noOutput, names(file, file)}},
+      {[&] { return C::Decode(in, out, kKey); },
+       kUnread,
+       {"failed reading src.\n", names(in, out)}},
       {[&] { return C::Decode(none, out, kKey); }, kUnopened, {noInput}},
       {[&] { return C::Decode(nullptr, dst, kKey); }, kUnopened, {noInput}},
       {[&] { return C::Decode(file, none, kKey); }, kUnopened, {noOutput, names(file, none)}},
@@ -357,8 +373,9 @@ TEST(QMGUIDEncryptC, FilesAreOpenedAndTheirFailuresNamed) {
     for (const std::string& line : failure.lines)
       lines += (encodes ? kEncodeError : kDecodeError) + line;
     EXPECT_EQ(log.text(), lines);
-    EXPECT_FALSE(failure.lines[0] == noInput && qmtest::readFile(out).empty())
-        << "without a source the destination stays";
+    EXPECT_FALSE(failure.code != kAltered && qmtest::readFile(out).empty())
+        << "without a sound source the destination stays";
+    EXPECT_EQ(qmtest::readFile(in), "short");
   }
 }
 

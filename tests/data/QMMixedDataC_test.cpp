@@ -5,6 +5,7 @@
 #include <clocale>
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <string>
 #include <tuple>
@@ -406,8 +407,12 @@ TEST(QMMixedDataC, ChecksAndRepairsInput) {
       {F::MD_UNIT_TIMECOUNTER, "1:02:05.5.", "00000001:02:05.500"},
       {F::MD_UNIT_TIMECOUNTER, "1:2:3:4", "00000001:02:34.000"},
       {F::MD_UNIT_TIMECOUNTER, "1h", "00000000:00:01.000"},
+      {F::MD_UNIT_TIMECOUNTER, "-1:00", "00000000:01:00.000"},
       {F::MD_UNIT_TIMECOUNTER_HMS, "1h 02m 05s", nullptr},
-      {F::MD_UNIT_TIMECOUNTER_HMS, "05s 1h", "05s"},
+      {F::MD_UNIT_TIMECOUNTER_HMS, "1h 02m 05", nullptr},
+      {F::MD_UNIT_TIMECOUNTER_HMS, "1h 02m x5s", "1h 02m 05s"},
+      {F::MD_UNIT_TIMECOUNTER_HMS, "-1h", "1h 00s"},
+      {F::MD_UNIT_TIMECOUNTER_HMS, "1:2:3:4", "1h 02m 34s"},
   };
   for (const auto& [bits, text, repaired] : kCases) {
     QMMixedDataC value(flags(bits), 0, 2);
@@ -478,21 +483,58 @@ TEST(QMMixedDataC, ShowsAndReadsElapsedTimes) {
   EXPECT_STREQ(whole.AToString(text, 0), "01m 30s");
 }
 
-TEST(QMMixedDataC, WithoutMemoryATextStays) {
+/// Whether the n-th allocation of an operation failed.
+bool fails(int n, const std::function<void()>& operation) {
+  const qmtest::FailingAllocation nth(n);
+  operation();
+  return nth.hasFailed();
+}
+
+TEST(QMMixedDataC, WithoutMemoryEverythingStays) {
   qmtest::LogCapture log;
-  QMMixedDataC value(F::MD_TYPE_DOUBLE | F::MD_UNIT_ENERGY_DENSITY, 40, 20);
-  int failures = 0;
-  for (int n = 1;; ++n) {
-    CString text("former"), input("1.2.3 and what makes it longer than a short string");
-    qmtest::FailingAllocation nth(n);
-    value.AToString(text, 0);
-    const bool formatted = !nth.hasFailed();
-    value.ValidateInput(input, 0);
-    if (!nth.hasFailed()) break;
-    ++failures;
-    EXPECT_EQ(text == "former", !formatted);
+  const std::string longText(50, 't');
+  QMMixedDataC density(F::MD_TYPE_DOUBLE | F::MD_UNIT_ENERGY_DENSITY, 40, 20);
+  QMMixedDataC number(7.0, 0, 0), integer(7, 0, 0), text("former", 0);
+  CString out, input;
+  number.SetLocale(german());
+  const struct {
+    const char* name;
+    std::function<void()> operation;
+    std::function<bool()> stayed;
+  } kCases[] = {
+      {"AToString", [&] { density.AToString(out, 0); }, [&] { return out == "former"; }},
+      {"FromString", [&] { number.FromString("1.234,5", true); },
+       [&] {
+         double value;
+         return number.GetValue(&value) == 7;
+       }},
+      {"ValidateInput", [&] { integer.ValidateInput(input, 0); },
+       [&] { return input == "12x and more than a short string holds"; }},
+      {"SetValue", [&] { text.SetValue(longText.c_str()); },
+       [&] { return text.GetValue(out) == "former"; }},
+      {"SetLocale", [&] { text.SetLocale(longText.c_str()); },
+       [&] { return std::string(text.GetLocale(1)) == "former"; }},
+  };
+  for (const auto& [name, operation, stayed] : kCases) {
+    for (int n = 1;; ++n) {
+      out = "former";
+      input = "12x and more than a short string holds";
+      number.SetValue(7.0);
+      text.SetValue("former");
+      text.SetLocale("former");
+      log.clear();
+      const bool failed = fails(n, operation);
+      if (!failed) {
+        EXPECT_FALSE(stayed()) << name;
+        EXPECT_GT(n, 1) << name;
+        break;
+      }
+      // That a new locale cannot be remembered is the only failure without consequences.
+      EXPECT_EQ(stayed(), log.contains("Memory allocation failed")) << name << " " << n;
+    }
   }
-  EXPECT_GT(failures, 1);
+  input = "12x and more than a short string holds";
+  EXPECT_TRUE(fails(1, [&] { EXPECT_EQ(integer.ValidateInput(input, 0), 0); }));
 }
 
 }  // namespace

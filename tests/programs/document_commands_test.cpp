@@ -36,6 +36,7 @@ TEST(DocumentCommands, ValueChecksConvertsAndFormats) {
       {"1:02:05.5 --unit time --to hms", "1h 02m 05s\n"},
       {"255 --type int --hex --width 4", "0x00FF\n"},
       {"3 --unit mm --to scaled --scale 4 --precision 1", "12.0\n"},
+      {"2 --unit inch --to mm --no-units --precision 1", "50.8\n"},
   };
   for (const auto& [arguments, output] : kGood) {
     const Result result = resultOf(std::string("value ") + arguments);
@@ -46,8 +47,15 @@ TEST(DocumentCommands, ValueChecksConvertsAndFormats) {
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(bad.output, "");
   EXPECT_EQ(bad.errors, "testtool value: '12x3' is no such value; it would be taken as '123'\n");
-  for (const char* wrong : {"", "1 2", "1 --unit furlong", "1 --to", "1 --precision 301",
-                            "1 --unit mm --to inch --area", "1 --locale none_NONE"}) {
+  for (const char* misread :
+       {"-", ".", "4000000000 --type int", "-1 --type ulong", "'5 m/s' --unit mm --per-second"}) {
+    const Result result = resultOf(std::string("value ") + misread);
+    EXPECT_EQ(result.status, 1) << misread << result.output;
+    EXPECT_EQ(result.output, "") << misread;
+  }
+  for (const char* wrong :
+       {"", "1 2", "1 --unit celsius --to mm", "1 --unit mm --type text", "1 --unit furlong",
+        "1 --to", "1 --precision 301", "1 --unit mm --to inch --area", "1 --locale none_NONE"}) {
     EXPECT_EQ(resultOf(std::string("value ") + wrong).status, 2) << wrong;
   }
 }
@@ -66,6 +74,13 @@ TEST(DocumentCommands, XmlTidiesAndTellsWhereAnErrorIs) {
   EXPECT_NE(bad.errors.find(file + ": ERROR:Error: badly formed XML: 9204, at line:2, offset:7\n"),
             std::string::npos)
       << bad.errors;
+  qmtest::writeFile(file, "<a/> <!-- c -->\n<b/>");
+  EXPECT_EQ(resultOf("xml " + file).errors,
+            "testtool xml: " + file + ": something follows the root element, at line:2\n");
+  qmtest::writeFile(file, "<a/>\n<!-- c -->\n");
+  const Result good = resultOf("xml --check " + file);
+  EXPECT_EQ(good.status, 0) << good.errors;
+  EXPECT_EQ(good.output, "");
   EXPECT_EQ(resultOf("xml " + folder.file("none")).status, 1);
   EXPECT_EQ(resultOf("xml").status, 2);
   EXPECT_EQ(resultOf("xml " + folder.path()).status, 1);
@@ -105,6 +120,11 @@ TEST(DocumentCommands, FilesAreEncodedAndDecoded) {
   EXPECT_NE(bad.errors.find("testtool decode: Invalid object encoding: 33537\n"), std::string::npos)
       << bad.errors;
   EXPECT_EQ(bad.output.size(), text.size());
+  bad = resultOf("decode " + plain + " -o " + plain + ".2");
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(qmtest::readFile(plain + ".2"), text) << "no header, so the destination stays";
+  EXPECT_EQ(resultOf("encode " + plain + " -o " + plain).status, 1) << "onto itself";
+  EXPECT_EQ(qmtest::readFile(plain), text);
   bad = resultOf("decode " + plain);
   EXPECT_EQ(bad.output, "");
   EXPECT_NE(bad.errors.find("Failed to read from file: 2056\n"), std::string::npos) << bad.errors;

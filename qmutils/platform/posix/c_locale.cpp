@@ -4,6 +4,7 @@
 #include <locale.h>
 
 #include <cstdio>
+#include <string_view>
 
 namespace qm::platform {
 
@@ -18,11 +19,11 @@ int formatInCLocale(char* buffer, std::size_t size, const char* format,
 }
 
 NumberMarks numberMarks() noexcept {
-  NumberMarks marks;
-  std::snprintf(marks.decimalPoint, sizeof marks.decimalPoint, "%s", nl_langinfo(RADIXCHAR));
-  std::snprintf(marks.thousandsSeparator, sizeof marks.thousandsSeparator, "%s",
-                nl_langinfo(THOUSEP));
-  return marks;
+  const std::string_view point = nl_langinfo(RADIXCHAR);
+  const std::string_view separator = nl_langinfo(THOUSEP);
+  return {point.size() == 1 ? point[0] : '.', separator.empty()       ? '\0'
+                                              : separator.size() == 1 ? separator[0]
+                                                                      : ' '};
 }
 
 }  // namespace qm::platform

@@ -299,6 +299,13 @@ bool createDirectory(const char* path) noexcept {
   return mkdir(native.c_str(), 0777) == 0 || failOnPath(native.c_str());
 }
 
+bool isSameFile(const char* path, const char* other) noexcept {
+  const NativePath first(path), second(other);
+  struct stat one, two;
+  return first.ok() && second.ok() && stat(first.c_str(), &one) == 0 &&
+         stat(second.c_str(), &two) == 0 && sameFile(one, two);
+}
+
 bool mayReplaceFile(const char* target) noexcept {
   const NativePath native(target);
   if (!native.ok()) return false;

@@ -14,19 +14,28 @@ case $step in
   *) echo "usage: setup.sh build|test|bench|fuzz" >&2; exit 2 ;;
 esac
 
+become=()
+[ "$(id -u)" = 0 ] || become=(sudo)
+may_install() {
+  [ "$(id -u)" = 0 ] || command -v sudo >/dev/null || { echo "setup.sh: please install: $1" >&2; exit 1; }
+}
+
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
     missing+=("$package")
 done
-[ ${#missing[@]} = 0 ] && exit 0
-
-become=()
-if [ "$(id -u)" != 0 ]; then
-  command -v sudo >/dev/null || { echo "setup.sh: please install: ${missing[*]}" >&2; exit 1; }
-  become=(sudo)
+if [ ${#missing[@]} != 0 ]; then
+  may_install "${missing[*]}"
+  echo "installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  "${become[@]}" apt-get update -qq
+  "${become[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
-echo "installing: ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-"${become[@]}" apt-get update -qq
-"${become[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+# Tests format numbers in a locale other than "C".
+if [ "$step" != build ] && ! locale -a | grep -qix 'de_DE\.utf-\?8'; then
+  may_install "the locale de_DE.UTF-8"
+  echo "making the locale de_DE.UTF-8"
+  "${become[@]}" localedef -i de_DE -f UTF-8 de_DE.UTF-8
+fi

@@ -1,16 +1,10 @@
 #include "qmutils/data/NumberStream.h"
 
+#include <atomic>
 #include <locale>
-#include <mutex>
 #include <new>
-#include <optional>
 #include <stdexcept>
 #include <string>
-#include <utility>
-#include <vector>
-
-#include "qmutils/foundation/Immortal.h"
-#include "qmutils/foundation/ShortLock.h"
 
 namespace qm {
 
@@ -22,46 +16,47 @@ std::locale made(const char* name) try {
   return std::locale::classic();  // the system does not know it
 }
 
-class LocaleCache {
- public:
-  std::locale get(const char* name) {
-    if (std::optional<std::locale> known = find(name)) return *known;
-    std::locale locale = made(name);  // reads files, so not under the lock
-    add(name, locale);
-    return locale;
-  }
-
- private:
-  static constexpr std::size_t kMost = 16;  // names come from settings; there are a few of them
-
-  std::optional<std::locale> find(std::string_view name) {
-    const ShortLock lock(mutex_);
-    for (const auto& [known, locale] : entries_) {
-      if (known == name) return locale;
-    }
-    return std::nullopt;
-  }
-
-  void add(const char* name, const std::locale& locale) try {
-    const ShortLock lock(mutex_);
-    if (entries_.size() < kMost) entries_.emplace_back(name, locale);
-  } catch (const std::bad_alloc&) {
-    // It is made anew next time.
-  }
-
-  std::mutex mutex_;
-  std::vector<std::pair<std::string, std::locale>> entries_;
+/// Locales made so far, the latest first. Entries are added but never change or go, so looking one
+/// up takes no lock, which a suspended thread might hold.
+struct KnownLocale {
+  std::string name;
+  std::locale locale;
+  const KnownLocale* next;
 };
 
-LocaleCache& cache() {
-  static Immortal<LocaleCache> instance;
-  return instance.value;
+constexpr int kMostKnown = 16;  // names come from settings; there are a few of them
+std::atomic<const KnownLocale*> knownLocales{nullptr};
+std::atomic<int> knownCount{0};
+
+const KnownLocale* findKnown(std::string_view name) {
+  const KnownLocale* known = knownLocales.load(std::memory_order_acquire);
+  while (known != nullptr && known->name != name) known = known->next;
+  return known;
+}
+
+void remember(const char* name, const std::locale& locale) try {
+  if (knownCount.fetch_add(1) >= kMostKnown) {
+    knownCount.fetch_sub(1);
+    return;
+  }
+  auto* known = new KnownLocale{name, locale, knownLocales.load()};
+  while (!knownLocales.compare_exchange_weak(known->next, known, std::memory_order_release))
+    continue;
+} catch (const std::bad_alloc&) {
+  knownCount.fetch_sub(1);  // it is made anew next time
+}
+
+std::locale localeOfName(const char* name) {
+  if (const KnownLocale* known = findKnown(name)) return known->locale;
+  std::locale locale = made(name);
+  remember(name, locale);
+  return locale;
 }
 
 }  // namespace
 
 bool setLocale(std::ios& stream, const char* name) noexcept try {
-  stream.imbue(name == std::string_view("C") ? std::locale::classic() : cache().get(name));
+  stream.imbue(name == std::string_view("C") ? std::locale::classic() : localeOfName(name));
   return true;
 } catch (const std::bad_alloc&) {
   stream.setstate(std::ios::badbit);

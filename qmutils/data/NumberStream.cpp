@@ -1,6 +1,7 @@
 #include "qmutils/data/NumberStream.h"
 
 #include <atomic>
+#include <cstring>
 #include <locale>
 #include <new>
 #include <stdexcept>
@@ -53,10 +54,18 @@ std::locale localeOfName(const char* name) {
   return locale;
 }
 
+/// A new stream has the program's global locale, mostly "C", and imbuing costs as much as making
+/// the stream. The operator == may allocate for locales of mixed categories; this only finds fewer.
+bool isIdentical(const std::locale& a, const std::locale& b) {
+  return std::memcmp(static_cast<const void*>(&a), static_cast<const void*>(&b), sizeof a) == 0;
+}
+
 }  // namespace
 
 bool setLocale(std::ios& stream, const char* name) noexcept try {
-  stream.imbue(name == std::string_view("C") ? std::locale::classic() : localeOfName(name));
+  const std::locale locale =
+      name == std::string_view("C") ? std::locale::classic() : localeOfName(name);
+  if (!isIdentical(stream.getloc(), locale)) stream.imbue(locale);
   return true;
 } catch (const std::bad_alloc&) {
   stream.setstate(std::ios::badbit);

@@ -311,8 +311,8 @@ QMErrorT QMGUIDEncryptC::DecodeInto(std::iostream& dst) {
 }
 
 QMErrorT QMGUIDEncryptC::Encode(std::iostream& src, const char* dstFile, const GUID& key) {
-  const QMErrorT result =
-      intoFile(kEncode, nullptr, dstFile, [&](std::iostream& dst) { return Encode(src, dst, key); });
+  const QMErrorT result = intoFile(kEncode, nullptr, dstFile,
+                                   [&](std::iostream& dst) { return Encode(src, dst, key); });
   if (result != QMErrors::NoError) qm::logError(kEncode, "failed encoding: ", shown(dstFile));
   return result;
 }
@@ -353,10 +353,10 @@ QMErrorT QMGUIDEncryptC::Decode(const char* srcFile, const char* dstFile, const 
   // The header comes first, so that a file which is none leaves the destination alone.
   QMGUIDEncryptC enc(key, src.stream(), 1);
   enc.CheckState(src.stream(), 0);
-  const QMErrorT result =
-      enc.fail() != 0 ? failedReading(kDecode)
-                      : intoFile(kDecode, srcFile, dstFile,
-                                 [&](std::iostream& dst) { return enc.DecodeInto(dst); });
+  const QMErrorT result = enc.fail() != 0
+                              ? failedReading(kDecode)
+                              : intoFile(kDecode, srcFile, dstFile,
+                                         [&](std::iostream& dst) { return enc.DecodeInto(dst); });
   if (result != QMErrors::NoError) {
     qm::logError(kDecode, "failed decoding: ", shown(srcFile), " into: ", shown(dstFile));
   }

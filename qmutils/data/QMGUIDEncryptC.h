@@ -21,7 +21,8 @@
 //
 // Codes: 1001 a file that does not open, or a destination that is the source under some name; 2055
 // a destination that takes no more, or cannot seek; 2056 a source that fails or has no header;
-// 33537 a source whose sum is wrong. What was written stays. Encode() and Decode() log each failure.
+// 33537 a source whose sum is wrong. What was written stays. Encode() and Decode() log each
+// failure.
 #pragma once
 
 #include <cstddef>

@@ -37,6 +37,7 @@ QMXmlC::QMXmlC(const QMXmlC& other) : QMXmlC(nullptr, other.m_bStrict, other.m_p
     m_pProperties.reset();
     m_pLastProperty = nullptr;
     m_Text.clear();
+    m_ObjectName.clear();
     m_bNamed = false;
   }
 }
@@ -108,10 +109,10 @@ void QMXmlC::Unlink(QMXmlC* child) {
 }
 
 QMErrors::QMErrorT QMXmlC::AddChild(QMXmlC& child) {
-  bool linkable = child.m_pOwner == nullptr;
-  for (const QMXmlC* node = this; node != nullptr; node = node->m_pOwner) {
-    linkable = linkable && node != &child;
-  }
+  bool linkable = child.m_pOwner == nullptr && &child != this;
+  // Only a node with children can be an ancestor, so building downwards costs no look at the depth.
+  const QMXmlC* above = child.m_pFirstChild != nullptr ? m_pOwner : nullptr;
+  for (; above != nullptr; above = above->m_pOwner) linkable = linkable && above != &child;
   if (!linkable) return QMErrors::FailedToAddChild;
   Link(&child);
   return QMErrors::NoError;
@@ -161,14 +162,18 @@ const char* QMXmlC::GetProperty(const char* name) const {
   return GetProperty(name, &entry) == QMErrors::NoError ? entry->m_Value.c_str() : nullptr;
 }
 
-QMErrors::QMErrorT QMXmlC::GetProperty(const char* name, std::ostream& os) const {
+QMErrors::QMErrorT QMXmlC::GetProperty(const char* name, std::ostream& os) const try {
   PropertiesC* entry = nullptr;
   const QMErrors::QMErrorT result = GetProperty(name, &entry);
-  if (result == QMErrors::NoError) os << entry->m_Value << std::ends;
-  return result;
+  if (result != QMErrors::NoError) return result;
+  return os << entry->m_Value << std::ends ? QMErrors::NoError : QMErrors::FailedToWriteXMLObject;
+} catch (...) {
+  return QMErrors::FailedToWriteXMLObject;  // a stream that throws when it fails
 }
 
-void QMXmlC::GetObjectName(std::ostream& os) const { os << m_ObjectName; }
+void QMXmlC::GetObjectName(std::ostream& os) const try { os << m_ObjectName; } catch (...) {
+  // The stream's state tells.
+}
 
 QMErrors::QMErrorT QMXmlC::SetText(const char* text) try {
   m_Text = orEmpty(text);
@@ -220,10 +225,15 @@ QMErrors::QMErrorT QMXmlC::RemoveChild(QMXmlC* child, int destroy) {
     if (destroy != 0) delete this;
     return QMErrors::NoError;
   }
-  // A pointer that leads to no child may lead to nothing at all, so it is only compared.
-  const QMXmlC* found = m_pFirstChild;
-  while (found != nullptr && found != child) found = found->m_pNext;
-  if (found == nullptr) {
+  // A pointer that leads to no child may lead to nothing at all, so it is only compared; from both
+  // ends, where children are mostly removed.
+  const QMXmlC* front = m_pFirstChild;
+  const QMXmlC* back = m_pLastChild;
+  while (front != nullptr && front != child && back != child) {
+    front = front->m_pNext;
+    back = back->m_pPrevious;
+  }
+  if (front == nullptr) {
     // The message names the reader; tools that search the logs know it by that.
     qm::logError("QMXmlC::FromStream(): Attempt to remove a non-existent child: ",
                  "Attempted removal from :", m_ObjectName);

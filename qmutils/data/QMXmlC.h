@@ -12,10 +12,11 @@
 //   root.Save("settings.xml");
 //
 // A tree belongs to one thread at a time. No operation recurses, so depth is limited by memory
-// only. Results are codes: 2001 out of memory, 2007 nothing there or the data ended, 2100 a node
-// without a name, 2108 a child that could not be linked, 9204 badly formed XML, 1001 a file that
-// does not open, 33666 a stream or disk that takes no more. Nothing throws: a node for
-// whose name or content there is no memory is left without, and the failure is logged.
+// only; but the written form of n nested elements has about n * n blanks. Results are codes: 2001
+// out of memory, 2007 nothing there or the data ended, 2100 a node without a name, 2108 a child
+// that could not be linked, 9204 badly formed XML, 1001 a file that does not open, 33666 a stream
+// or disk that takes no more. Nothing throws: a node for whose name or content there is no memory
+// is left without, and the failure is logged.
 #pragma once
 
 #include <iosfwd>
@@ -65,7 +66,8 @@ class QMUTILS_API QMXmlC {
   /// The value of the first property of that name (case matters), or null. Valid while the node
   /// lives.
   const char* GetProperty(const char* name) const;
-  /// Writes the value and a NUL character; 2007 when there is no such property.
+  /// Writes the value and a NUL character, in the stream's format; 2007 when there is no such
+  /// property.
   QMErrors::QMErrorT GetProperty(const char* name, std::ostream& os) const;
 
   /// This node when it has that name and is not `skip`. Else, with `recurse` non-zero, the first
@@ -87,13 +89,17 @@ class QMUTILS_API QMXmlC {
   void ForceNewlineInOutput() { m_bForceNewline = true; }
 
   /// Takes a child out of this node and deletes it if asked. Null stands for this node itself,
-  /// which leaves its parent. 2006 when `child` is no child of this node.
+  /// which leaves its parent if it has one (see AddChild()). 2006 when `child` is no child of this
+  /// node.
   QMErrors::QMErrorT RemoveChild(QMXmlC* child, int destroy);
 
   /// Writes the tree; each level is indented by one blank more, lines end with CR LF.
   QMErrors::QMErrorT ToStream(std::ostream& os, unsigned indent) const;
-  /// Reads one element with all it contains into this node, whose name it replaces; the stream then
-  /// stands behind it. On failure what was read so far stays, and the error is reported once.
+  /// Reads one element with all it contains into this node, whose name it replaces; properties,
+  /// text and children are added to those it has. The stream then stands behind the element. On
+  /// failure what was read so far stays, and the error is reported once, with line and offset from
+  /// the beginning of the stream, or from where reading began if the stream cannot go back. The
+  /// stream is at its end if the data ended, and bad if it failed.
   QMErrors::QMErrorT FromStream(std::istream& is);
 
   QMErrors::QMErrorT Load(const char* file);
@@ -154,6 +160,7 @@ class QMXmlC::PropertiesC {
   std::string m_Value;
 };
 
+// The first two fail the stream when the tree cannot be written or read.
 QMUTILS_API std::ostream& operator<<(std::ostream& os, const QMXmlC& node);
 QMUTILS_API std::istream& operator>>(std::istream& is, QMXmlC& node);
 QMUTILS_API QMLogStreamC& operator<<(QMLogStreamC& log, const QMXmlC& node);

@@ -1,5 +1,6 @@
 // Drawing a tree as text.
 #include <algorithm>
+#include <limits>
 #include <new>
 #include <string>
 #include <string_view>
@@ -47,8 +48,8 @@ class DrawingOutput : public qm::XmlOutput {
  private:
   void drawLine() {
     if (line_.ends_with('\r')) line_.pop_back();
-    CRect place(rect_.left, rect_.top, rect_.right,
-                rect_.top + std::min(lineHeight_, rect_.Height()));
+    const LONG bottom = rect_.top + std::min(lineHeight_, rect_.Height());
+    CRect place(rect_.left, rect_.top, rect_.right, bottom);
     const char* const text = line_.c_str();
     // Devices give no height for an empty text, which would look like a failure.
     if (*text != '\0' &&
@@ -56,7 +57,9 @@ class DrawingOutput : public qm::XmlOutput {
       fail();
       return;
     }
-    rect_.top += lineHeight_;
+    // The last line may reach below the rectangle, but not below all coordinates.
+    constexpr LONG kLowest = std::numeric_limits<LONG>::max();
+    rect_.top = rect_.top <= kLowest - lineHeight_ ? rect_.top + lineHeight_ : kLowest;
     full_ = rect_.top >= rect_.bottom;
     line_.clear();
   }

@@ -12,6 +12,7 @@
 #include "qmutils/foundation/FileBuffer.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/platform/file.h"
+#include "qmutils/platform/replacement_file.h"
 
 namespace {
 
@@ -80,35 +81,23 @@ QMErrors::QMErrorT QMXmlC::Load(const char* file) try {
 }
 
 QMErrors::QMErrorT QMXmlC::Save(const char* file) const try {
-  using namespace qm::platform;
-  const std::string target = file != nullptr ? file : "";
-  const std::string temporary = target + ".tmp";
-  FilePtr out;
-  if (file != nullptr && mayReplaceFile(file)) out.reset(openFile(temporary.c_str(), "wb"));
-  if (out == nullptr) {
+  qm::platform::ReplacementFile out(file);
+  if (out.get() == nullptr) {
     qm::logError("QMXmlC::Save(): failed to open:", file != nullptr ? file : "null");
     return QMErrors::FailedToOpenFile;
   }
   qm::FileBuffer buffer(out.get());
   std::ostream os(&buffer);
   QMErrors::QMErrorT result = ToStream(os, 0);
-  const bool written = flushToDisk(out.get());
-  const bool closed = std::fclose(out.release()) == 0;
-  if (result == QMErrors::NoError &&
-      (!written || !closed || !replaceFile(temporary.c_str(), file))) {
-    result = QMErrors::FailedToWriteXMLObject;
-  }
-  if (result != QMErrors::NoError) {
-    deleteFile(temporary.c_str());
-    qm::logError("QMXmlC::Save(): failed for file:", file);
-  }
+  if (result == QMErrors::NoError && !out.commit()) result = QMErrors::FailedToWriteXMLObject;
+  if (result != QMErrors::NoError) qm::logError("QMXmlC::Save(): failed for file:", file);
   return result;
 } catch (const std::bad_alloc&) {
   return QMErrors::MemoryAllocationFailed;
 }
 
 std::ostream& operator<<(std::ostream& os, const QMXmlC& node) {
-  (void)node.ToStream(os, 0);
+  if (node.ToStream(os, 0) != QMErrors::NoError) os.setstate(std::ios::failbit);
   return os;
 }
 

@@ -1,5 +1,6 @@
 #include "qmutils/data/XmlReader.h"
 
+#include <algorithm>
 #include <memory>
 #include <new>
 
@@ -16,7 +17,6 @@ using QMErrors::QMErrorT;
 namespace {
 
 constexpr XmlCharacters kStartNameStops(" \t\r\n>/");
-constexpr XmlCharacters kPropertyNameStops("=<>\"");
 
 bool isWhite(int c) { return c != XmlWindow::kEnd && kXmlWhite.contains(static_cast<char>(c)); }
 
@@ -39,10 +39,11 @@ QMErrorT XmlReader::read() noexcept {
   } catch (const std::bad_alloc&) {
     result = QMErrors::MemoryAllocationFailed;
   } catch (...) {
-    result = ErrorBadlyFormedXML;  // a stream that throws
+    window_.markBad();  // a stream buffer that throws
+    result = ErrorBadlyFormedXML;
   }
+  if (!window_.close() && result == NoError) result = ErrorBadlyFormedXML;
   try {
-    window_.close();
     if (result != NoError) report(result);
   } catch (...) {
     // No memory for the report, or a listener that throws: the result tells.
@@ -65,12 +66,9 @@ QMErrorT XmlReader::skipCommentText() {
   for (;;) {
     window_.skipUntil('-');
     int dashes = 0;
-    for (; window_.peek() == '-'; window_.take()) ++dashes;
-    if (dashes == 0 || window_.peek() == XmlWindow::kEnd) {
-      window_.take();
-      return QMErrors::EndOfFileError;
-    }
-    if (dashes >= 2 && window_.peek() == '>') {
+    for (; window_.peek() == '-'; window_.take()) dashes = std::min(dashes + 1, 2);
+    if (window_.peek() == XmlWindow::kEnd) return QMErrors::EndOfFileError;
+    if (dashes == 2 && window_.peek() == '>') {
       window_.take();
       return NoError;
     }
@@ -147,7 +145,7 @@ QMErrorT XmlReader::readName(std::string* name) {
 
 QMErrorT XmlReader::readProperty(QMXmlC& node) {
   auto property = std::make_unique<QMXmlC::PropertiesC>();
-  window_.takeUntil(kPropertyNameStops, &property->m_Name);
+  window_.takeUntil(kXmlPropertyNameEnds, &property->m_Name);
   if (window_.take() != '=') return ErrorBadlyFormedXML;
   window_.skipAll(kXmlWhite);
   if (window_.take() != '"') return ErrorBadlyFormedXML;
@@ -172,16 +170,15 @@ QMErrorT XmlReader::readContent(QMXmlC& node, Next* next) {
     }
     const std::size_t start = node.m_Text.size();
     window_.takeUntil('<', &node.m_Text);
-    if (window_.peek() == XmlWindow::kEnd) {
-      window_.take();
-      return ErrorBadlyFormedXML;
-    }
+    if (window_.peek() == XmlWindow::kEnd) return ErrorBadlyFormedXML;
     trim(&node.m_Text, start);
   }
 }
 
 /// Behind "</".
-QMErrorT XmlReader::readEndTag(const QMXmlC& node) {
+QMErrorT XmlReader::readEndTag(QMXmlC& node) {
+  constexpr std::size_t kMuch = 4096;  // what a text may have to spare
+  if (node.m_Text.capacity() - node.m_Text.size() > kMuch) node.m_Text.shrink_to_fit();
   std::string name;
   window_.takeUntil(kXmlNameEnds, &name);
   window_.skipUntil('>');

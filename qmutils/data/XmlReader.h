@@ -25,7 +25,7 @@ class XmlReader {
   QMErrors::QMErrorT readName(std::string* name);
   QMErrors::QMErrorT readProperty(QMXmlC& node);
   QMErrors::QMErrorT readContent(QMXmlC& node, Next* next);
-  QMErrors::QMErrorT readEndTag(const QMXmlC& node);
+  QMErrors::QMErrorT readEndTag(QMXmlC& node);
   /// Skips white space and comments. 2007 when the data ends inside a comment.
   QMErrors::QMErrorT skipComments();
   QMErrors::QMErrorT skipCommentText();

@@ -34,10 +34,23 @@ bool XmlWindow::open() {
   return static_cast<bool>(std::istream::sentry(is_, true));
 }
 
-void XmlWindow::close() {
+bool XmlWindow::close() noexcept try {
   const auto ahead = static_cast<std::size_t>(end_ - at_);
   if (shown_ > ahead) takeFromStream(shown_ - ahead);
   shown_ = 0;
+  if (ended_) setState(std::ios::eofbit);
+  return true;
+} catch (...) {
+  markBad();
+  return false;
+}
+
+void XmlWindow::markBad() noexcept { setState(std::ios::badbit); }
+
+void XmlWindow::setState(std::ios::iostate state) noexcept try {
+  is_.setstate(state);
+} catch (...) {
+  // The stream is told to throw when it fails; the result tells it here.
 }
 
 bool XmlWindow::startsWith(std::string_view text) {
@@ -59,7 +72,8 @@ bool XmlWindow::fill() {
   }
   takeFromStream(shown_);
   const int next = stream_->sgetc();
-  if (next == std::char_traits<char>::eof()) return false;
+  ended_ = next == std::char_traits<char>::eof();
+  if (ended_) return false;
   const std::string_view ready =
       GetArea::of(*stream_).substr(0, static_cast<std::size_t>(begin + kSize - end_));
   if (ready.empty()) {
@@ -95,9 +109,12 @@ XmlPlace XmlWindow::placeOfStart() {
   if (start_ <= 0) return place;  // at the beginning already, or no way back
   const std::streamoff here = stream_->pubseekoff(0, std::ios::cur, std::ios::in);
   if (here < 0 || stream_->pubseekpos(0, std::ios::in) != std::streampos(0)) return place;
-  for (std::streamoff i = 0; i < start_; ++i) {
-    const char c = static_cast<char>(stream_->sbumpc());
-    place.advance({&c, 1});
+  char block[1024];
+  for (std::streamoff left = start_; left > 0;) {
+    const std::streamsize got = stream_->sgetn(block, std::min<std::streamoff>(left, sizeof block));
+    if (got <= 0) break;  // positions that do not count characters
+    place.advance({block, static_cast<std::size_t>(got)});
+    left -= got;
   }
   stream_->pubseekpos(here, std::ios::in);
   return place;

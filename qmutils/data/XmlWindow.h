@@ -50,8 +50,11 @@ class XmlWindow {
   /// First of all. False when the stream is not fit to be read. May throw bad_alloc and, like
   /// everything that asks the stream for characters, what the stream throws.
   bool open();
-  /// Last of all: leaves the stream behind the last character taken.
-  void close();
+  /// Last of all: leaves the stream behind the last character taken, at its end if the reader met
+  /// that. False when the stream failed or threw at it.
+  bool close() noexcept;
+  /// Turns the stream bad.
+  void markBad() noexcept;
   /// Where the stream was left, counted from its beginning if it can go back there, else from
   /// where the window was opened. Only after close().
   XmlPlace place();
@@ -60,11 +63,7 @@ class XmlWindow {
   int peek() { return at_ != end_ || fill() ? static_cast<unsigned char>(*at_) : kEnd; }
   int take() {
     const int c = peek();
-    if (c != kEnd) {
-      ++at_;
-    } else {
-      is_.setstate(std::ios::eofbit);
-    }
+    if (c != kEnd) ++at_;
     return c;
   }
   /// Looks no further than to the first character that differs. At most kSize characters.
@@ -115,6 +114,7 @@ class XmlWindow {
   /// Takes the first `count` of the characters that are shown but still stand in the stream.
   void takeFromStream(std::size_t count);
   XmlPlace placeOfStart();
+  void setState(std::ios::iostate state) noexcept;
 
   std::istream& is_;
   std::streambuf* stream_;
@@ -126,6 +126,7 @@ class XmlWindow {
   const char* at_ = nullptr;
   char* end_ = nullptr;
   std::size_t shown_ = 0;  // characters before end_ that are still in the stream
+  bool ended_ = false;
 };
 
 }  // namespace qm

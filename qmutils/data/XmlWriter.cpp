@@ -49,6 +49,12 @@ QMErrorT XmlWriter::startTag(const QMXmlC& node, unsigned indent) {
     logError(kToStream, "the name would be read as something else: ", node.m_ObjectName);
     return QMErrors::ErrorBadlyFormedXML;
   }
+  for (const QMXmlC::PropertiesC* p = node.m_pProperties.get(); p != nullptr;
+       p = p->m_pNext.get()) {
+    if (isReadableXmlPropertyName(p->m_Name)) continue;
+    logError(kToStream, "the property would be read as something else: ", p->m_Name);
+    return QMErrors::ErrorBadlyFormedXML;
+  }
   blanks(indent);
   out_.put("<");
   out_.put(node.m_ObjectName);

@@ -2,6 +2,9 @@
 // bottom edges lie outside.
 #pragma once
 
+#include <algorithm>
+#include <limits>
+
 #include "qmutils/platform/types.h"
 
 class CRect : public RECT {
@@ -9,6 +12,14 @@ class CRect : public RECT {
   CRect() : RECT{0, 0, 0, 0} {}
   CRect(LONG l, LONG t, LONG r, LONG b) : RECT{l, t, r, b} {}
 
-  LONG Width() const { return right - left; }
-  LONG Height() const { return bottom - top; }
+  LONG Width() const { return distance(left, right); }
+  LONG Height() const { return distance(top, bottom); }
+
+ private:
+  /// What does not fit is cut.
+  static LONG distance(LONG from, LONG to) {
+    using Limits = std::numeric_limits<LONG>;
+    const long long wide = static_cast<long long>(to) - from;
+    return static_cast<LONG>(std::clamp<long long>(wide, Limits::min(), Limits::max()));
+  }
 };

@@ -75,6 +75,13 @@ TEST(QMXmlC, ANodeWithoutANameIsNotWritten) {
   for (const char* unreadable : {"!--x", "/x", "x/", "a b", "a>b", "a\nb"}) {
     EXPECT_EQ(QMXmlC(unreadable, 0, nullptr).ToStream(os, 0), QMErrors::ErrorBadlyFormedXML);
   }
+  for (const char* unreadable : {"a>b", "a<b", "a=b", "a\"b", "/>", "<!--x", " a", "a\n"}) {
+    QMXmlC node("node", 0, nullptr);
+    node.AddProperty(unreadable, "1");
+    EXPECT_EQ(node.ToStream(os, 0), QMErrors::ErrorBadlyFormedXML) << unreadable;
+    std::ostringstream failing;
+    EXPECT_FALSE(failing << node);
+  }
   EXPECT_EQ(os.str(), "");
   EXPECT_TRUE(log.contains(" ERROR: QMXmlC::ToStream(): m_pObjectName is NULL: object invalid\n"));
   EXPECT_TRUE(log.contains(" ERROR: QMXmlC::ToStream(): m_pObjectName is empty: object invalid\n"));

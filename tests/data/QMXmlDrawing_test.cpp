@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <sstream>
 #include <string>
 
@@ -83,6 +84,22 @@ TEST(QMXmlDrawing, ProducesNothingBelowTheRectangle) {
   EXPECT_EQ(dc.drawn[0].text, std::string(400, ' ')) << "what cannot be seen is cut";
   EXPECT_EQ(dc.drawn[1].text, "name = \"value\"");
   EXPECT_EQ(dc.drawn[1001].text.size(), 400u);
+}
+
+TEST(QMXmlDrawing, EndsAtTheEdgesOfAllCoordinates) {
+  constexpr LONG kMax = std::numeric_limits<LONG>::max(), kMin = std::numeric_limits<LONG>::min();
+  QMXmlC root("r", 0, nullptr);
+  for (int i = 0; i < 3; ++i) child(root, "a");
+  for (const int height : {20, static_cast<int>(kMax)}) {
+    for (const CRect& whole :
+         {CRect(kMin, kMin, kMax, kMax), CRect(0, kMax - 5, 100, kMax), CRect(9, 9, 1, 1)}) {
+      qmtest::RecordingDC dc;
+      dc.cellHeight = height;
+      CRect rect = whole;
+      EXPECT_EQ(root.PrettyXML(&dc, 0, &rect), NoError);
+      EXPECT_GE(rect.top, whole.top);
+    }
+  }
 }
 
 TEST(QMXmlDrawing, TellsWhatFailed) {

@@ -181,6 +181,43 @@ class FullBuffer : public std::streambuf {
   std::streamsize room_;
 };
 
+class ThrowingBuffer : public std::stringbuf {
+ public:
+  using std::stringbuf::stringbuf;
+  int_type underflow() override {
+    const int_type c = std::stringbuf::underflow();
+    if (c == traits_type::eof()) throw 1;
+    return c;
+  }
+};
+
+TEST(QMXmlExtremes, TheStreamsStateTellsHowItEndedWhateverItThrows) {
+  qmtest::LogCapture log;
+  for (const std::string text : {"", "<a", "<a x", "<a x=\"", "<a>text", "</a", "<!-- no end"}) {
+    for (const auto exceptions : {std::ios::goodbit, std::ios::eofbit, std::ios::failbit}) {
+      std::istringstream is(text);
+      is.exceptions(exceptions);
+      QMXmlC node(nullptr, 0, nullptr);
+      EXPECT_EQ(node.FromStream(is),
+                text.starts_with("<!") ? QMErrors::EndOfFileError : QMErrors::ErrorBadlyFormedXML)
+          << text << " " << exceptions;
+      EXPECT_EQ(is.rdstate(), std::ios::eofbit) << text;
+    }
+    ThrowingBuffer broken(text);
+    std::istream is(&broken);
+    QMXmlC node(nullptr, 0, nullptr);
+    EXPECT_EQ(node.FromStream(is), QMErrors::ErrorBadlyFormedXML) << text;
+    EXPECT_TRUE(is.bad()) << text;
+  }
+  QMXmlC node("node", 0, nullptr);
+  node.AddProperty("name", "value");
+  FullBuffer full(0);
+  std::ostream os(&full);
+  os.exceptions(std::ios::badbit | std::ios::failbit);
+  EXPECT_EQ(node.GetProperty("name", os), QMErrors::FailedToWriteXMLObject);
+  node.GetObjectName(os);
+}
+
 TEST(QMXmlExtremes, AStreamThatTakesNoMoreIsNoticedWhereverThatIs) {
   QMXmlC tree("Tree", 0, nullptr);
   for (int i = 0; i < 3000; ++i) {

@@ -120,8 +120,9 @@ std::istream& operator>>(std::istream& is, GUID& guid) {
   return is;
 }
 
-std::istream& operator>>(std::istream& is, GuidC& guid) try {
-  if (!is) return is;
+namespace {
+
+void readGuid(std::istream& is, GuidC& guid) try {
   std::string text;
   bool opened = false;
   for (char c; is >> c;) {
@@ -129,13 +130,23 @@ std::istream& operator>>(std::istream& is, GuidC& guid) try {
     if (c == '{') opened = true;
     if (c == '}' && opened) break;
   }
-  if (is.bad()) return is;
+  if (is.bad()) return;
   // The end of the stream ends the text as "}" does; it fails the stream only if that is no GUID.
   is.clear(is.rdstate() & ~std::ios::failbit);
   if (guid.FromString(text.c_str()) != QMErrors::NoError) is.setstate(std::ios::failbit);
-  return is;
 } catch (const std::bad_alloc&) {
   is.setstate(std::ios::badbit);
+}
+
+}  // namespace
+
+std::istream& operator>>(std::istream& is, GuidC& guid) {
+  if (!is) return is;
+  // A stream that is to throw does so for its final state, not for the end of the text.
+  const std::ios::iostate throwing = is.exceptions();
+  is.exceptions(std::ios::goodbit);
+  readGuid(is, guid);
+  is.exceptions(throwing);
   return is;
 }
 

@@ -28,7 +28,14 @@ class DrawingOutput : public qm::XmlOutput {
     full_ = full_ || rect_.top >= rect_.bottom;
   }
 
-  void put(std::string_view piece) override {
+  /// Draws a last line without an end, and gives the device's failure if there was one.
+  QMErrorT finish() {
+    if (!line_.empty() && !isFull()) drawLine();
+    return failure_;
+  }
+
+ private:
+  void take(std::string_view piece) override {
     while (!isFull()) {
       const std::size_t lineFeed = piece.find('\n');
       const std::string_view part = piece.substr(0, lineFeed);
@@ -39,13 +46,6 @@ class DrawingOutput : public qm::XmlOutput {
     }
   }
 
-  /// Draws a last line without an end, and gives the device's failure if there was one.
-  QMErrorT finish() {
-    if (!line_.empty() && !isFull()) drawLine();
-    return failure_;
-  }
-
- private:
   void drawLine() {
     if (line_.ends_with('\r')) line_.pop_back();
     const LONG bottom = rect_.top + std::min(lineHeight_, rect_.Height());

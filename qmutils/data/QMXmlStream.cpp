@@ -1,6 +1,5 @@
 // Writing a tree, and trees in files.
 #include <cstdio>
-#include <cstring>
 #include <istream>
 #include <new>
 #include <ostream>
@@ -20,35 +19,34 @@ namespace {
 /// other format of the stream touches it.
 class StreamOutput : public qm::XmlOutput {
  public:
-  explicit StreamOutput(std::ostream& os) : os_(os) {}
-
-  void put(std::string_view piece) override {
-    if (piece.size() > sizeof block_ - used_) {
-      flush();
-      if (piece.size() > sizeof block_) {
-        write(piece);
-        return;
-      }
-    }
-    std::memcpy(block_ + used_, piece.data(), piece.size());
-    used_ += piece.size();
+  explicit StreamOutput(std::ostream& os) : os_(os) {
+    room_ = block_;
+    roomEnd_ = block_ + sizeof block_;
   }
 
   /// False when the stream has not taken everything.
   bool flush() {
-    if (used_ != 0) write({block_, used_});
-    used_ = 0;
+    if (room_ != block_) write({block_, static_cast<std::size_t>(room_ - block_)});
+    room_ = block_;
     return !isFull();
   }
 
  private:
+  void take(std::string_view piece) override {
+    flush();
+    if (piece.size() > sizeof block_) {
+      write(piece);
+    } else {
+      put(piece);
+    }
+  }
+
   void write(std::string_view text) {
     if (!isFull()) os_.write(text.data(), static_cast<std::streamsize>(text.size()));
     full_ = full_ || !os_;
   }
 
   std::ostream& os_;
-  std::size_t used_ = 0;
   char block_[16 * 1024];
 };
 

@@ -12,7 +12,6 @@ using QMErrors::QMErrorT;
 
 namespace {
 
-constexpr std::string_view kLineEnd = "\r\n";
 constexpr const char* kToStream = "QMXmlC::ToStream(): ";
 
 }  // namespace
@@ -71,14 +70,13 @@ QMErrorT XmlWriter::startTag(const QMXmlC& node, unsigned indent) {
 void XmlWriter::properties(const QMXmlC& node) {
   const QMXmlC::PropertiesC* property = node.m_pProperties.get();
   if (property == nullptr) return;
-  const std::string_view separator = node.m_bForceNewline ? kLineEnd : std::string_view(" ");
-  out_.put(separator);
+  const bool lines = node.m_bForceNewline;
+  out_.put(lines ? "\r\n" : " ");
   for (; property != nullptr && !out_.isFull(); property = property->m_pNext.get()) {
     out_.put(property->m_Name);
     out_.put(" = \"");
     out_.put(property->m_Value);
-    out_.put("\"");
-    out_.put(separator);
+    out_.put(lines ? "\"\r\n" : "\" ");
   }
 }
 

@@ -2,22 +2,42 @@
 // Internal to the data floor.
 #pragma once
 
+#include <cstddef>
+#include <cstring>
 #include <string_view>
 
 #include "qmutils/data/QMXmlC.h"
 
 namespace qm {
 
-/// Where the text goes.
+/// Where the text goes. An output may give room, in which pieces collect without its being asked
+/// for each of them.
 class XmlOutput {
  public:
+  XmlOutput() = default;
+  XmlOutput(const XmlOutput&) = delete;
+  XmlOutput& operator=(const XmlOutput&) = delete;
   virtual ~XmlOutput() = default;
-  virtual void put(std::string_view piece) = 0;
+
+  void put(std::string_view piece) {
+    if (piece.size() > static_cast<std::size_t>(roomEnd_ - room_)) {
+      take(piece);
+      return;
+    }
+    std::memcpy(room_, piece.data(), piece.size());
+    room_ += piece.size();
+  }
   /// True once nothing more is wanted; what is put then goes nowhere.
   bool isFull() const { return full_; }
 
  protected:
+  /// Takes a piece for which there is no room.
+  virtual void take(std::string_view piece) = 0;
+
   bool full_ = false;
+  char none_[1];
+  char* room_ = none_;
+  char* roomEnd_ = none_;
 };
 
 class XmlWriter {

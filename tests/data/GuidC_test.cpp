@@ -147,8 +147,12 @@ TEST(GuidC, ReadsFromAStreamUpToTheClosingBrace) {
     EXPECT_EQ(log.lines().size(), 1u) << "a failed stream is not read";
   }
   qmtest::LogCapture log;
-  std::istringstream blank(" " + braced);
+  std::istringstream blank(" " + braced), throwing(kText);
   GuidC guid;
+  throwing.exceptions(std::ios::failbit);
+  EXPECT_TRUE(throwing >> guid) << "the end of the stream is the end of the text";
+  EXPECT_THROW(throwing.seekg(0) && throwing.ignore() >> guid, std::ios::failure);
+  log.clear();
   EXPECT_FALSE(blank >> std::noskipws >> guid);
   EXPECT_EQ(log.text(), invalid(" " + braced));
 

@@ -27,7 +27,11 @@ bool isStillNamed(int descriptor, const char* name) noexcept {
 }
 
 /// The lock is what tells a file that somebody writes from one that a killed program has left.
-bool lock(int descriptor) noexcept { return flock(descriptor, LOCK_EX | LOCK_NB) == 0; }
+/// False when somebody has it; a file system that knows no locks must not keep everybody from
+/// writing.
+bool lock(int descriptor) noexcept {
+  return flock(descriptor, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
 
 bool removeName(const char* name) noexcept { return unlink(name) == 0 || errno == ENOENT; }
 
@@ -40,7 +44,7 @@ Found removeLeftover(const char* name) noexcept {
     // A link, or a file that we may not read: nobody else replaces the target by that.
     return removeName(name) ? Found::Gone : Found::Stuck;
   }
-  if (!lock(found.get())) return errno == EWOULDBLOCK ? Found::InUse : Found::Stuck;
+  if (!lock(found.get())) return Found::InUse;
   if (!isStillNamed(found.get(), name)) return Found::Gone;
   return removeName(name) ? Found::Gone : Found::Stuck;
 }

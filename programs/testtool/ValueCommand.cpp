@@ -124,8 +124,9 @@ std::string parse(const Arguments& arguments, Request& request) {
   }
   if (!request.hasText) return "no value given";
   if (request.type == 0) request.type = Format::MD_TYPE_DOUBLE;
-  if (request.converts && (request.switches & Format::MD_AREA) != 0)
+  if (request.converts && (request.switches & Format::MD_AREA) != 0) {
     return "areas are not converted";
+  }
   if (request.type == Format::MD_TYPE_STRING && (request.converts || request.unit != 0)) {
     return "a text has no unit";
   }

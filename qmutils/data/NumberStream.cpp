@@ -41,8 +41,8 @@ void remember(const char* name, const std::locale& locale) try {
     return;
   }
   auto* known = new KnownLocale{name, locale, knownLocales.load()};
-  while (!knownLocales.compare_exchange_weak(known->next, known, std::memory_order_release))
-    continue;
+  while (!knownLocales.compare_exchange_weak(known->next, known, std::memory_order_release)) {
+  }
 } catch (const std::bad_alloc&) {
   knownCount.fetch_sub(1);  // it is made anew next time
 }

@@ -146,7 +146,7 @@ void QMMixedDataC::SetValue(const char* text) noexcept { setText(text != nullptr
 /// Without memory everything stays.
 void QMMixedDataC::setText(std::string_view text) noexcept {
   CString copy(text);
-  if (copy.GetLength() != static_cast<int>(text.size())) return;
+  if (copy.view().size() != text.size()) return;
   m_Text = std::move(copy);
   m_Value = {};
   m_bTextSet = true;

@@ -130,8 +130,9 @@ CString& QMMixedDataC::ToString(CString& out, double value, int useLocale) noexc
 }
 
 CString& QMMixedDataC::AToString(CString& out, int useLocale) noexcept {
-  if ((m_Flags & MD_TYPE_INT) != 0)
+  if ((m_Flags & MD_TYPE_INT) != 0) {
     return ToString(out, GetValue(static_cast<int*>(nullptr)), useLocale);
+  }
   if ((m_Flags & MD_TYPE_DOUBLE) != 0) {
     return ToString(out, GetValue(static_cast<double*>(nullptr)), useLocale);
   }

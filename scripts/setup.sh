@@ -3,7 +3,7 @@
 # Each step includes the ones before it, except that bench and fuzz stand side by side.
 set -euo pipefail
 
-build=(g++ cmake ninja-build pkg-config libtiff-dev libpng-dev)
+build=(g++ cmake ninja-build pkg-config libsqlite3-dev libtiff-dev libpng-dev)
 test=("${build[@]}" libgtest-dev locales)
 bench=("${test[@]}" libbenchmark-dev libspdlog-dev libboost-dev libtinyxml2-dev uuid-dev)
 fuzz=("${test[@]}" clang libclang-rt-dev)

@@ -15,9 +15,16 @@ using HANDLE = void*;
 struct HINSTANCE__;
 struct HWND__;
 struct HICON__;
+struct HKEY__;
 using HINSTANCE = HINSTANCE__*;
 using HWND = HWND__*;
 using HICON = HICON__*;
+using HKEY = HKEY__*;
+
+// What a window message carries.
+using WPARAM = std::uintptr_t;
+using LPARAM = std::intptr_t;
+using LRESULT = std::intptr_t;
 
 /// 100-nanosecond ticks since 1601-01-01 00:00, in two halves.
 struct FILETIME {
@@ -58,6 +65,24 @@ constexpr bool operator==(const GUID& a, const GUID& b) noexcept {
   }
   return a.Data1 == b.Data1 && a.Data2 == b.Data2 && a.Data3 == b.Data3;
 }
+
+/// A position on the screen.
+struct POINT {
+  LONG x;
+  LONG y;
+};
+
+/// A message of a thread's queue.
+struct MSG {
+  HWND hwnd;
+  UINT message;
+  WPARAM wParam;
+  LPARAM lParam;
+  DWORD time;
+  POINT pt;
+};
+
+using WNDPROC = LRESULT (*)(HWND, UINT, WPARAM, LPARAM);
 
 /// A rectangle in device units; right and bottom lie outside.
 struct RECT {
@@ -124,6 +149,7 @@ inline constexpr DWORD ERROR_INVALID_NAME = 123;
 inline constexpr DWORD ERROR_DIR_NOT_EMPTY = 145;
 inline constexpr DWORD ERROR_SIGNAL_REFUSED = 156;
 inline constexpr DWORD ERROR_BAD_PATHNAME = 161;
+inline constexpr DWORD ERROR_BUSY = 170;
 inline constexpr DWORD ERROR_ALREADY_EXISTS = 183;
 inline constexpr DWORD ERROR_BAD_EXE_FORMAT = 193;
 inline constexpr DWORD ERROR_FILENAME_EXCED_RANGE = 206;
@@ -134,6 +160,13 @@ inline constexpr DWORD ERROR_NOT_OWNER = 288;
 inline constexpr DWORD ERROR_TOO_MANY_POSTS = 298;
 inline constexpr DWORD ERROR_OPERATION_ABORTED = 995;
 inline constexpr DWORD ERROR_IO_PENDING = 997;
+inline constexpr DWORD ERROR_BADDB = 1009;
+inline constexpr DWORD ERROR_REGISTRY_IO_FAILED = 1016;
+inline constexpr DWORD ERROR_KEY_DELETED = 1018;
+inline constexpr DWORD ERROR_INVALID_WINDOW_HANDLE = 1400;
+inline constexpr DWORD ERROR_CLASS_ALREADY_EXISTS = 1410;
+inline constexpr DWORD ERROR_CLASS_DOES_NOT_EXIST = 1411;
+inline constexpr DWORD ERROR_CLASS_HAS_WINDOWS = 1412;
 inline constexpr DWORD RPC_S_INVALID_STRING_UUID = 1705;
 
 // File attributes.
@@ -144,6 +177,24 @@ inline constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
 inline constexpr DWORD FILE_ATTRIBUTE_ARCHIVE = 0x20;
 inline constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
 inline constexpr DWORD INVALID_FILE_ATTRIBUTES = 0xFFFFFFFFu;
+
+// The two trees of the registry, in the place of keys.
+inline const HKEY HKEY_CURRENT_USER = reinterpret_cast<HKEY>(std::uintptr_t{0x80000001});
+inline const HKEY HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(std::uintptr_t{0x80000002});
+
+// Types of registry values: a text, bytes, a number of 32 bits.
+inline constexpr DWORD REG_SZ = 1;
+inline constexpr DWORD REG_BINARY = 3;
+inline constexpr DWORD REG_DWORD = 4;
+
+// Window messages.
+inline constexpr UINT WM_CREATE = 0x1;
+inline constexpr UINT WM_DESTROY = 0x2;
+inline constexpr UINT WM_CLOSE = 0x10;
+inline constexpr UINT WM_QUIT = 0x12;
+inline constexpr UINT WM_KEYDOWN = 0x100;
+inline constexpr UINT WM_KEYUP = 0x101;
+inline constexpr UINT WM_CHAR = 0x102;
 
 // Process creation: priority class and detachment from the console.
 inline constexpr DWORD DETACHED_PROCESS = 0x8;

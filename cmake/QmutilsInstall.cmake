@@ -27,7 +27,8 @@ configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/qmutilsConfig.cmake.in
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/qmutilsConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/qmutilsConfig.cmake
-  ${PROJECT_BINARY_DIR}/qmutilsConfigVersion.cmake DESTINATION ${qmutils_package_dir})
+  ${PROJECT_BINARY_DIR}/qmutilsConfigVersion.cmake
+  ${PROJECT_SOURCE_DIR}/cmake/QmutilsVersionInfo.cmake DESTINATION ${qmutils_package_dir})
 
 configure_file(${PROJECT_SOURCE_DIR}/cmake/qmutils.pc.in ${PROJECT_BINARY_DIR}/qmutils.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qmutils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

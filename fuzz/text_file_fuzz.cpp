@@ -12,8 +12,8 @@
 
 #include "qmutils/foundation/QMTextFile.h"
 #include "qmutils/foundation/TextFileFormat.h"
-#include "qmutils/foundation/UnicodeText.h"
 #include "qmutils/platform/file.h"
+#include "qmutils/platform/unicode_text.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ void collapse(const std::string& content) {
 }
 
 std::string encode(const std::vector<char16_t>& units) {
-  qm::Utf8Encoder encoder;
+  qm::platform::Utf8Encoder encoder;
   std::string text;
   for (char16_t unit : units) text += encoder.add(unit);
   return text += encoder.finish();
@@ -50,7 +50,7 @@ std::string encode(const std::vector<char16_t>& units) {
 
 std::vector<char16_t> decode(const std::string& text, std::size_t room) {
   std::vector<char16_t> units(room);
-  units.resize(qm::utf16FromUtf8(text, units.data(), room));
+  units.resize(qm::platform::utf16FromUtf8(text, units.data(), room));
   return units;
 }
 

@@ -23,14 +23,19 @@ struct Command {
   int (*run)(const Arguments& arguments);
 };
 
+extern const Command kConfigCommand;
 extern const Command kDecodeCommand;
 extern const Command kEncodeCommand;
 extern const Command kErrorCommand;
 extern const Command kExposeCommand;
 extern const Command kGuidCommand;
+extern const Command kHistoryCommand;
+extern const Command kIniCommand;
 extern const Command kLogCommand;
 extern const Command kPoolCommand;
+extern const Command kPrefsCommand;
 extern const Command kValueCommand;
+extern const Command kVersionCommand;
 extern const Command kXmlCommand;
 
 /// Complains about the command line; gives kUsageError.

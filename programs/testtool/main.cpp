@@ -12,8 +12,9 @@ namespace {
 using namespace programs;
 
 const Command* const kCommands[] = {
-    &kExposeCommand, &kErrorCommand, &kPoolCommand,   &kLogCommand,    &kValueCommand,
-    &kXmlCommand,    &kGuidCommand,  &kEncodeCommand, &kDecodeCommand,
+    &kExposeCommand, &kErrorCommand,  &kPoolCommand,    &kLogCommand,     &kValueCommand,
+    &kXmlCommand,    &kGuidCommand,   &kEncodeCommand,  &kDecodeCommand,  &kPrefsCommand,
+    &kIniCommand,    &kConfigCommand, &kHistoryCommand, &kVersionCommand,
 };
 
 void printUsage(std::FILE* out) {

@@ -1,5 +1,5 @@
 // Streams over a fixed place in memory and locales by name, for converting one number at a time.
-// Internal to the data floor.
+// Internal to the library.
 #pragma once
 
 #include <ios>

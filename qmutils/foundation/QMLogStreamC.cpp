@@ -11,9 +11,9 @@
 #include <utility>
 
 #include "qmutils/foundation/PointerText.h"
-#include "qmutils/foundation/UnicodeText.h"
 #include "qmutils/platform/c_locale.h"
 #include "qmutils/platform/thread.h"
+#include "qmutils/platform/unicode_text.h"
 
 namespace {
 
@@ -309,7 +309,7 @@ QMLogStreamC& QMLogStreamC::peek(Stream& stream) {
   // Works on the buffer below the stream, so that the stream's state stays as it is.
   auto* buffer = stream.rdbuf();
   const auto start = buffer->pubseekoff(0, std::ios_base::cur, std::ios_base::in);
-  qm::Utf8Encoder encoder;
+  qm::platform::Utf8Encoder encoder;
   for (auto c = buffer->sgetc(); !Traits::eq_int_type(c, Traits::eof()); c = buffer->snextc()) {
     const auto character = Traits::to_char_type(c);
     if (character == 0 || character == static_cast<typename Traits::char_type>(0xFF)) break;

@@ -8,8 +8,8 @@
 #include <string_view>
 
 #include "qmutils/foundation/TextFileFormat.h"
-#include "qmutils/foundation/UnicodeText.h"
 #include "qmutils/platform/file.h"
+#include "qmutils/platform/unicode_text.h"
 
 namespace {
 
@@ -40,7 +40,7 @@ void cutLineEnd(char* line) noexcept {
 /// Decodes 16-bit units from bytes up to a zero unit, and writes them as UTF-8: at most size - 1
 /// bytes, no character cut.
 void decodeUnits(const unsigned char* bytes, std::size_t count, char* dest, std::size_t size) {
-  qm::Utf8Encoder encoder;
+  qm::platform::Utf8Encoder encoder;
   std::size_t used = 0;
   const auto put = [&](std::string_view text) {
     if (used + text.size() >= size) return false;
@@ -71,7 +71,7 @@ int writeUnits(std::FILE* file, std::string_view text, std::size_t size) noexcep
   const std::unique_ptr<char16_t[]> units = zeroed<char16_t>(size);
   const std::unique_ptr<unsigned char[]> bytes = zeroed<unsigned char>(2 * size);
   if (units == nullptr || bytes == nullptr) return -1;
-  const std::size_t count = qm::utf16FromUtf8(text, units.get(), size);
+  const std::size_t count = qm::platform::utf16FromUtf8(text, units.get(), size);
   for (std::size_t i = 0; i < count; ++i) {
     bytes[2 * i] = static_cast<unsigned char>(units[i]);
     bytes[2 * i + 1] = static_cast<unsigned char>(units[i] >> 8);

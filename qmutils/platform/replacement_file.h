@@ -23,13 +23,16 @@ class ReplacementFile {
   /// Waits up to ten seconds for others who are replacing the target (then error 32), and removes
   /// what a killed one has left. Error 5 for a target that mayReplaceFile() refuses.
   explicit ReplacementFile(const char* target);
-  /// Removes the file unless it was committed.
+  /// Removes the file unless it was committed. Until here it is locked, also under the target's
+  /// name.
   ~ReplacementFile();
   ReplacementFile(const ReplacementFile&) = delete;
   ReplacementFile& operator=(const ReplacementFile&) = delete;
 
   /// For writing; null when it could not be made.
   std::FILE* get() const noexcept { return file_.get(); }
+  /// The name it is written under.
+  const char* name() const noexcept { return temporary_.c_str(); }
   /// Writes everything to the disk and puts the file in the target's place, as replaceFile() does.
   /// Error 32 when somebody has taken the file away meanwhile.
   bool commit() noexcept;

@@ -1,13 +1,29 @@
 #include "qmutils/app/CQMAppUtils.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <link.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
+#include <sstream>
+#include <thread>
 
+#include "qmutils/concurrency/QMWindowsKeyboardEventC.h"
+#include "qmutils/data/QMGUIDEncryptC.h"
+#include "qmutils/platform/icon.h"
+#include "qmutils/platform/module.h"
+#include "qmutils/platform/prompt.h"
+#include "qmutils/platform/window.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Registries.h"
 #include "tests/support/TempFolder.h"
 #include "tests/support/TimeZone.h"
 
@@ -83,6 +99,367 @@ TEST(CQMAppUtils, MakesFoldersLevelByLevel) {
   EXPECT_TRUE(refused == QMErrors::fromOsError(ERROR_ACCESS_DENIED) ||
               refused == QMErrors::fromOsError(19))
       << QMErrToStr(refused);
+}
+
+// ---- Versions -----------------------------------------------------------------------------------
+
+struct Open : CQMAppUtils {
+  using CQMAppUtils::CQMAppUtils;
+  using CQMAppUtils::GetFileVersionInfoA;
+};
+
+const char* const kGerman = QMUTILS_BINARY_DIR "/Languages/test/German.dll";
+
+TEST(AppVersions, FilesTellWhatTheyAre) {
+  CString own, text;
+  ASSERT_EQ(CQMAppUtils::GetModulePath(own, false), QMErrors::NoError);
+  EXPECT_EQ(CQMAppUtils::GetFileCompanyString(own, text), QMErrors::NoError);
+  EXPECT_EQ(text, "Test \"Company\"");
+  EXPECT_EQ(CQMAppUtils::GetFileProductString(own, text), QMErrors::NoError);
+  EXPECT_EQ(text, "Back\\slash");
+  EXPECT_EQ(CQMAppUtils::GetFileVersionString(own, text, false, false), QMErrors::NoError);
+  EXPECT_EQ(text, "5, 0,\t1, 2");
+  EXPECT_EQ(CQMAppUtils::GetVersion(), "v5.0.1.2");
+  // Only in the block that is looked up second.
+  EXPECT_EQ(CQMAppUtils::GetFileVersionString(kGerman, text, false, false), QMErrors::NoError);
+  EXPECT_EQ(text, "3, 1, 0, 0");
+  EXPECT_EQ(Open::GetFileVersionInfoA(own, "Nothing", text), QMErrors::EndOfFileError);
+  EXPECT_EQ(text, "Unknown");
+  EXPECT_EQ(Open::GetFileVersionInfoA("", "ProductVersion", text),
+            QMErrors::BadCommandLineArguments);
+}
+
+TEST(AppVersions, TheDateIsThatOfTheFile) {
+  qmtest::TempFolder folder;
+  CString text;
+  const std::string file = folder.file("plain.txt");
+  qmtest::writeFile(file, "no program");
+  const timespec times[2] = {{1164117787, 0}, {1164117787, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+  const qmtest::TimeZone zone("XYZ-1");
+  CQMAppUtils::GetFileVersionString(file.c_str(), text, false, true);
+  EXPECT_EQ(text, "Unknown ; 21/11/2006 14:03:07");
+  CQMAppUtils::GetFileVersionString((file + "x").c_str(), text, true, true);
+  EXPECT_EQ(text, "vUnknown ; unknown date/time ");
+  // Drivers are looked for in the system's folder; this folder there stands for one.
+  CQMAppUtils::GetFileVersionString("none.sys", text, false, true);
+  EXPECT_EQ(text, "Unknown ; unknown date/time ");
+}
+
+TEST(AppVersions, NamesAreForgottenWithTheObject) {
+  {
+    CQMAppUtils app(nullptr, nullptr);
+    EXPECT_EQ(CQMAppUtils::GetProgramName(), "app_test");
+    CString language;
+    app.GetPreferredLanguage(language);
+    EXPECT_EQ(language, "English");
+    const qmtest::Registries registries;
+    const std::unique_ptr<CQMPrefs> prefs(app.GetPreferences());
+    EXPECT_EQ(prefs->SaveUsrParam("x", 1, 0), QMErrors::NoError);
+    HKEY key = nullptr;
+    EXPECT_EQ(QMRegistryC::OpenKey(HKEY_CURRENT_USER,
+                                   "SOFTWARE\\Quillmoor Designs\\app_test\\v5.0.1.2\\Preferences",
+                                   0, &key),
+              QMErrors::NoError);
+    EXPECT_EQ(QMRegistryC::CloseKey(key, 0), QMErrors::NoError);
+  }
+  EXPECT_EQ(CQMAppUtils::GetProgramName(), "app_test");
+}
+
+// ---- The reseller's settings --------------------------------------------------------------------
+
+std::string named(HICON icon) {
+  const char* const path = qm::platform::iconPath(icon);
+  return path == nullptr ? "none" : std::filesystem::path(path).filename().string();
+}
+
+/// Run by the tests below in a copy of this program that has other files beside it.
+TEST(ResellerProbe, DISABLED_PrintsTheNames) {
+  qmtest::LogCapture log;
+  const CString company = CQMAppUtils::GetCompanyName(), product = CQMAppUtils::GetProductName();
+  const std::string icons =
+      named(CQMAppUtils::LoadAppIcon(0xFFFFFFFF)) + "," + named(CQMAppUtils::LoadAppIcon(3));
+  log.clear();
+  const CString recipients = CQMAppUtils::GetMailRecipients();
+  const CString addresses = CQMAppUtils::GetMailAddresses(),
+                subject = CQMAppUtils::GetMailSubject();
+  std::printf("<%s|%s|%s|%s|%s|%s>\n%s", static_cast<const char*>(company),
+              static_cast<const char*>(product), icons.c_str(),
+              static_cast<const char*>(recipients), static_cast<const char*>(addresses),
+              static_cast<const char*>(subject), log.text().c_str());
+}
+
+class Reseller : public testing::Test {
+ protected:
+  Reseller() {
+    std::filesystem::copy_file("/proc/self/exe", folder_.file("press"));
+    std::filesystem::create_directory(folder_.file("icons"));
+    qmtest::writeFile(folder_.file("icons/3.svg"), "<svg/>");
+    qmtest::writeFile(folder_.file("other.png"), "\x89PNG\r\n");
+  }
+
+  void settings(const std::string& text) {
+    std::stringstream plain(text);
+    ASSERT_EQ(QMGUIDEncryptC::Encode(plain, folder_.file("oemconfig.ini").c_str(),
+                                     QMGUIDEncryptC::PUBLIC_KEY),
+              QMErrors::NoError);
+  }
+
+  std::string probe() {
+    const std::string output = folder_.file("output");
+    EXPECT_EQ(std::system((folder_.file("press") +
+                           " --gtest_filter='ResellerProbe.*' --gtest_also_run_disabled_tests > " +
+                           output)
+                              .c_str()),
+              0);
+    const std::string text = qmtest::readFile(output);
+    const std::size_t start = text.find('<');
+    return text.substr(start, text.find("[       OK") - start);
+  }
+
+  const qmtest::TempFolder folder_;
+};
+
+TEST_F(Reseller, WithoutSettingsTheProgramsOwnNamesStay) {
+  const std::string text = probe();
+  EXPECT_TRUE(
+      text.starts_with("<Test \"Company\"|Back\\slash|none,3.svg|"
+                       "support@quillmoor.example||>\n"))
+      << text;
+  for (const char* warning :
+       {" WARNING: CQMAppUtils::GetMailRecipients(void): an error occurred fetching the "
+        "recipients: Failed to Open File: 1001",
+        " WARNING: CQMAppUtils::GetMailAddresses(void): an error occurred fetching the addresses: ",
+        " WARNING: CQMAppUtils::GetMailSubject(void): an error occurred fetching the subject: "}) {
+    EXPECT_NE(text.find(warning), std::string::npos) << text;
+  }
+}
+
+TEST_F(Reseller, SettingsReplaceNamesIconAndMail) {
+  settings(
+      "[manufacturer]\nmanufacturer=Northlight\nproduct=Plate Master\n"
+      "[press]\nproduct_icon=other.png\n"
+      "[mail]\nrecipients=a@example.com\naddresses=b@example.com\nsubject=Help\n");
+  EXPECT_EQ(probe(),
+            "<Northlight|Plate Master|other.png,other.png|a@example.com|b@example.com|Help>\n");
+  settings("[manufacturer]\nproduct=\n[press]\nproduct_icon=output\n[mail]\n");
+  EXPECT_EQ(probe(), "<Test \"Company\"|Back\\slash|none,3.svg|support@quillmoor.example||>\n");
+}
+
+TEST_F(Reseller, DamagedSettingsChangeNothing) {
+  qmtest::writeFile(folder_.file("oemconfig.ini"), "[manufacturer]\nproduct=plain\n");
+  EXPECT_TRUE(
+      probe().starts_with("<Test \"Company\"|Back\\slash|none,3.svg|"
+                          "support@quillmoor.example||>\n"));
+}
+
+// ---- Language and data --------------------------------------------------------------------------
+
+TEST(AppLanguage, LibrariesAreLoadedAndUsed) {
+  using namespace qm::platform;
+  HINSTANCE handle = nullptr;
+  EXPECT_EQ(CQMAppUtils::GetLanguageResourceHandle("none", nullptr, "English", &handle),
+            QMErrors::NoError);
+  EXPECT_EQ(handle, resourceModule());
+  qmtest::LogCapture log;
+  EXPECT_EQ(CQMAppUtils::GetLanguageResourceHandle("/none", "sub", "French", &handle),
+            QMErrors::fromOsError(126));
+  EXPECT_EQ(handle, resourceModule());
+  EXPECT_TRUE(
+      log.contains(" ERROR: CTesttoolApp::GetLanguageResourceHandle(): Failed to Load dll: "
+                   "/none\\Languages\\sub\\French.dll reason:Error: 126 "))
+      << log.text();
+  EXPECT_EQ(CQMAppUtils::GetLanguageResourceHandle(QMUTILS_BINARY_DIR, "test", "German", &handle),
+            QMErrors::NoError);
+  EXPECT_STREQ(moduleText(handle, 7), "Wo sind die Seiten?");
+  EXPECT_EQ(moduleText(handle, 8), nullptr);
+  CString path;
+  EXPECT_EQ(CQMAppUtils::GetModuleName(handle, path, true), QMErrors::NoError);
+  EXPECT_EQ(path, "German");
+
+  const qmtest::TempFolder folder;
+  std::filesystem::create_directory(folder.file("Languages"));
+  qmtest::writeFile(folder.file("Languages/Bad.dll"), "no library");
+  EXPECT_EQ(CQMAppUtils::SetLanguage(folder.path().c_str(), "Bad"), QMErrors::fromOsError(193));
+  EXPECT_EQ(resourceModule(), programModule());
+  std::filesystem::copy_file(kGerman, folder.file("Languages/German.dll"));
+  EXPECT_EQ(CQMAppUtils::SetLanguage(folder.path().c_str(), "German"), QMErrors::NoError);
+  EXPECT_STREQ(moduleText(resourceModule(), 7), "Wo sind die Seiten?");
+  setResourceModule(nullptr);
+}
+
+TEST(AppData, TheMachineTellsWhereItIs) {
+  const qmtest::Registries registries;
+  qmtest::LogCapture log;
+  CString path("x");
+  EXPECT_EQ(CQMAppUtils::GetApplicationDataPath(path), QMErrors::NullObjectProvided);
+  EXPECT_EQ(path, "");
+  const CQMAppUtils app("SOFTWARE\\Press", "Folder");
+  EXPECT_EQ(CQMAppUtils::GetApplicationDataPath(path), QMErrors::fromOsError(2));
+  HKEY key = nullptr;
+  ASSERT_EQ(QMRegistryC::OpenKey(HKEY_LOCAL_MACHINE, "SOFTWARE\\Press", 1, &key),
+            QMErrors::NoError);
+  EXPECT_EQ(CQMAppUtils::GetApplicationDataPath(path),
+            QMErrors::TheRegistryKeyIsInvalidOrDoesNotContainValidData);
+  EXPECT_TRUE(
+      log.contains(" WARNING: CQMAppUtils::GetApplicationDataPath(): The registry key: "
+                   "SOFTWARE\\Press\\Folder does not contain valid data."))
+      << log.text();
+  QMRegistryC::SaveKeyData(key, "Folder", "D:\\data");  // without a terminator
+  EXPECT_EQ(CQMAppUtils::GetApplicationDataPath(path), QMErrors::NoError);
+  EXPECT_EQ(path, "D:\\data");
+  EXPECT_EQ(QMRegistryC::CloseKey(key, 0), QMErrors::NoError);
+
+  CString version("x"), pack("x");
+  CQMAppUtils::GetSPVersionInfo(version, pack);
+  EXPECT_EQ(version + "|" + pack, "|");
+  ASSERT_EQ(
+      QMRegistryC::OpenKey(HKEY_LOCAL_MACHINE, "SOFTWARE\\Quillmoor Designs\\Corvane", 1, &key),
+      QMErrors::NoError);
+  QMRegistryC::SaveKeyData(key, "ProductVersion", "7.1");
+  for (const char* stored : {"2", "0"}) {
+    QMRegistryC::SaveKeyData(key, "SPVersion", stored);
+    CQMAppUtils::GetSPVersionInfo(version, pack);
+    EXPECT_EQ(version, "7.1");
+    EXPECT_EQ(pack, *stored == '0' ? "" : stored);
+  }
+  EXPECT_EQ(QMRegistryC::CloseKey(key, 0), QMErrors::NoError);
+}
+
+TEST(AppUser, HasANameAndRights) {
+  CString user;
+  int administrator = -1;
+  EXPECT_EQ(CQMAppUtils::GetUserNameA(user), QMErrors::NoError);
+  EXPECT_FALSE(user.IsEmpty());
+  EXPECT_EQ(CQMAppUtils::IsAdministrator(&administrator), QMErrors::NoError);
+  if (geteuid() != 0) return;
+  EXPECT_EQ(administrator, 1);
+  if (const pid_t child = fork(); child == 0) {
+    // Nobody, and then a user who is not in the list of users.
+    if (seteuid(65534) != 0) _exit(1);
+    if (CQMAppUtils::IsAdministrator(&administrator) != QMErrors::NoError || administrator != 0) {
+      _exit(2);
+    }
+    if (seteuid(0) != 0 || seteuid(54321) != 0) _exit(3);
+    qmtest::LogCapture log;
+    const bool unknown = CQMAppUtils::GetUserNameA(user) == QMErrors::fromOsError(1332);
+    const bool told =
+        log.contains(" ERROR: CQMAppUtils::GetUserName(): ::GetUserName() failed: Error: 1332 ");
+    _exit(unknown && told ? 0 : 4);
+  } else {
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+  }
+}
+
+// ---- Windows ------------------------------------------------------------------------------------
+
+class AppWindows : public testing::Test {
+ protected:
+  AppWindows() { setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1); }
+  ~AppWindows() override {
+    qm::platform::setPromptHook(nullptr);
+    unsetenv("XDG_RUNTIME_DIR");
+  }
+
+  static LRESULT deaf(HWND hWnd, UINT message, WPARAM wParam, LPARAM lParam) {
+    return message == WM_CLOSE ? 0 : CQMAppUtils::DefWindowProcA(hWnd, message, wParam, lParam);
+  }
+
+  /// Another program that runs a window's messages.
+  pid_t startOther(WNDPROC procedure) {
+    const pid_t child = fork();
+    if (child == 0) {
+      char title[] = "The press";
+      std::_Exit(
+          CQMAppUtils::InitInstance(nullptr, "Press", title, nullptr, 0, procedure) == 0 ? 0 : 1);
+    }
+    while (qm::platform::findWindow("Press", "The press", true) == nullptr) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return child;
+  }
+
+  const qmtest::TempFolder folder_;
+  qmtest::LogCapture log_;
+};
+
+TEST_F(AppWindows, AnotherProgramIsFoundAskedAndClosed) {
+  EXPECT_EQ(CQMAppUtils::FindAndCloseApplication("Press", nullptr, 0, 1000), QMErrors::NoError);
+  const pid_t other = startOther(CQMAppUtils::DefWindowProcA);
+  const HWND window = qm::platform::findWindow("Press", nullptr, true);
+  CString file, own;
+  EXPECT_EQ(CQMAppUtils::GetWindowModuleFileNameA(window, file), QMErrors::NoError);
+  CQMAppUtils::GetModulePath(own, false);
+  EXPECT_EQ(file, own);
+
+  static std::string question;
+  qm::platform::setPromptHook([](const char* text, const char*, UINT) {
+    question = text;
+    return IDNO;
+  });
+  EXPECT_EQ(CQMAppUtils::FindAndCloseApplication("Press", "The press", 1, 20'000),
+            QMErrors::TheUserCancelledTheOperation);
+  EXPECT_NE(question.find("app_test"), std::string::npos);
+  EXPECT_EQ(CQMAppUtils::FindAndCloseApplication(nullptr, "the PRESS", 0, 20'000),
+            QMErrors::NoError);
+  int status = -1;
+  waitpid(other, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(log_.text(), "");
+}
+
+TEST_F(AppWindows, AProgramThatDoesNotCloseIsToldOf) {
+  const pid_t other = startOther(deaf);
+  EXPECT_EQ(CQMAppUtils::FindAndCloseApplication("Press", nullptr, 0, 200),
+            QMErrors::CommandTimedOut);
+  const HWND window = qm::platform::findWindow("Press", nullptr, true);
+  kill(other, SIGKILL);
+  waitpid(other, nullptr, 0);
+  log_.clear();
+  CString file;
+  EXPECT_EQ(CQMAppUtils::GetWindowModuleFileNameA(window, file), QMErrors::fromOsError(1400));
+  EXPECT_TRUE(
+      log_.contains(" ERROR: CQMAppUtils::GetWindowModuleFileName(): Failed to get process "
+                    "handle: Error: 1400 "))
+      << log_.text();
+  EXPECT_TRUE(log_.contains(" ERROR: CQMAppUtils::GetWindowModuleFileName(): hWnd = 0x"))
+      << log_.text();
+  EXPECT_TRUE(log_.contains(", window title:, module is: ")) << log_.text();
+}
+
+struct KeyCounter : IQMWindowsKeyboardEventListener {
+  void OnEvent(IQMEventBase& event) override {
+    const MSG message = dynamic_cast<QMWindowsKeyboardEventC&>(event);
+    keys += static_cast<char>(message.wParam);
+  }
+  std::string keys;
+};
+
+TEST_F(AppWindows, KeysReachTheListeners) {
+  KeyCounter counter;
+  EXPECT_EQ(CQMAppUtils::AddKeyboardEventListener(counter), QMErrors::NoError);
+  std::thread program([] {
+    char title[] = "keys";
+    EXPECT_EQ(
+        CQMAppUtils::InitInstance(nullptr, "Keys", title, nullptr, 0, CQMAppUtils::DefWindowProcA),
+        QMErrors::NoError);
+  });
+  HWND window = nullptr;
+  while ((window = qm::platform::findWindow("Keys", nullptr, false)) == nullptr) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(CQMAppUtils::RegisterClassA(nullptr, "Keys", nullptr, CQMAppUtils::DefWindowProcA),
+            QMErrors::fromOsError(1410));
+  for (const char key : {'a', 'b'}) {
+    EXPECT_TRUE(qm::platform::postMessage(window, WM_KEYDOWN, static_cast<WPARAM>(key), 0));
+  }
+  EXPECT_TRUE(qm::platform::postMessage(window, 0x400, 'c', 0));
+  EXPECT_TRUE(qm::platform::postMessage(window, WM_CLOSE, 0, 0));
+  program.join();
+  EXPECT_EQ(counter.keys, "ab");
+  EXPECT_EQ(CQMAppUtils::RemoveKeyboardEventListener(counter), QMErrors::NoError);
 }
 
 }  // namespace

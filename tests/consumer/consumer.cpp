@@ -1,10 +1,13 @@
 // Uses one piece of every public floor of the installed library, and fails when a header is
 // missing, a name is not exported, or a result is wrong.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
+#include <string>
 
 #include "qmutils/app/CQMAppUtils.h"
+#include "qmutils/app/QMBrowseC.h"
 #include "qmutils/comms/QMCommMsgC.h"
 #include "qmutils/comms/QMMessageText.h"
 #include "qmutils/comms/SvComms.h"
@@ -12,6 +15,12 @@
 #include "qmutils/concurrency/QMEventC.h"
 #include "qmutils/concurrency/QMLockC.h"
 #include "qmutils/concurrency/QMThreadC.h"
+#include "qmutils/concurrency/QMWindowsKeyboardEventC.h"
+#include "qmutils/concurrency/QMWindowsKeyboardEventMultiCasterC.h"
+#include "qmutils/config/CQMPrefs.h"
+#include "qmutils/config/QMHistoryC.h"
+#include "qmutils/config/QMIniFileC.h"
+#include "qmutils/config/QMReadCfgC.h"
 #include "qmutils/data/GuidC.h"
 #include "qmutils/data/QMGUIDEncryptC.h"
 #include "qmutils/data/QMMixedDataC.h"
@@ -51,6 +60,22 @@ class CountingThread : public QMThreadC {
   int counted = 0;
 };
 
+class KeyListener : public IQMWindowsKeyboardEventListener {
+ public:
+  void OnEvent(IQMEventBase& event) override {
+    known = dynamic_cast<QMWindowsKeyboardEventC*>(&event) != nullptr;
+  }
+  bool known = false;
+};
+
+class History : public QMHistoryC {
+ public:
+  QMErrors::QMErrorT log() {
+    const QMErrors::QMErrorT result = Create("history.txt", "text", 1);
+    return result == QMErrors::NoError ? LogIt("line") : result;
+  }
+};
+
 class IdleImager : public CTPImagerUserC {
  public:
   IdleImager() : CTPImagerUserC("no such imager", nullptr) {}
@@ -76,6 +101,21 @@ int main() {
   check(thread.start() == QMErrors::NoError && thread.stop() == QMErrors::NoError, "threads");
   check(thread.counted == 3, "thread body");
 
+  QMWindowsKeyboardEventMultiCasterC keys;
+  KeyListener listener;
+  QMWindowsKeyboardEventC keyDown(MSG{});
+  check(keys.AddListener(listener) == QMErrors::NoError &&
+            keys.FireEvent(keyDown) == QMErrors::NoError && listener.known &&
+            keyDown.IsKindOf(&QMObjectEventC::classQMObjectEventC),
+        "events");
+  History history;
+  QMCString line;
+  check(history.log() == QMErrors::NoError &&
+            history.GetEnumerator().NextElement(line) == QMErrors::NoError &&
+            line.Right(5) == "\tline",
+        "history");
+  std::remove("history.txt");
+
   char text[64];
   check(QMCreateMessage(3, 12, 7, -1, "go", "a.job", text, sizeof text) == QMErrors::NoError &&
             std::strcmp(text, "3;12;7;-1;go;a.job") == 0,
@@ -94,6 +134,14 @@ int main() {
             QMGUIDEncryptC::Decode(encoded, decoded, key) == QMErrors::NoError &&
             decoded.str() == "plain",
         "encoding");
+  const CString usual("default");
+  CString setting;
+  check(
+      QMIniFileC("no such file", 0).Read(QMIniFileC::MAIL, QMIniFileC::SUBJECT, &usual, setting) ==
+              QMErrors::NoError &&
+          setting == usual,
+      "settings");
+  check(QMReadCfgC().CloseFile(1) == QMErrors::NoError, "tables of numbers");
   CString folder;
   QMMixedDataC value(CMDFormat::MD_TYPE_DOUBLE | CMDFormat::MD_UNIT_MM, 0, 1);
   check(std::strcmp(value.AToString(folder, 0), "0.0 mm") == 0, "typed values");
@@ -101,6 +149,28 @@ int main() {
             EngineClipDataC().m_bClipColor == 0,
         "plates");
   check(CQMAppUtils::GetModulePath(folder, true) == QMErrors::NoError, "module path");
+#ifdef CONSUMER_VERSION
+  check(CQMAppUtils::GetVersion() == CONSUMER_VERSION, "version data");
+#endif
+  static char userRegistry[] = "QMUTILS_USER_REGISTRY=consumer.db";
+  putenv(userRegistry);
+  CQMPrefs prefs("consumer", "1", "Preferences");
+  HKEY product = nullptr;
+  check(prefs.SaveUsrParam("number", 42u, 0) == QMErrors::NoError &&
+            prefs.LoadUsrParam("number", 0u, 0) == 42 &&
+            prefs.GetProductKey(&product) == QMErrors::NoError &&
+            QMRegistryC::CloseKey(product, 0) == QMErrors::NoError,
+        "preferences");
+  std::remove("consumer.db");
+  qm::platform::setChooserHook([](const qm::platform::ChooserRequest&, std::string& choice) {
+    choice = "chosen";
+    return DWORD{0};
+  });
+  CString chosen;
+  check(QMBrowseC().BrowseForFile(nullptr, chosen, "", QMBrowseC::FromDesktop, nullptr) ==
+                QMErrors::NoError &&
+            chosen == "chosen",
+        "browsing");
   IdleImager imager;
   check(imager.StopImager() == QMErrors::NoError, "imager");
   return failures == 0 ? 0 : 1;

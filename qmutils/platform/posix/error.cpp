@@ -198,6 +198,7 @@ constexpr Sentence kSentences[] = {
     {1813, "The resource type cannot be found."},
     {1814, "The resource name cannot be found."},
     {1920, "The file cannot be accessed by the system."},
+    {2221, "The user name cannot be found."},
     {10004, "The blocking call was interrupted."},
     {10009, "The file handle is invalid."},
     {10013, "Access to the socket is forbidden."},

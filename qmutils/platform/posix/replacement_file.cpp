@@ -41,6 +41,7 @@ enum class Found { Gone, InUse, Stuck };
 Found removeLeftover(const char* name) noexcept {
   const Descriptor found(open(name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!found.isOpen()) {
+    if (errno == ENOENT) return Found::Gone;  // what has the name by now is somebody's
     // A link, or a file that we may not read: nobody else replaces the target by that.
     return removeName(name) ? Found::Gone : Found::Stuck;
   }
@@ -92,8 +93,10 @@ ReplacementFile::ReplacementFile(const char* target) {
 }
 
 ReplacementFile::~ReplacementFile() {
-  if (file_ == nullptr || committed_) return;
-  if (isStillNamed(fileno(file_.get()), temporary_.c_str())) removeName(temporary_.c_str());
+  if (file_ == nullptr) return;
+  const int descriptor = fileno(file_.get());
+  if (!committed_ && isStillNamed(descriptor, temporary_.c_str())) removeName(temporary_.c_str());
+  flock(descriptor, LOCK_UN);  // closing leaves it to a copy of the process that has been forked
 }
 
 bool ReplacementFile::commit() noexcept {

@@ -146,6 +146,7 @@ inline constexpr DWORD ERROR_FILE_EXISTS = 80;
 inline constexpr DWORD ERROR_INVALID_PARAMETER = 87;
 inline constexpr DWORD ERROR_DISK_FULL = 112;
 inline constexpr DWORD ERROR_INVALID_NAME = 123;
+inline constexpr DWORD ERROR_MOD_NOT_FOUND = 126;
 inline constexpr DWORD ERROR_DIR_NOT_EMPTY = 145;
 inline constexpr DWORD ERROR_SIGNAL_REFUSED = 156;
 inline constexpr DWORD ERROR_BAD_PATHNAME = 161;
@@ -163,11 +164,19 @@ inline constexpr DWORD ERROR_IO_PENDING = 997;
 inline constexpr DWORD ERROR_BADDB = 1009;
 inline constexpr DWORD ERROR_REGISTRY_IO_FAILED = 1016;
 inline constexpr DWORD ERROR_KEY_DELETED = 1018;
+inline constexpr DWORD ERROR_CANCELLED = 1223;
+inline constexpr DWORD ERROR_NONE_MAPPED = 1332;
 inline constexpr DWORD ERROR_INVALID_WINDOW_HANDLE = 1400;
+inline constexpr DWORD ERROR_CANNOT_FIND_WND_CLASS = 1407;
 inline constexpr DWORD ERROR_CLASS_ALREADY_EXISTS = 1410;
 inline constexpr DWORD ERROR_CLASS_DOES_NOT_EXIST = 1411;
 inline constexpr DWORD ERROR_CLASS_HAS_WINDOWS = 1412;
+inline constexpr DWORD ERROR_TIMEOUT = 1460;
 inline constexpr DWORD RPC_S_INVALID_STRING_UUID = 1705;
+inline constexpr DWORD ERROR_RESOURCE_DATA_NOT_FOUND = 1812;
+inline constexpr DWORD ERROR_RESOURCE_TYPE_NOT_FOUND = 1813;
+inline constexpr DWORD ERROR_RESOURCE_NAME_NOT_FOUND = 1814;
+inline constexpr DWORD NERR_UserNotFound = 2221;
 
 // File attributes.
 inline constexpr DWORD FILE_ATTRIBUTE_READONLY = 0x1;
@@ -195,6 +204,8 @@ inline constexpr UINT WM_QUIT = 0x12;
 inline constexpr UINT WM_KEYDOWN = 0x100;
 inline constexpr UINT WM_KEYUP = 0x101;
 inline constexpr UINT WM_CHAR = 0x102;
+inline constexpr UINT WM_KEYFIRST = 0x100;
+inline constexpr UINT WM_KEYLAST = 0x108;
 
 // Process creation: priority class and detachment from the console.
 inline constexpr DWORD DETACHED_PROCESS = 0x8;

@@ -1,6 +1,6 @@
-#include "qmutils/foundation/UnicodeText.h"
+#include "qmutils/platform/unicode_text.h"
 
-namespace qm {
+namespace qm::platform {
 
 namespace {
 
@@ -85,4 +85,4 @@ std::size_t utf16FromUtf8(std::string_view text, char16_t* units, std::size_t ro
   return count;
 }
 
-}  // namespace qm
+}  // namespace qm::platform

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <string_view>
 
-namespace qm {
+namespace qm::platform {
 
 /// Turns 16-bit units into UTF-8, one at a time.
 class Utf8Encoder {
@@ -32,4 +32,4 @@ class Utf8Encoder {
 /// many.
 std::size_t utf16FromUtf8(std::string_view text, char16_t* units, std::size_t room) noexcept;
 
-}  // namespace qm
+}  // namespace qm::platform

@@ -28,11 +28,6 @@ QMErrorT failed(const char* label) {
   return error;
 }
 
-QMErrorT noMemory(const char* label) {
-  qm::logError(label, QMErrToStr(QMErrors::MemoryAllocationFailed));
-  return QMErrors::MemoryAllocationFailed;
-}
-
 /// A value of an open key as a text, which may have no terminator. False when there is none.
 bool readText(HKEY key, const char* name, CString& text, QMErrorT& result) {
   unsigned char* data = nullptr;
@@ -109,7 +104,7 @@ QMErrorT CQMAppUtils::GetLanguageResourceHandle(const char* base, const char* su
   *pHandle = library;
   return QMErrors::NoError;
 } catch (const std::bad_alloc&) {
-  return noMemory("CTesttoolApp::GetLanguageResourceHandle(): ");
+  return qm::logNoMemory("CTesttoolApp::GetLanguageResourceHandle(): ");
 }
 
 QMErrorT CQMAppUtils::SetLanguage(const char* base, const char* language) {
@@ -198,7 +193,7 @@ QMErrorT CQMAppUtils::GetUserNameA(CString& user) try {
   user = name.c_str();
   return QMErrors::NoError;
 } catch (const std::bad_alloc&) {
-  return noMemory("CQMAppUtils::GetUserName(): ");
+  return qm::logNoMemory("CQMAppUtils::GetUserName(): ");
 }
 
 QMErrorT CQMAppUtils::IsAdministrator(int* pIsAdmin) try {
@@ -213,7 +208,7 @@ QMErrorT CQMAppUtils::IsAdministrator(int* pIsAdmin) try {
   *pIsAdmin = administrator ? 1 : 0;
   return QMErrors::NoError;
 } catch (const std::bad_alloc&) {
-  return noMemory("CQMAppUtils::IsAdministrator(): ");
+  return qm::logNoMemory("CQMAppUtils::IsAdministrator(): ");
 }
 
 QMErrorT CQMAppUtils::AddKeyboardEventListener(IQMWindowsKeyboardEventListener& listener) {

@@ -27,11 +27,6 @@ constexpr const char* kBlocks[] = {"040904B0", "080904B0"};
 constexpr UINT kNoIcon = 0xFFFFFFFF;
 constexpr const char* kSupport = "support@quillmoor.example";
 
-QMErrorT noMemory(const char* label) {
-  qm::logError(label, QMErrToStr(QMErrors::MemoryAllocationFailed));
-  return QMErrors::MemoryAllocationFailed;
-}
-
 /// The module's path as the system gives it; logs a failure under `label`.
 QMErrorT readModulePath(HINSTANCE module, std::string& path, const char* label) {
   path = modulePath(module);
@@ -48,7 +43,7 @@ QMErrorT pathOf(HINSTANCE module, CString& path, bool stripName, const char* lab
   if (result == QMErrors::NoError) path = text.c_str();
   return result;
 } catch (const std::bad_alloc&) {
-  return noMemory(label);
+  return qm::logNoMemory(label);
 }
 
 QMErrorT nameOf(HINSTANCE module, CString& name, bool stripExtension, const char* label) try {
@@ -59,7 +54,7 @@ QMErrorT nameOf(HINSTANCE module, CString& name, bool stripExtension, const char
   if (result == QMErrors::NoError) name = text.c_str();
   return result;
 } catch (const std::bad_alloc&) {
-  return noMemory(label);
+  return qm::logNoMemory(label);
 }
 
 /// 2007 only says that the file tells nothing.
@@ -295,7 +290,7 @@ HICON CQMAppUtils::LoadAppIcon(UINT id) try {
   }
   return id != kNoIcon ? iconOfModule(resourceModule(), id) : nullptr;
 } catch (const std::bad_alloc&) {
-  noMemory("CQMAppUtils::LoadAppIcon(): ");
+  qm::logNoMemory("CQMAppUtils::LoadAppIcon(): ");
   return nullptr;
 }
 

@@ -30,11 +30,6 @@ DWORD saturated(unsigned long value) { return static_cast<DWORD>(std::min(value,
 
 HKEY treeOf(int bUser) { return bUser != 0 ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE; }
 
-QMErrorT noMemory() {
-  qm::logError("CQMPrefs::GetProductKey(): ", QMErrToStr(QMErrors::MemoryAllocationFailed));
-  return QMErrors::MemoryAllocationFailed;
-}
-
 QMMixedDataC userNumber(double value) { return {value, 0, 6}; }
 
 /// Closes a key. A failure takes the place of the result, with the thread's last error, which
@@ -144,7 +139,7 @@ QMErrorT CQMPrefs::GetProductKey(HKEY* pKey) try {
       std::string("SOFTWARE\\") + m_pPathRoot + "\\" + static_cast<const char*>(m_Name1);
   return OpenKey(HKEY_CURRENT_USER, path.c_str(), 0, pKey);
 } catch (const std::bad_alloc&) {
-  return noMemory();
+  return qm::logNoMemory("CQMPrefs::GetProductKey(): ");
 }
 
 QMErrorT CQMPrefs::GetProductKey(HKEY* pKey, int bUser, int bCreate) try {
@@ -155,7 +150,7 @@ QMErrorT CQMPrefs::GetProductKey(HKEY* pKey, int bUser, int bCreate) try {
   }
   return OpenKey(treeOf(bUser), path.c_str(), bCreate, pKey);
 } catch (const std::bad_alloc&) {
-  return noMemory();
+  return qm::logNoMemory("CQMPrefs::GetProductKey(): ");
 }
 
 QMErrorT CQMPrefs::Save(const char* name, const unsigned char* data, DWORD type, unsigned int size,

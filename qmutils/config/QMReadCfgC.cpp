@@ -31,11 +31,6 @@ QMErrorT fail(QMErrorT code, const char* label, const char* what, const char* pa
   return code;
 }
 
-QMErrorT outOfMemory(const char* label) {
-  qm::logError(label, "out of memory");
-  return QMErrors::MemoryAllocationFailed;
-}
-
 std::string_view orEmpty(const char* token) { return token != nullptr ? token : ""; }
 
 /// The rest of a file; nothing when it cannot be read to its end.
@@ -72,15 +67,15 @@ QMErrorT QMReadCfgC::OpenFileName(const char* path) try {
   }
   auto text = std::make_shared<const std::string>(std::move(*read));
   auto name = qm::SharedText::copyOf(path);
-  if (!name) return outOfMemory(kOpen);
+  if (!name) return qm::logNoMemory(kOpen);
   m_pText = std::move(text);
   m_TextLength = m_pText->size() + 1;
   m_FileName = std::move(*name);
   return QMErrors::NoError;
 } catch (const std::bad_alloc&) {
-  return outOfMemory(kOpen);
+  return qm::logNoMemory(kOpen);
 } catch (const std::length_error&) {
-  return outOfMemory(kOpen);
+  return qm::logNoMemory(kOpen);
 }
 
 QMErrorT QMReadCfgC::ReadToken(const char* token, double* values, unsigned int count,
@@ -143,9 +138,9 @@ QMErrorT QMReadCfgC::_WriteToken(const char* token, const double* values, unsign
   m_TextLength = length;
   return QMErrors::NoError;
 } catch (const std::bad_alloc&) {
-  return outOfMemory(kWrite);
+  return qm::logNoMemory(kWrite);
 } catch (const std::length_error&) {
-  return outOfMemory(kWrite);
+  return qm::logNoMemory(kWrite);
 }
 
 QMErrorT QMReadCfgC::CloseFile(int bWrite) {
@@ -172,5 +167,5 @@ QMErrorT QMReadCfgC::WriteBack() const try {
   }
   return QMErrors::NoError;
 } catch (const std::bad_alloc&) {
-  return outOfMemory(kClose);
+  return qm::logNoMemory(kClose);
 }

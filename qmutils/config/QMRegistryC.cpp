@@ -28,11 +28,6 @@ QMErrorT check(DWORD number, const Parts&... parts) {
   return code;
 }
 
-QMErrorT noMemory(const char* label) {
-  qm::logError(label, QMErrToStr(QMErrors::MemoryAllocationFailed));
-  return QMErrors::MemoryAllocationFailed;
-}
-
 /// A copy that the caller frees with operator delete, with a NUL behind it; null without memory.
 char* copyOf(std::string_view text) {
   auto* const copy = static_cast<char*>(::operator new(text.size() + 1, std::nothrow));
@@ -69,7 +64,7 @@ QMErrorT nameAt(NameAt query, const char* from, HKEY key, unsigned int index, ch
     if (result != QMErrors::NoError) return result;
   }
   *name = copyOf(text);
-  return *name != nullptr ? QMErrors::NoError : noMemory(kSubKeyName);
+  return *name != nullptr ? QMErrors::NoError : qm::logNoMemory(kSubKeyName);
 }
 
 /// What a key holds and where it stands below the one the copy begins with.
@@ -193,12 +188,12 @@ QMErrorT QMRegistryC::GetKeyData(HKEY key, const char* valueName, unsigned char*
   *pData = nullptr;
   qm::platform::RegistryValue value;
   const DWORD error = qm::platform::readValue(key, valueName, &value);
-  if (error == ERROR_NOT_ENOUGH_MEMORY) return noMemory(kKeyData);
+  if (error == ERROR_NOT_ENOUGH_MEMORY) return qm::logNoMemory(kKeyData);
   if (error == ERROR_FILE_NOT_FOUND) return QMErrors::NoError;
   if (error != 0) return check(error, kKeyData);
   if (value.name != (valueName != nullptr ? valueName : "")) return QMErrors::NoError;
   *pData = reinterpret_cast<unsigned char*>(copyOf(value.data));
-  if (*pData == nullptr) return noMemory(kKeyData);
+  if (*pData == nullptr) return qm::logNoMemory(kKeyData);
   if (pType != nullptr) *pType = value.type;
   if (pSize != nullptr) *pSize = static_cast<DWORD>(value.data.size());
   return QMErrors::NoError;
@@ -249,7 +244,7 @@ QMErrorT QMRegistryC::CopyKey(HKEY src, const char* srcSubKey, const char* dstSu
   const QMErrorT closed = CloseKey(source, 0);
   return result != QMErrors::NoError ? result : closed;
 } catch (const std::bad_alloc&) {
-  return noMemory("QMRegistryC::CopyKey(): ");
+  return qm::logNoMemory("QMRegistryC::CopyKey(): ");
 }
 
 QMErrorT QMRegistryC::Find(HKEY root, const char* name, HKEY* pFound) try {

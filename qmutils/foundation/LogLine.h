@@ -6,6 +6,7 @@
 // without locks and delivered whole. Any thread may call these.
 #pragma once
 
+#include "qmutils/foundation/QMErrors.h"
 #include "qmutils/foundation/QMLogStreamC.h"
 
 namespace qm {
@@ -34,6 +35,12 @@ void logInfo(unsigned level, const Parts&... parts) {
   log.SetMessageLevel(level);
   log._LogInfo();
   (log << ... << parts) << std::endl;
+}
+
+/// Logs that memory has run out, and gives the code for that.
+inline QMErrors::QMErrorT logNoMemory(const char* label) {
+  logError(label, QMErrToStr(QMErrors::MemoryAllocationFailed));
+  return QMErrors::MemoryAllocationFailed;
 }
 
 }  // namespace qm

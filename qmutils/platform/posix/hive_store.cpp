@@ -11,6 +11,7 @@
 
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/posix/descriptor.h"
+#include "qmutils/platform/posix/environment.h"
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/suspension_deferral.h"
 
@@ -85,11 +86,6 @@ DWORD makeFolders(const std::string& path, mode_t mode) {
     }
   }
   return 0;
-}
-
-std::string environment(const char* name) {
-  const char* const text = secure_getenv(name);
-  return text != nullptr ? text : "";
 }
 
 std::string homeFolder() {

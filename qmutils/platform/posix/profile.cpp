@@ -18,6 +18,7 @@
 #include "qmutils/platform/posix/native_path.h"
 #include "qmutils/platform/posix/profile_cache.h"
 #include "qmutils/platform/posix/profile_text.h"
+#include "qmutils/platform/posix/regular_file.h"
 #include "qmutils/platform/replacement_file.h"
 
 namespace qm::platform {
@@ -31,26 +32,11 @@ bool isMissing(DWORD error) noexcept {
   return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
 }
 
-/// Opens a regular file; never waits for the other end of a pipe.
-Descriptor openRegularFile(const NativePath& path, struct stat* status) noexcept {
-  Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!file.isOpen()) {
-    failOnPath(path.c_str());
-  } else if (fstat(file.get(), status) != 0) {
-    failWithErrno(errno);
-    file.reset();
-  } else if (!S_ISREG(status->st_mode)) {
-    failWith(ERROR_ACCESS_DENIED);
-    file.reset();
-  }
-  return file;
-}
-
 /// The whole file, an empty text for a missing one; nothing with the last error set. `status` is as
 /// it was before, with no inode when there is no file.
 std::optional<std::string> readWhole(const NativePath& path, struct stat* status) {
   *status = {};
-  const Descriptor file = openRegularFile(path, status);
+  const Descriptor file = openRegularFile(path.c_str(), O_RDONLY, status);
   std::string bytes;
   if (!file.isOpen()) return isMissing(lastError()) ? std::optional(bytes) : std::nullopt;
   bytes.resize(static_cast<std::size_t>(status->st_size) + 1);

@@ -17,6 +17,7 @@
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/native_path.h"
 #include "qmutils/platform/posix/process_generation.h"
+#include "qmutils/platform/posix/regular_file.h"
 #include "qmutils/platform/suspension_deferral.h"
 
 namespace qm::platform {
@@ -28,21 +29,6 @@ constexpr DWORD kLongestWaitMs = 10'000;
 FileState fileState(const struct stat& status) noexcept {
   return {status.st_dev, status.st_ino, static_cast<std::uint64_t>(status.st_size),
           status.st_mtim.tv_sec * std::int64_t{1'000'000'000} + status.st_mtim.tv_nsec};
-}
-
-/// Only regular files: a pipe would never end, and a device is no place for lines.
-Descriptor openRegular(const char* path, int flags, struct stat* status) noexcept {
-  Descriptor file(open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
-  if (!file.isOpen()) {
-    failOnPath(path);
-  } else if (fstat(file.get(), status) != 0) {
-    failWithErrno(errno);
-    file.reset();
-  } else if (!S_ISREG(status->st_mode)) {
-    failWith(ERROR_ACCESS_DENIED);
-    file.reset();
-  }
-  return file;
 }
 
 /// True also on a file system without locks: it must not keep everybody from writing.
@@ -137,7 +123,8 @@ bool SharedAppendFile::lock(const char* path) noexcept {
       opened_.reset(new (std::nothrow) Opened);
       if (opened_ == nullptr) return failWith(ERROR_NOT_ENOUGH_MEMORY);
       opened_->process = process;
-      opened_->file = openRegular(native.c_str(), O_WRONLY | O_APPEND | O_CREAT, &opened_->status);
+      opened_->file =
+          openRegularFile(native.c_str(), O_WRONLY | O_APPEND | O_CREAT, &opened_->status);
     }
     if (!opened_->file.isOpen() || !tryAgain(patience, [this] { return opened_->tryLock(); }))
       break;
@@ -191,7 +178,7 @@ bool SharedAppendFile::cut(std::uint64_t size) noexcept {
 SharedReadFile::SharedReadFile(const char* path) noexcept {
   const NativePath native(path);
   struct stat status;
-  if (native.ok()) handle_ = openRegular(native.c_str(), O_RDONLY, &status).release();
+  if (native.ok()) handle_ = openRegularFile(native.c_str(), O_RDONLY, &status).release();
 }
 
 SharedReadFile::~SharedReadFile() {

@@ -3,7 +3,6 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <strings.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,9 +12,9 @@
 #include <string_view>
 #include <vector>
 
-#include "qmutils/platform/posix/descriptor.h"
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/native_path.h"
+#include "qmutils/platform/posix/regular_file.h"
 #include "qmutils/platform/types.h"
 
 namespace qm::platform {
@@ -33,18 +32,9 @@ class InputFile {
   /// Not isOpen() with the last error set.
   explicit InputFile(const char* path) {
     const NativePath native(path);
-    if (!native.ok()) return;
-    // Never waits for the other end of a pipe.
-    Descriptor file(open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status;
-    if (!file.isOpen() || fstat(file.get(), &status) != 0) {
-      failOnPath(native.c_str());
-    } else if (!S_ISREG(status.st_mode)) {
-      failWith(ERROR_ACCESS_DENIED);
-    } else {
-      file_ = std::move(file);
-      size_ = static_cast<std::uint64_t>(status.st_size);
-    }
+    struct stat status {};
+    if (native.ok()) file_ = openRegularFile(native.c_str(), O_RDONLY, &status);
+    size_ = static_cast<std::uint64_t>(status.st_size);
   }
   bool isOpen() const noexcept { return file_.isOpen(); }
 

@@ -21,6 +21,7 @@
 
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/descriptor.h"
+#include "qmutils/platform/posix/environment.h"
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/native_path.h"
 #include "qmutils/platform/suspension_deferral.h"
@@ -33,11 +34,6 @@ namespace {
 
 constexpr DWORD kSlowestMs = 1000;  // for connecting, and beyond a request's own time
 constexpr int kBacklog = 64;
-
-std::string environment(const char* name) {
-  const char* const text = secure_getenv(name);
-  return text != nullptr ? text : "";
-}
 
 bool isUsersOwn(const std::string& folder) {
   struct stat status;

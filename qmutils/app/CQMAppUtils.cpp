@@ -1,10 +1,11 @@
 #include "qmutils/app/CQMAppUtils.h"
 
-#include <algorithm>
+#include <cstdio>
 #include <new>
 #include <string>
 #include <string_view>
 
+#include "qmutils/app/KeyboardEvents.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/foundation/QMFileUtilsC.h"
 #include "qmutils/platform/clock.h"
@@ -28,23 +29,17 @@ QMErrorT failed(const char* label) {
   return error;
 }
 
-/// A value of an open key as a text, which may have no terminator. False when there is none.
-bool readText(HKEY key, const char* name, CString& text, QMErrorT& result) {
+/// A value of an open key as a text, which may have no terminator in the store.
+QMErrorT readText(HKEY key, const char* name, CString& text, bool* found) {
   unsigned char* data = nullptr;
   DWORD size = 0;
-  result = QMRegistryC::GetKeyData(key, name, &data, nullptr, &size);
-  if (data == nullptr) return false;
+  const QMErrorT result = QMRegistryC::GetKeyData(key, name, &data, nullptr, &size);
+  *found = data != nullptr;
+  if (data == nullptr) return result;
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
-  text = bytes.substr(0, bytes.find('\0'));
+  const bool taken = text.Assign(bytes.substr(0, bytes.find('\0')));
   ::operator delete(data);
-  return true;
-}
-
-/// The folder of a path when it is the root itself, which SplitPath() shows as no folder at all.
-bool standsInRoot(std::string_view path) {
-  const std::size_t drive = path.find(':');
-  if (drive != std::string_view::npos) path.remove_prefix(drive + 1);
-  return path.find_last_of("\\/") == 0;
+  return taken ? QMErrors::NoError : QMErrors::MemoryAllocationFailed;
 }
 
 }  // namespace
@@ -52,17 +47,7 @@ bool standsInRoot(std::string_view path) {
 std::atomic<const char*> CQMAppUtils::m_pAppDataKey{nullptr};
 std::atomic<const char*> CQMAppUtils::m_pAppDataDirKey{nullptr};
 
-namespace {
-
-/// Never destroyed: listeners may be removed after main().
-QMWindowsKeyboardEventMultiCasterC& keyboardEvents() {
-  static auto& multicaster = *new QMWindowsKeyboardEventMultiCasterC;
-  return multicaster;
-}
-
-}  // namespace
-
-QMWindowsKeyboardEventMultiCasterC& CQMAppUtils::m_KeyboardEventMulticaster = keyboardEvents();
+QMWindowsKeyboardEventMultiCasterC& CQMAppUtils::m_KeyboardEventMulticaster = qm::keyboardEvents();
 
 CQMAppUtils::CQMAppUtils(const char* appDataKey, const char* appDataDirKey) {
   m_pAppDataKey = appDataKey;
@@ -79,9 +64,9 @@ void CQMAppUtils::GetSPVersionInfo(CString& version, CString& spVersion) {
       QMErrors::NoError) {
     return;
   }
-  QMErrorT ignored;  // nothing is reported: what cannot be read is empty
-  readText(key, "ProductVersion", version, ignored);
-  readText(key, "SPVersion", spVersion, ignored);
+  bool ignored;  // nothing is reported: what cannot be read is empty
+  readText(key, "ProductVersion", version, &ignored);
+  readText(key, "SPVersion", spVersion, &ignored);
   if (spVersion == "0") spVersion.Empty();
   QMRegistryC::CloseKey(key, 0);
 }
@@ -122,8 +107,9 @@ QMErrorT CQMAppUtils::GetApplicationDataPath(CString& path) {
   HKEY key = nullptr;
   const QMErrorT opened = QMRegistryC::OpenKey(HKEY_LOCAL_MACHINE, keyName, 0, &key);
   if (opened != QMErrors::NoError) return opened;
-  QMErrorT result;
-  if (!readText(key, valueName, path, result) && result == QMErrors::NoError) {
+  bool found;
+  QMErrorT result = readText(key, valueName, path, &found);
+  if (result == QMErrors::NoError && !found) {
     qm::logWarning(0, "CQMAppUtils::GetApplicationDataPath(): The registry key: ", keyName, "\\",
                    valueName, " does not contain valid data.");
     result = QMErrors::TheRegistryKeyIsInvalidOrDoesNotContainValidData;
@@ -149,24 +135,39 @@ void CQMAppUtils::MakeTimeStampedPath(CString& path, const CString* drive, const
   stamped.Format("%s_%02d%02d%04d_%02d%02d%02d",
                  name != nullptr ? static_cast<const char*>(*name) : "", now.wDay, now.wMonth,
                  now.wYear, now.wHour, now.wMinute, now.wSecond);
+  if (stamped.IsEmpty()) {
+    path.Empty();  // no memory
+    return;
+  }
   MakePath(path, drive, dir, &stamped, ext);
 }
 
-CString CQMAppUtils::MakeUniqueName(const char* path) {
-  const CString whole(path);
-  CString drive;
-  CString dir;
-  CString name;
-  CString ext;
-  SplitPath(whole, &drive, &dir, &name, &ext);
-  const bool inRoot = standsInRoot(whole.view());
+/// The parts are those of SplitPath(); taken from the text itself, so that lacking memory none of
+/// them is lost.
+CString CQMAppUtils::MakeUniqueName(const char* path) try {
+  std::string text(path != nullptr ? path : "");
+  const std::size_t behindDrive = text.find(':') + 1;
+  const std::size_t separator = text.find_last_of("\\/");
+  const bool hasFolder = separator != std::string::npos && separator >= behindDrive;
+  if (hasFolder) text[separator] = '\\';
+  const std::size_t name = hasFolder ? separator + 1 : behindDrive;
+  const std::size_t dot = text.rfind('.');
+  const std::size_t nameEnd = dot != std::string::npos && dot >= name ? dot : text.size();
+  std::string extension = text.substr(nameEnd);
+  if (extension == ".") extension.clear();
+  text.resize(nameEnd);
   for (int i = 0; i < kUniqueNames; ++i) {
-    CString numbered;
-    numbered.Format("%s%s_%03d", inRoot ? "\\" : "", static_cast<const char*>(name), i);
-    CString candidate;
-    MakePath(candidate, &drive, &dir, &numbered, &ext);
-    if (!FileExists(candidate)) return candidate;
+    char number[8];
+    std::snprintf(number, sizeof number, "_%03d", i);
+    const std::string candidate = text + number + extension;
+    if (FileExists(candidate.c_str())) continue;
+    CString result;
+    result.Assign(candidate);
+    return result;
   }
+  return {};
+} catch (const std::bad_alloc&) {
+  qm::logNoMemory("CQMAppUtils::MakeUniqueName(): ");
   return {};
 }
 
@@ -183,15 +184,13 @@ QMErrorT CQMAppUtils::MakeFolder(const char* path) {
 }
 
 QMErrorT CQMAppUtils::GetWindowsDirectoryA(CString& folder) {
-  folder = systemFolder();
-  return QMErrors::NoError;
+  return folder.Assign(systemFolder()) ? QMErrors::NoError : QMErrors::MemoryAllocationFailed;
 }
 
 QMErrorT CQMAppUtils::GetUserNameA(CString& user) try {
   std::string name;
   if (!userName(&name)) return failed("CQMAppUtils::GetUserName(): ::GetUserName() failed: ");
-  user = name.c_str();
-  return QMErrors::NoError;
+  return user.Assign(name) ? QMErrors::NoError : QMErrors::MemoryAllocationFailed;
 } catch (const std::bad_alloc&) {
   return qm::logNoMemory("CQMAppUtils::GetUserName(): ");
 }
@@ -212,9 +211,9 @@ QMErrorT CQMAppUtils::IsAdministrator(int* pIsAdmin) try {
 }
 
 QMErrorT CQMAppUtils::AddKeyboardEventListener(IQMWindowsKeyboardEventListener& listener) {
-  return m_KeyboardEventMulticaster.AddListener(listener);
+  return qm::keyboardEvents().AddListener(listener);
 }
 
 QMErrorT CQMAppUtils::RemoveKeyboardEventListener(IQMWindowsKeyboardEventListener& listener) {
-  return m_KeyboardEventMulticaster.RemoveListener(listener);
+  return qm::keyboardEvents().RemoveListener(listener);
 }

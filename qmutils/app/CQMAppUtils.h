@@ -126,15 +126,18 @@ class QMUTILS_API CQMAppUtils {
 
   /// The program that a window belongs to, of whatever process.
   static QMErrors::QMErrorT GetWindowModuleFileNameA(HWND hWnd, CString& file);
-  /// Asks the program that has a window of this class (may be null: any) and title (likewise) to
-  /// close it, and waits up to `timeoutMs` for that. With `bAsk` the operator is asked first: 2050
-  /// when he does not want it. 0 also when there is no such window, 2013 when it is still there.
+  /// Asks another program that has a window of this class (may be null: any) and title (likewise)
+  /// to close it, and waits up to `timeoutMs` for that. With `bAsk` the operator is asked first:
+  /// 2050 when he does not want it. 0 also when there is no such window, 2013 when it is still
+  /// there.
   static QMErrors::QMErrorT FindAndCloseApplication(const char* windowClass, const char* title,
                                                     int bAsk, int timeoutMs);
   /// Makes a class of windows known. System error 1410 when it is already.
   static QMErrors::QMErrorT RegisterClassA(HINSTANCE module, const char* className, HICON icon,
                                            WNDPROC procedure);
-  /// Registers the class, makes a window of it, and runs its messages until it is to quit.
+  /// Registers the class, makes a window of it that other programs find, and runs the thread's
+  /// messages until it is to quit. Keyboard messages go to the keyboard listeners as well. Then the
+  /// class is unknown again.
   static QMErrors::QMErrorT InitInstance(HINSTANCE module, const char* className, char* title,
                                          HICON icon, int show, WNDPROC procedure);
   /// What a window procedure does with a message that it does not want.

@@ -1,20 +1,24 @@
 // Who the program is: module paths, version data, the remembered names, a reseller's settings.
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "qmutils/app/CQMAppUtils.h"
 #include "qmutils/config/QMIniFileC.h"
 #include "qmutils/foundation/Immortal.h"
 #include "qmutils/foundation/LogLine.h"
-#include "qmutils/foundation/QMFileUtilsC.h"
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/file.h"
 #include "qmutils/platform/icon.h"
 #include "qmutils/platform/module.h"
+#include "qmutils/platform/short_lock.h"
+#include "qmutils/platform/user.h"
 #include "qmutils/platform/version_info.h"
 
 using namespace qm::platform;
@@ -40,8 +44,8 @@ QMErrorT pathOf(HINSTANCE module, CString& path, bool stripName, const char* lab
   std::string text;
   const QMErrorT result = readModulePath(module, text, label);
   if (stripName) text.resize(std::min(text.find_last_of(kModuleSeparators), text.size()));
-  if (result == QMErrors::NoError) path = text.c_str();
-  return result;
+  if (result != QMErrors::NoError) return result;
+  return path.Assign(text) ? QMErrors::NoError : QMErrors::MemoryAllocationFailed;
 } catch (const std::bad_alloc&) {
   return qm::logNoMemory(label);
 }
@@ -51,46 +55,77 @@ QMErrorT nameOf(HINSTANCE module, CString& name, bool stripExtension, const char
   const QMErrorT result = readModulePath(module, text, label);
   text.erase(0, text.find_last_of(kModuleSeparators) + 1);
   if (stripExtension) text.resize(std::min(text.rfind('.'), text.size()));
-  if (result == QMErrors::NoError) name = text.c_str();
-  return result;
+  if (result != QMErrors::NoError) return result;
+  return name.Assign(text) ? QMErrors::NoError : QMErrors::MemoryAllocationFailed;
 } catch (const std::bad_alloc&) {
   return qm::logNoMemory(label);
 }
 
-/// 2007 only says that the file tells nothing.
-QMErrorT unknownIsFine(QMErrorT result) {
+/// True when the file tells nothing, which is no failure; false when nobody could look.
+bool tellsNothing(DWORD error) {
+  switch (error) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_ACCESS_DENIED:
+    case ERROR_RESOURCE_DATA_NOT_FOUND:
+    case ERROR_RESOURCE_TYPE_NOT_FOUND:
+    case ERROR_RESOURCE_NAME_NOT_FOUND:
+      return true;
+    default:
+      return false;
+  }
+}
+
+/// A text of a file's version data: 2007 with "Unknown" when it is not there.
+QMErrorT versionText(const CString& file, const char* key, std::string& text) {
+  if (file.IsEmpty()) return QMErrors::BadCommandLineArguments;
+  for (const char* block : kBlocks) {
+    if (readVersionText(file, block, key, &text)) return QMErrors::NoError;
+    if (!tellsNothing(lastError())) return QMErrors::lastOsError();
+  }
+  text = "Unknown";
+  return QMErrors::EndOfFileError;
+}
+
+/// The same for callers who do not mind.
+QMErrorT versionTextOrUnknown(const CString& file, const char* key, std::string& text) {
+  const QMErrorT result = versionText(file, key, text);
   return result == QMErrors::EndOfFileError ? QMErrors::NoError : result;
 }
 
+QMErrorT giveText(QMErrorT result, const std::string& text, CString& value) {
+  if (result != QMErrors::NoError && result != QMErrors::EndOfFileError) return result;
+  return value.Assign(text) ? result : QMErrors::MemoryAllocationFailed;
+}
+
 /// "5, 0, 1, 2" as "v5.0.1.2".
-CString compact(const CString& version) {
-  CString text("v");
-  for (const char c : version.view()) {
+std::string compact(const std::string& version) {
+  std::string text = "v";
+  for (const char c : version) {
     if (c != ' ' && c != '\t') text += c == ',' ? '.' : c;
   }
   return text;
 }
 
-/// Drivers are named without their folder.
-CString fileToDate(const CString& file) {
-  const bool driver = file.Right(3) == "sys" || file.Right(3) == "SYS";
-  CString folder;
-  if (!driver || file.Find(':') >= 0 ||
-      CQMAppUtils::GetWindowsDirectoryA(folder) != QMErrors::NoError) {
-    return file;
-  }
-  return folder + "\\" + file;
+/// Drivers are named without their folder, which is the system's.
+std::string fileToDate(std::string_view file) {
+  const bool driver = file.ends_with("sys") || file.ends_with("SYS");
+  const bool absolute =
+      file.find(':') != std::string_view::npos || file.starts_with('/') || file.starts_with('\\');
+  if (!driver || absolute) return std::string(file);
+  return std::string(systemFolder()) + "\\" + std::string(file);
 }
 
-CString dateOf(const CString& file) {
+std::string dateOf(const CString& file) {
   FILETIME written;
   SYSTEMTIME time;
-  if (!lastWriteTime(fileToDate(file), &written) || !fileTimeToSystemTime(written, &time)) {
+  if (!lastWriteTime(fileToDate(file.view()).c_str(), &written) ||
+      !fileTimeToSystemTime(written, &time)) {
     return " ; unknown date/time ";
   }
-  CString text;
-  text.Format(" ; %02d/%02d/%04d %02d:%02d:%02d", time.wDay, time.wMonth, time.wYear, time.wHour,
-              time.wMinute, time.wSecond);
+  char text[48];
+  std::snprintf(text, sizeof text, " ; %02u/%02u/%04u %02u:%02u:%02u", time.wDay, time.wMonth,
+                time.wYear, time.wHour, time.wMinute, time.wSecond);
   return text;
 }
 
@@ -119,62 +154,63 @@ CString mailSetting(const char* key, const char* defaultText, const char* failed
 
 // ---- Names that are looked up once --------------------------------------------------------------
 
-/// What the running program's file says under a key; logs a failure under the names given.
+/// What the running program's file says; logs a failure under the names given.
 template <class Read>
-bool askProgram(const char* caller, const char* reader, CString& value, const Read& read) {
+QMErrorT askProgram(const char* caller, const char* reader, CString& value, const Read& read) {
   CString path;
   const QMErrorT found = CQMAppUtils::GetModulePath(path, false);
   if (found != QMErrors::NoError) {
     qm::logError("CQMAppUtils::", caller, "(): GetModulePath() returned: ", QMErrToStr(found));
-    return false;
+    return found;
   }
   const QMErrorT result = read(path, value);
   if (result != QMErrors::NoError) {
     qm::logError("CQMAppUtils::", caller, "(): ", reader, "() returned: ", QMErrToStr(result));
   }
-  return result == QMErrors::NoError;
+  return result;
 }
 
-/// Lets the reseller's settings, if there are any, read a key of the branding.
-template <class Use>
-void askReseller(const char* key, const CString* defaultText, const Use& use) {
+/// Lets the reseller's settings, if there are any, replace a name; a value that could not be read
+/// or is empty replaces none.
+QMErrorT askReseller(const char* key, const CString* defaultText, CString& name) {
   CString path;
-  if (besideProgram(QMIniFileC::OEM_CONFIG_INI_FILE, path) != QMErrors::NoError) return;
-  if (!CQMAppUtils::FileExists(path)) return;
+  QMErrorT result = besideProgram(QMIniFileC::OEM_CONFIG_INI_FILE, path);
+  if (result != QMErrors::NoError || !CQMAppUtils::FileExists(path)) return result;
   QMIniFileC settings(path, 1);
   CString value;
-  const QMErrorT result = settings.Read(QMIniFileC::MANUFACTURER, key, defaultText, value);
-  use(result, value);
+  result = settings.Read(QMIniFileC::MANUFACTURER, key, defaultText, value);
+  if (result != QMErrors::NoError || (value.IsEmpty() && defaultText == nullptr)) return result;
+  return name.Assign(value.view()) ? result : QMErrors::MemoryAllocationFailed;
 }
 
-void findVersion(CString& version) {
-  if (!askProgram("GetVersion", "GetFileVersionString", version,
-                  [](const CString& path, CString& text) {
-                    return CQMAppUtils::GetFileVersionString(path, text, true, false);
-                  })) {
-    version.Empty();
-  }
+QMErrorT findVersion(CString& version) {
+  return askProgram("GetVersion", "GetFileVersionString", version,
+                    [](const CString& path, CString& text) {
+                      return CQMAppUtils::GetFileVersionString(path, text, true, false);
+                    });
 }
 
-void findProgramName(CString& name) { CQMAppUtils::GetModuleName(name, true); }
+QMErrorT findProgramName(CString& name) { return CQMAppUtils::GetModuleName(name, true); }
 
-void findCompanyName(CString& name) {
-  askProgram("GetCompanyName", "GetFileCompanyString", name, CQMAppUtils::GetFileCompanyString);
-  askReseller(QMIniFileC::MANUFACTURER, &name,
-              [&](QMErrorT, const CString& value) { name = value; });
+QMErrorT findCompanyName(CString& name) {
+  const QMErrorT own =
+      askProgram("GetCompanyName", "GetFileCompanyString", name, CQMAppUtils::GetFileCompanyString);
+  const QMErrorT resellers = askReseller(QMIniFileC::MANUFACTURER, &name, name);
+  return own == QMErrors::MemoryAllocationFailed ? own : resellers;
 }
 
-void findProductName(CString& name) {
-  askProgram("GetProductName", "GetFileProductString", name, CQMAppUtils::GetFileProductString);
-  askReseller(QMIniFileC::PRODUCT, nullptr, [&](QMErrorT result, const CString& value) {
-    if (result == QMErrors::NoError && !value.IsEmpty()) name = value;
-  });
+QMErrorT findProductName(CString& name) {
+  const QMErrorT own =
+      askProgram("GetProductName", "GetFileProductString", name, CQMAppUtils::GetFileProductString);
+  const QMErrorT resellers = askReseller(QMIniFileC::PRODUCT, nullptr, name);
+  return own == QMErrors::MemoryAllocationFailed ? own : resellers;
 }
 
 /// The remembered names. Never destroyed: threads may outlive main().
+using Name = std::shared_ptr<const CString>;
 struct Names {
   std::mutex lock;
-  std::unique_ptr<CString> version, program, product, company;
+  Name version, program, product, company;
 };
 
 Names& names() {
@@ -182,28 +218,37 @@ Names& names() {
   return all.value;
 }
 
-/// Looks the name up without the lock: a failure is logged, and whoever takes the log's lines may
-/// ask for a name as well.
-CString remembered(std::unique_ptr<CString> Names::*which, void (*find)(CString&)) {
+/// Looks a name up without the lock: a failure is logged, and whoever takes the log's lines may ask
+/// for a name as well. What memory was lacking for is looked up again next time.
+CString remembered(Name Names::*which, QMErrorT (*find)(CString&)) try {
+  Name known;
   {
-    const std::lock_guard lock(names().lock);
-    if (names().*which != nullptr) return *(names().*which);
+    const ShortLock lock(names().lock);
+    known = names().*which;
   }
-  std::unique_ptr<CString> made(new (std::nothrow) CString);
-  if (made == nullptr) return {};
-  find(*made);
-  const std::lock_guard lock(names().lock);
-  std::unique_ptr<CString>& name = names().*which;
-  if (name == nullptr) name = std::move(made);
-  return *name;
+  if (known != nullptr) return *known;
+  CString found;
+  const QMErrorT result = find(found);
+  if (result == QMErrors::MemoryAllocationFailed || result == QMErrors::ResourceAllocationFailed) {
+    return found;
+  }
+  auto made = std::make_shared<const CString>(std::move(found));
+  {
+    const ShortLock lock(names().lock);
+    if (names().*which == nullptr) names().*which = made;
+  }
+  return *made;
+} catch (const std::bad_alloc&) {
+  return {};
 }
 
 }  // namespace
 
 CQMAppUtils::~CQMAppUtils() {
-  const std::lock_guard lock(names().lock);
   for (auto which : {&Names::version, &Names::program, &Names::product, &Names::company}) {
-    (names().*which).reset();
+    Name forgotten;  // destroyed outside of the lock
+    const ShortLock lock(names().lock);
+    forgotten.swap(names().*which);
   }
 }
 
@@ -233,36 +278,38 @@ QMErrorT CQMAppUtils::GetModuleName(CString& name, bool bStripExtension) {
 
 QMErrorT CQMAppUtils::GetFileVersionInfoA(const CString& file, const CString& key,
                                           CString& value) try {
-  if (file.IsEmpty()) return QMErrors::BadCommandLineArguments;
-  for (const char* block : kBlocks) {
-    std::string text;
-    if (!readVersionText(file, block, key, &text)) continue;
-    value = text.c_str();
-    return QMErrors::NoError;
-  }
-  value = "Unknown";
-  return QMErrors::EndOfFileError;
+  std::string text;
+  const QMErrorT result = versionText(file, key, text);
+  return giveText(result, text, value);
 } catch (const std::bad_alloc&) {
   return QMErrors::MemoryAllocationFailed;
 }
 
-QMErrorT CQMAppUtils::GetFileCompanyString(const CString& file, CString& value) {
-  return unknownIsFine(GetFileVersionInfoA(file, "CompanyName", value));
+QMErrorT CQMAppUtils::GetFileCompanyString(const CString& file, CString& value) try {
+  std::string text;
+  const QMErrorT result = versionTextOrUnknown(file, "CompanyName", text);
+  return giveText(result, text, value);
+} catch (const std::bad_alloc&) {
+  return QMErrors::MemoryAllocationFailed;
 }
 
-QMErrorT CQMAppUtils::GetFileProductString(const CString& file, CString& value) {
-  return unknownIsFine(GetFileVersionInfoA(file, "ProductName", value));
+QMErrorT CQMAppUtils::GetFileProductString(const CString& file, CString& value) try {
+  std::string text;
+  const QMErrorT result = versionTextOrUnknown(file, "ProductName", text);
+  return giveText(result, text, value);
+} catch (const std::bad_alloc&) {
+  return QMErrors::MemoryAllocationFailed;
 }
 
 QMErrorT CQMAppUtils::GetFileVersionString(const CString& file, CString& version, bool bCompact,
-                                           bool bWithDate) {
-  CString text;
-  const QMErrorT result = unknownIsFine(GetFileVersionInfoA(file, "ProductVersion", text));
-  if (result != QMErrors::NoError) return result;
+                                           bool bWithDate) try {
+  std::string text;
+  const QMErrorT result = versionTextOrUnknown(file, "ProductVersion", text);
   if (bCompact) text = compact(text);
-  if (bWithDate) text = text + dateOf(file);
-  version = text;
-  return result;
+  if (bWithDate) text += dateOf(file);
+  return giveText(result, text, version);
+} catch (const std::bad_alloc&) {
+  return QMErrors::MemoryAllocationFailed;
 }
 
 CString CQMAppUtils::GetVersion() { return remembered(&Names::version, findVersion); }
@@ -288,7 +335,10 @@ HICON CQMAppUtils::LoadAppIcon(UINT id) try {
     qm::logError("CQMAppUtils::LoadAppIcon(): will use default icon as GetModulePath() returned:",
                  QMErrToStr(found));
   }
-  return id != kNoIcon ? iconOfModule(resourceModule(), id) : nullptr;
+  if (id == kNoIcon) return nullptr;
+  // A language library may have icons of its own, but need not.
+  const HICON icon = iconOfModule(resourceModule(), id);
+  return icon != nullptr ? icon : iconOfModule(programModule(), id);
 } catch (const std::bad_alloc&) {
   qm::logNoMemory("CQMAppUtils::LoadAppIcon(): ");
   return nullptr;

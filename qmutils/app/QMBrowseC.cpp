@@ -38,7 +38,7 @@ QMErrorT QMBrowseC::BrowseFor(ChooserRequest::Kind kind, HWND owner, CString& ch
     qm::logError(kLabel, QMErrToStr(code));
     return code;
   }
-  choice = chosen.c_str();
+  if (!choice.Assign(chosen)) throw std::bad_alloc();
   return QMErrors::NoError;
 } catch (const std::bad_alloc&) {
   qm::logError(kLabel, QMErrToStr(QMErrors::MemoryAllocationFailed), " While allocating pOlePath.");
@@ -47,7 +47,8 @@ QMErrorT QMBrowseC::BrowseFor(ChooserRequest::Kind kind, HWND owner, CString& ch
 
 QMErrorT QMBrowseC::BrowseFor(ChooserRequest::Kind kind, HWND owner, CString& choice, UINT titleId,
                               BrowseFlagsT flags, const char* start) try {
-  const char* const title = qm::platform::moduleText(qm::platform::resourceModule(), titleId);
+  const char* title = qm::platform::moduleText(qm::platform::resourceModule(), titleId);
+  if (title == nullptr) title = qm::platform::moduleText(nullptr, titleId);
   return BrowseFor(kind, owner, choice, title, flags, start);
 } catch (const std::bad_alloc&) {
   return BrowseFor(kind, owner, choice, nullptr, flags, start);

@@ -9,7 +9,7 @@
 #include "qmutils/foundation/Immortal.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/foundation/PointerText.h"
-#include "qmutils/foundation/ShortLock.h"
+#include "qmutils/platform/short_lock.h"
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/suspension_deferral.h"
@@ -236,7 +236,7 @@ DWORD QMThreadC::ThreadWrapper(void* argument) {
   const std::unique_ptr<ControlC::Launch> launch(static_cast<ControlC::Launch*>(argument));
   ControlC& control = *launch->control;
   QMThreadC* const object = launch->object;
-  { const qm::ShortLock handleIsStored(control.starting); }
+  { const qm::platform::ShortLock handleIsStored(control.starting); }
   (void)object->SleepEx(0, false);
   const QMErrors::QMErrorT result = object->run();
   if (control.autoDelete) {
@@ -256,7 +256,7 @@ QMErrors::QMErrorT QMThreadC::start() {
 
 QMErrors::QMErrorT QMThreadC::ControlC::create(const ControlPtr& self, QMThreadC* object) {
   {
-    const qm::ShortLock guard(starting);
+    const qm::platform::ShortLock guard(starting);
     if (self == none()) {
       setLastError(ERROR_NOT_ENOUGH_MEMORY);
     } else if (endEvent == nullptr) {
@@ -348,13 +348,13 @@ QMErrors::QMErrorT QMThreadC::Stop(const ControlPtr& control, const QMThreadC* o
 QMErrors::QMErrorT QMThreadC::ControlC::end() {
   void* stopped;
   {
-    const qm::ShortLock guard(starting);
+    const qm::platform::ShortLock guard(starting);
     stopped = thread;
     const QMErrors::QMErrorT notified = isRunning(stopped) ? notifyEnd() : QMErrors::NoError;
     if (notified != QMErrors::NoError) return notified;
   }
   awaitEnd(stopped);
-  const qm::ShortLock guard(starting);
+  const qm::platform::ShortLock guard(starting);
   if (!thread.compare_exchange_strong(stopped, nullptr)) return QMErrors::NoError;
   if (stopped != nullptr) closeHandle(stopped);
   if (endEvent != nullptr) resetEvent(endEvent);

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "qmutils/foundation/QMErrors.h"
-#include "qmutils/foundation/ShortLock.h"
+#include "qmutils/platform/short_lock.h"
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/file.h"
@@ -72,7 +72,7 @@ bool LogFileWriter::setName(const char* name, bool autoDelete, bool daily, bool 
   autoDelete_ = autoDelete;
   if (keepRoot) root_ = std::move(*root);
   file_.close();
-  const ShortLock lock(nameMutex_);
+  const platform::ShortLock lock(nameMutex_);
   name_ = std::move(*path);
   isNamed_ = name_.c_str() != nullptr;
   return true;
@@ -86,13 +86,13 @@ bool LogFileWriter::setName(const char* name) noexcept {
 void LogFileWriter::forgetName() noexcept {
   file_.close();
   root_ = {};
-  const ShortLock lock(nameMutex_);
+  const platform::ShortLock lock(nameMutex_);
   name_ = {};
   isNamed_ = false;
 }
 
 SharedText LogFileWriter::name() const noexcept {
-  const ShortLock lock(nameMutex_);
+  const platform::ShortLock lock(nameMutex_);
   return name_;
 }
 

@@ -13,16 +13,18 @@ namespace {
 std::string_view textOrEmpty(const char* text) noexcept { return text != nullptr ? text : ""; }
 
 /// Runs an operation that allocates. Strings have no result to return a code in, so a failure shows
-/// in the log, and the operation's target keeps its text.
+/// in the log, and the operation's target keeps its text. False then.
 template <class Operation>
-void guarded(Operation operation) noexcept {
+bool guarded(Operation operation) noexcept {
   try {
     operation();
+    return true;
   } catch (const std::bad_alloc&) {
     qm::logError("QMCString: ", QMErrToStr(QMErrors::MemoryAllocationFailed));
   } catch (const std::length_error&) {
     qm::logError("QMCString: ", QMErrToStr(QMErrors::MemoryAllocationFailed));
   }
+  return false;
 }
 
 /// A to Z as a to z, independent of the locale.
@@ -38,12 +40,14 @@ QMCString::QMCString(std::string_view text) noexcept { assign(text); }
 QMCString::QMCString(const QMCString& other) noexcept { assign(other.m_Text); }
 QMCString::~QMCString() = default;
 
-void QMCString::assign(std::string_view text) noexcept {
-  guarded([&] { m_Text.assign(text); });
-}
+void QMCString::assign(std::string_view text) noexcept { Assign(text); }
 
 void QMCString::append(std::string_view text) noexcept {
   guarded([&] { m_Text.append(text); });
+}
+
+bool QMCString::Assign(std::string_view text) noexcept {
+  return guarded([&] { m_Text.assign(text); });
 }
 
 QMCString& QMCString::operator=(const QMCString& other) noexcept {

@@ -26,6 +26,8 @@ class QMUTILS_API QMCString {
   QMCString& operator=(std::string_view text) noexcept;
   /// A string of this one character.
   QMCString& operator=(char c) noexcept;
+  /// For who must know: false when there was no memory for it. May be a part of this string.
+  bool Assign(std::string_view text) noexcept;
   QMCString& operator+=(const char* text) noexcept;
   QMCString& operator+=(char c) noexcept;
 

@@ -8,7 +8,7 @@
 
 #include "qmutils/foundation/Immortal.h"
 #include "qmutils/foundation/LogLine.h"
-#include "qmutils/foundation/ShortLock.h"
+#include "qmutils/platform/short_lock.h"
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/waitable.h"
@@ -72,7 +72,7 @@ bool QMErrorC::fill(const char* function, QMErrorT code,
 void QMErrorC::createMutex() noexcept {
   if (m_hMutex.load() != nullptr) return;
   {
-    const qm::ShortLock lock(mutexCreation());
+    const qm::platform::ShortLock lock(mutexCreation());
     if (m_hMutex.load() == nullptr) m_hMutex = qm::platform::createMutex(false);
   }
   if (m_hMutex.load() == nullptr) qm::logError("QMErrorC::Initialise: ", "creating mutex");
@@ -145,7 +145,7 @@ QMErrorT QMErrorC::Stack(QMErrorC* chain) {
 QMErrorT QMErrorC::AddToStack(QMErrorC* record) {
   LockStack();  // a failure is logged there; the record is stacked all the same
   {
-    const qm::ShortLock lock(links());
+    const qm::platform::ShortLock lock(links());
     QMErrorC* tail = m_pStack.load();
     if (IsEmpty(tail)) {
       m_pStack = record;
@@ -209,7 +209,7 @@ void QMErrorC::ClearStack() {
   LockStack();
   QMErrorC* taken = nullptr;
   {
-    const qm::ShortLock lock(links());
+    const qm::platform::ShortLock lock(links());
     taken = takeOut(m_pStack.load());
   }
   destroy(taken);
@@ -220,7 +220,7 @@ void QMErrorC::DisposeHandle(QMErrorC* handle) {
   if (handle == ErrCreateQMErr) return;
   QMErrorC* taken = nullptr;
   {
-    const qm::ShortLock lock(links());
+    const qm::platform::ShortLock lock(links());
     taken = takeOut(handle);
   }
   destroy(taken);
@@ -266,7 +266,7 @@ char* QMErrorC::ToString(bool thisOnly, bool clearAfter) {
   try {
     std::string text;
     {
-      const qm::ShortLock lock(links());
+      const qm::platform::ShortLock lock(links());
       const QMErrorC* record = thisOnly ? this : m_pStack.load();
       if (record == NoError) {
         text = "<Error Stack Empty>\n";

@@ -118,11 +118,18 @@ void QMFileUtilsC::SplitPath(const QMCString& path, QMCString* drive, QMCString*
 }
 
 void QMFileUtilsC::MakePath(QMCString& path, const QMCString* drive, const QMCString* dir,
-                            const QMCString* name, const QMCString* ext) {
-  QMCString made;
-  if (given(drive)) made = *drive + ":";
-  if (given(dir)) made += *dir + "\\";
-  if (given(name)) made += *name;
-  if (given(ext)) made += "." + *ext;
-  path = made;
+                            const QMCString* name, const QMCString* ext) try {
+  // At once: a path without one of its parts would be another file's.
+  std::string made;
+  const auto add = [&made](const char* before, const QMCString* part, const char* behind) {
+    if (given(part)) made.append(before).append(part->view()).append(behind);
+  };
+  add("", drive, ":");
+  add("", dir, "\\");
+  add("", name, "");
+  add(".", ext, "");
+  if (!path.Assign(made)) path.Empty();
+} catch (const std::bad_alloc&) {
+  path.Empty();
+  qm::logError("QMFileUtilsC::MakePath(): ", QMErrToStr(QMErrors::MemoryAllocationFailed));
 }

@@ -38,10 +38,11 @@ class QMUTILS_API QMFileUtilsC {
                         QMCString* ext);
 
   /// Drive and ':', folder and '\', name, '.' and extension, each only when neither null nor empty.
+  /// Empty without memory.
   static void MakePath(QMCString& path, const QMCString* drive, const QMCString* dir,
                        const QMCString* name, const QMCString* ext);
 
   /// The work of MakeFolder() for callers that log under a name of their own: makes each level from
-  /// the top down. On failure `failedLevel` receives the level that could not be made.
+  /// the top down. `failedLevel` receives the level at which it failed; of no meaning on success.
   static QMErrors::QMErrorT MakeFolderLevels(const char* path, QMCString& failedLevel);
 };

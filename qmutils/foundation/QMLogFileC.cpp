@@ -13,7 +13,7 @@
 #include "qmutils/foundation/LogStamp.h"
 #include "qmutils/foundation/QMErrors.h"
 #include "qmutils/foundation/SharedText.h"
-#include "qmutils/foundation/ShortLock.h"
+#include "qmutils/platform/short_lock.h"
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/prompt.h"
 #include "qmutils/platform/suspension_deferral.h"
@@ -43,7 +43,7 @@ struct Log {
   QMLogFileC* headerSource = nullptr;
 
   void createMutex() {
-    const qm::ShortLock lock(mutexCreation);
+    const qm::platform::ShortLock lock(mutexCreation);
     if (mutex.load() == nullptr) mutex = qm::platform::createMutex(false);
   }
 };
@@ -121,7 +121,7 @@ constinit std::atomic<bool> QMLogFileC::m_bTeeCerr{true};
 QMLogFileC::QMLogFileC(bool teeCerr) : m_Log(nullptr, nullptr, nullptr, nullptr) {
   theLog().createMutex();
   m_bTeeCerr = teeCerr;
-  const qm::ShortLock lock(theLog().headerSourceLock);
+  const qm::platform::ShortLock lock(theLog().headerSourceLock);
   theLog().headerSource = this;
 }
 
@@ -136,7 +136,7 @@ QMLogFileC::~QMLogFileC() { Close(); }
 void QMLogFileC::Close() {
   if (std::exchange(m_bClosed, true)) return;
   {
-    const qm::ShortLock lock(theLog().headerSourceLock);
+    const qm::platform::ShortLock lock(theLog().headerSourceLock);
     if (theLog().headerSource == this) theLog().headerSource = nullptr;
   }
   const LogLock lock;
@@ -146,7 +146,7 @@ void QMLogFileC::Close() {
 const char* QMLogFileC::GetExtraHeaderInfo() { return nullptr; }
 
 const char* QMLogFileC::extraHeaderInfo() {
-  const qm::ShortLock lock(theLog().headerSourceLock);
+  const qm::platform::ShortLock lock(theLog().headerSourceLock);
   QMLogFileC* const source = theLog().headerSource;
   if (source == nullptr) return "** No extra header info function defined.";
   const char* info = source->GetExtraHeaderInfo();

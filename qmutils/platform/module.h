@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "qmutils/platform/export.h"
 #include "qmutils/platform/types.h"
 
 namespace qm::platform {
@@ -27,11 +28,11 @@ HINSTANCE loadLibrary(const char* path);
 /// A text of the user interface by its number, which lives as long as the module; null when the
 /// module has none. Where the system has no such tables a module, in most cases a language library,
 /// exports them as a function: extern "C" const char* qmutils_text(unsigned int id).
-const char* moduleText(HINSTANCE module, UINT id);
+QMUTILS_API const char* moduleText(HINSTANCE module, UINT id);
 
 /// The module that texts and pictures of the user interface are taken from: the running program
 /// until another one is set. Gives the one before.
-HINSTANCE resourceModule() noexcept;
-HINSTANCE setResourceModule(HINSTANCE module) noexcept;
+QMUTILS_API HINSTANCE resourceModule() noexcept;
+QMUTILS_API HINSTANCE setResourceModule(HINSTANCE module) noexcept;
 
 }  // namespace qm::platform

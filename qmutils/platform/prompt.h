@@ -16,8 +16,7 @@ QMUTILS_API PromptHook setPromptHook(PromptHook hook) noexcept;
 
 /// A message box: through the hook when there is one; else in a dialog where a display and a dialog
 /// program are at hand; else caption and text go to standard error and the answer is IDOK, or IDNO
-/// to a Yes/No question. It never blocks a process without a display. Neither does a
-/// program that ignores SIGCHLD get more than that answer. Null texts count as empty.
+/// to a Yes/No question. It never blocks a process without a display. Null texts count as empty.
 QMUTILS_API int messageBox(const char* text, const char* caption, UINT style) noexcept;
 
 }  // namespace qm::platform

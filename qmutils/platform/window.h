@@ -6,16 +6,18 @@
 //   MSG message;
 //   while (getMessage(&message) > 0) dispatchMessage(message);
 //
-// A window belongs to the thread that made it, which runs its procedure, from within getMessage()
-// and dispatchMessage(), and goes when that thread ends. A thread that waits in sendMessage()
-// handles no messages meanwhile.
+// A window belongs to the thread that made it, which runs its procedure, from within getMessage(),
+// dispatchMessage() and sendMessage(), and goes when that thread ends. A procedure must not throw,
+// except for std::bad_alloc, which counts as the result 0.
 //
 // Where the system has no windows of its own a program with windows has a socket in the user's
 // runtime folder, by which other programs of the same user find it; the environment variable
-// QMUTILS_OBJECT_PREFIX keeps suites apart there as it does for the message pool.
+// QMUTILS_OBJECT_PREFIX keeps suites apart there as it does for the message pool. A forked child
+// has none of its parent's windows.
 //
 // Any thread may call these functions; none throws. They fail with the last error set: 8 no memory,
-// 1400 no such window, 1407 no such class.
+// 1400 no such window, 1407 no such class, 1460 no answer in time, 1816 the window has too many
+// messages waiting.
 #pragma once
 
 #include <cstddef>
@@ -38,7 +40,10 @@ QMUTILS_API bool unregisterWindowClass(const char* name) noexcept;
 /// A new window, whose procedure has had WM_CREATE; null when that gave -1 (last error 1223). A
 /// null title is an empty one.
 QMUTILS_API HWND createWindow(const char* className, const char* title) noexcept;
-/// Takes a window of the calling thread away without a message.
+/// Lets other programs find this program's windows, from now on. Fails with 5 when the user has no
+/// folder of his own for it.
+QMUTILS_API bool offerWindows() noexcept;
+/// Takes a window of the calling thread away without a message. Those that wait for it are dropped.
 QMUTILS_API bool discardWindow(HWND window) noexcept;
 
 /// Waits for the next message of the calling thread's windows: 1; 0 when the thread is to quit (the
@@ -48,18 +53,20 @@ QMUTILS_API LRESULT dispatchMessage(const MSG& message) noexcept;
 /// The calling thread is to quit when it has had the messages that wait.
 QMUTILS_API void postQuitMessage(int exitCode) noexcept;
 
-/// Leaves a message for a window of whatever program.
+/// Leaves a message for a window of whatever program; up to 10,000 may wait for a thread.
 QMUTILS_API bool postMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam) noexcept;
-/// The same and waits for the procedure's result (may be null): 1460 when it takes longer.
+/// The same and waits for the procedure's result (may be null). Messages that are sent to windows
+/// of the calling thread are handled meanwhile.
 QMUTILS_API bool sendMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam,
                              DWORD timeoutMs, LRESULT* result) noexcept;
 
 /// A window of that class and title, null standing for any; first among those of this program
-/// unless it is to be another one's. Null with last error 2 when there is none. A program that does
-/// not answer within a second is passed over.
+/// unless it is to be another one's. Null with last error 2 when there is none, with another one
+/// when that is not certain: a program that does not answer within a second is passed over (1460).
 QMUTILS_API HWND findWindow(const char* className, const char* title, bool ofOthers) noexcept;
+/// False with 1400 when there is no such window (any more); with another error nobody knows.
 QMUTILS_API bool isWindow(HWND window) noexcept;
-/// The process that a window belongs to; 0 when there is no such window.
+/// The process that a window belongs to; 0 as isWindow().
 QMUTILS_API DWORD windowProcessId(HWND window) noexcept;
 /// Copies the title with a terminator.
 QMUTILS_API bool windowTitle(HWND window, char (&title)[kLongestWindowTitle + 1]) noexcept;

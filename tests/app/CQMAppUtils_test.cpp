@@ -14,12 +14,14 @@
 #include <memory>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "qmutils/concurrency/QMWindowsKeyboardEventC.h"
 #include "qmutils/data/QMGUIDEncryptC.h"
 #include "qmutils/platform/module.h"
 #include "qmutils/platform/prompt.h"
 #include "qmutils/platform/window.h"
+#include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Registries.h"
@@ -122,6 +124,12 @@ TEST(AppVersions, FilesTellWhatTheyAre) {
   // Only in the block that is looked up second.
   EXPECT_EQ(CQMAppUtils::GetFileVersionString(kGerman, text, false, false), QMErrors::NoError);
   EXPECT_EQ(text, "3, 1, 0, 0");
+  const std::pair<const char*, const char*> kBritish[] = {
+      {"Comments", ""}, {"legalcopyright", "a; \"b\" ${c} \\d"}, {"Key;with", "@at@"}};
+  for (const auto& [key, value] : kBritish) {
+    EXPECT_EQ(Open::GetFileVersionInfoA(own, key, text), QMErrors::NoError) << key;
+    EXPECT_EQ(text, value);
+  }
   EXPECT_EQ(Open::GetFileVersionInfoA(own, "Nothing", text), QMErrors::EndOfFileError);
   EXPECT_EQ(text, "Unknown");
   EXPECT_EQ(Open::GetFileVersionInfoA("", "ProductVersion", text),
@@ -136,13 +144,20 @@ TEST(AppVersions, TheDateIsThatOfTheFile) {
   const timespec times[2] = {{1164117787, 0}, {1164117787, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
   const qmtest::TimeZone zone("XYZ-1");
-  CQMAppUtils::GetFileVersionString(file.c_str(), text, false, true);
+  EXPECT_EQ(CQMAppUtils::GetFileVersionString(file.c_str(), text, false, true), QMErrors::NoError);
   EXPECT_EQ(text, "Unknown ; 21/11/2006 14:03:07");
   CQMAppUtils::GetFileVersionString((file + "x").c_str(), text, true, true);
   EXPECT_EQ(text, "vUnknown ; unknown date/time ");
-  // Drivers are looked for in the system's folder; this folder there stands for one.
-  CQMAppUtils::GetFileVersionString("none.sys", text, false, true);
+  // A driver's name is looked for in the system's folder, not here; its path is taken as it is.
+  const std::string driver = folder.file("here.sys");
+  std::filesystem::rename(file, driver);
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(folder.path());
+  CQMAppUtils::GetFileVersionString("here.sys", text, false, true);
   EXPECT_EQ(text, "Unknown ; unknown date/time ");
+  CQMAppUtils::GetFileVersionString(driver.c_str(), text, false, true);
+  EXPECT_EQ(text, "Unknown ; 21/11/2006 14:03:07");
+  std::filesystem::current_path(before);
 }
 
 TEST(AppVersions, NamesAreForgottenWithTheObject) {
@@ -163,6 +178,35 @@ TEST(AppVersions, NamesAreForgottenWithTheObject) {
     EXPECT_EQ(QMRegistryC::CloseKey(key, 0), QMErrors::NoError);
   }
   EXPECT_EQ(CQMAppUtils::GetProgramName(), "app_test");
+}
+
+TEST(AppVersions, WithoutMemoryNothingIsHalfThere) {
+  CString own, text;
+  ASSERT_EQ(CQMAppUtils::GetModulePath(own, false), QMErrors::NoError);
+  const CString drive("a drive of some length"), dir("a folder of some length");
+  const CString name("a name of some length"), ext("an extension of some length");
+  const CString whole = drive + ":" + dir + "\\" + name + "." + ext;
+  for (int n = 1, failures = 1; failures != 0; ++n) {
+    failures = 0;
+    const auto attempt = [&](auto call) {
+      const qmtest::FailingAllocation nth(n);
+      call();
+      if (nth.hasFailed()) ++failures;
+    };
+    CString path;
+    attempt([&] { CQMAppUtils::MakePath(path, &drive, &dir, &name, &ext); });
+    EXPECT_TRUE(path.IsEmpty() || path == whole) << path.view();
+    CString unique;
+    attempt(
+        [&] { unique = CQMAppUtils::MakeUniqueName("/a folder that is not/there, of length.x"); });
+    EXPECT_TRUE(unique.IsEmpty() || unique == "/a folder that is not\\there, of length_000.x")
+        << unique.view();
+    text = "before";
+    QMErrors::QMErrorT result = QMErrors::NoError;
+    attempt([&] { result = CQMAppUtils::GetFileVersionString(own, text, true, true); });
+    EXPECT_TRUE(result == QMErrors::NoError ? text.Left(11) == "v5.0.1.2 ; " : text == "before")
+        << text.view();
+  }
 }
 
 // ---- The reseller's settings --------------------------------------------------------------------
@@ -387,7 +431,13 @@ TEST_F(AppWindows, AProgramThatDoesNotCloseIsToldOf) {
   const pid_t other = startOther(deaf);
   EXPECT_EQ(CQMAppUtils::FindAndCloseApplication("Press", nullptr, 0, 200),
             QMErrors::CommandTimedOut);
+  EXPECT_TRUE(log_.contains(" ERROR: CQMAppUtils::FindAndCloseApplication(): still running: "))
+      << log_.text();
   const HWND window = qm::platform::findWindow("Press", nullptr, true);
+  // One that does not even answer might be the one: it must not look as if there were none.
+  kill(other, SIGSTOP);
+  EXPECT_EQ(CQMAppUtils::FindAndCloseApplication("Press", nullptr, 0, 200),
+            QMErrors::fromOsError(1460));
   kill(other, SIGKILL);
   waitpid(other, nullptr, 0);
   log_.clear();

@@ -131,7 +131,9 @@ TEST(Architecture, EverySystemHalfMirrorsThePlatformHeaders) {
   for (const fs::path& file : sourcesUnder("qmutils/platform")) {
     if (file.extension() != ".h" || file.parent_path().filename() != "platform") continue;
     const std::string name = file.stem().string();
-    if (name == "types" || name == "export" || name == "suspension_deferral") continue;
+    if (name == "types" || name == "export" || name == "suspension_deferral" ||
+        name == "short_lock" || name == "ascii_case")
+      continue;
     EXPECT_TRUE(fs::exists(kRoot / "qmutils/platform/posix" / (name + ".cpp")) ||
                 fs::exists(kRoot / "qmutils/platform" / (name + ".cpp")))
         << name;

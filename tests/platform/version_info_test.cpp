@@ -7,6 +7,7 @@
 
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/types.h"
+#include "tests/support/FailingAllocation.h"
 #include "tests/support/TempFolder.h"
 
 namespace qm::platform {
@@ -113,6 +114,15 @@ TEST(VersionInfo, DamagedAndForeignFilesSayNothing) {
     EXPECT_FALSE(readVersionText(path.c_str(), "040904B0", "Key", &text)) << size;
     EXPECT_TRUE(lastError() == 1812 || lastError() == 1814) << size;
   }
+  // Headers that claim thousands of large segments at one place.
+  std::string many = programWith(true, false, std::string(1 << 20, 'x'), 1 << 20);
+  const std::string entry = many.substr(64, 56);
+  for (int i = 0; i < 18'000; ++i) many.replace(64 + static_cast<std::size_t>(i) * 56, 56, entry);
+  many.replace(56, 2, "\x50\x46");  // their number
+  qmtest::writeFile(path, many);
+  const qmtest::MemoryPeak peak;
+  EXPECT_FALSE(readVersionText(path.c_str(), "040904B0", "Key", &text));
+  EXPECT_LT(peak.bytes(), 8u << 20);
   qmtest::writeFile(path, programWith(true, false, note, ~0ull));
   EXPECT_FALSE(readVersionText(path.c_str(), "040904B0", "Key", &text));
   EXPECT_FALSE(readVersionText(folder.path().c_str(), "040904B0", "Key", &text));

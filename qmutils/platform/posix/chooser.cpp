@@ -67,7 +67,7 @@ std::vector<std::string> argumentsFor(const ChooserRequest& request) {
 
 /// The dialog program ends alike when the operator cancels and when its display does not answer.
 bool hadNoDisplay(const ProgramResult& result) {
-  return result.errors.find("annot open display") != std::string::npos;
+  return result.errors.find("open display") != std::string::npos;
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "qmutils/platform/posix/descriptor.h"
+#include "qmutils/platform/posix/ended_children.h"
 
 extern char** environ;
 
@@ -101,6 +102,7 @@ std::optional<ProgramResult> runProgram(const std::string& program,
       return std::nullopt;
     }
   }
+  keepEndedChildren();
   pid_t child = 0;
   if (posix_spawn(&child, program.c_str(), &plan.actions, &plan.attributes, pointers.data(),
                   environ) != 0) {

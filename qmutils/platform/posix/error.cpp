@@ -197,6 +197,7 @@ constexpr Sentence kSentences[] = {
     {1812, "The file has no resources."},
     {1813, "The resource type cannot be found."},
     {1814, "The resource name cannot be found."},
+    {1816, "There is not enough quota for the command."},
     {1920, "The file cannot be accessed by the system."},
     {2221, "The user name cannot be found."},
     {10004, "The blocking call was interrupted."},

@@ -7,7 +7,7 @@
 
 #include "qmutils/platform/file.h"
 #include "qmutils/platform/module.h"
-#include "qmutils/platform/suspension_deferral.h"
+#include "qmutils/platform/short_lock.h"
 
 struct HICON__ {
   std::string path;
@@ -29,8 +29,7 @@ bool isPicture(std::string_view start) {
 HICON iconOf(std::string path) {
   static std::mutex& mutex = *new std::mutex;
   static std::set<HICON__>& icons = *new std::set<HICON__>;
-  const SuspensionDeferral notWithTheLock;
-  const std::lock_guard lock(mutex);
+  const ShortLock lock(mutex);
   return const_cast<HICON>(&*icons.insert({std::move(path)}).first);
 }
 

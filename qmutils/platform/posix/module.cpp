@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string_view>
 
 #include "qmutils/platform/posix/errno_translation.h"
@@ -87,7 +88,7 @@ std::string modulePath(HINSTANCE module) {
   if (module == nullptr || module == programModule()) return targetOf("/proc/self/exe");
   Search search{module, ""};
   if (dl_iterate_phdr(copyNameOfWanted, &search) == 0) {
-    failWith(126);
+    failWith(ERROR_MOD_NOT_FOUND);
     return {};
   }
   char path[PATH_MAX];
@@ -116,7 +117,11 @@ HINSTANCE loadLibrary(const char* path) {
     dl_iterate_phdr(findLoaded, &loaded);
   }
   if (loaded.handle == nullptr) {
-    failWith(access(file.c_str(), F_OK) == 0 ? ERROR_BAD_EXE_FORMAT : ERROR_MOD_NOT_FOUND);
+    // The loader's own words are all that tells a library that is missing from a broken one.
+    const char* const why = dlerror();
+    const bool missing =
+        why != nullptr && std::strstr(why, "cannot open shared object file") != nullptr;
+    failWith(missing ? ERROR_MOD_NOT_FOUND : ERROR_BAD_EXE_FORMAT);
   }
   return loaded.handle;
 }

@@ -28,6 +28,7 @@
 #include "qmutils/platform/file.h"
 #include "qmutils/platform/module.h"
 #include "qmutils/platform/posix/command_line.h"
+#include "qmutils/platform/posix/ended_children.h"
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/process_generation.h"
 #include "qmutils/platform/posix/wait_object.h"
@@ -102,16 +103,6 @@ class SignalsBlocked {
  private:
   sigset_t before_;
 };
-
-/// A program that was started with SIGCHLD ignored would never learn how its children ended.
-void keepEndedChildren() noexcept {
-  struct sigaction action;
-  if (sigaction(SIGCHLD, nullptr, &action) != 0) return;
-  if (action.sa_handler != SIG_IGN && (action.sa_flags & SA_NOCLDWAIT) == 0) return;
-  if (action.sa_handler == SIG_IGN) action.sa_handler = SIG_DFL;
-  action.sa_flags &= ~SA_NOCLDWAIT;
-  sigaction(SIGCHLD, &action, nullptr);
-}
 
 /// One thread collects the ends of all children and signals their handles.
 class ChildWatcher {

@@ -4,13 +4,12 @@
 #include <cstdint>
 #include <utility>
 
+#include "qmutils/platform/ascii_case.h"
 #include "qmutils/platform/unicode_text.h"
 
 namespace qm::platform::posix {
 
 namespace {
-
-constexpr char folded(char c) noexcept { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; }
 
 constexpr bool isBlank(char c) noexcept { return c == ' ' || c == '\t'; }
 constexpr bool isLineEnd(char c) noexcept { return c == '\r' || c == '\n'; }
@@ -208,13 +207,13 @@ Edit editFor(std::string_view text, std::string_view section, std::string_view k
 std::size_t FoldedHash::operator()(std::string_view name) const noexcept {
   std::uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
   for (const char c : name) {
-    hash = (hash ^ static_cast<unsigned char>(folded(c))) * 0x100000001b3;
+    hash = (hash ^ static_cast<unsigned char>(foldedCase(c))) * 0x100000001b3;
   }
   return static_cast<std::size_t>(hash);
 }
 
 bool FoldedEqual::operator()(std::string_view a, std::string_view b) const noexcept {
-  return std::ranges::equal(a, b, {}, folded, folded);
+  return isSameName(a, b);
 }
 
 ProfileText::ProfileText(std::string bytes) {

@@ -176,6 +176,7 @@ inline constexpr DWORD RPC_S_INVALID_STRING_UUID = 1705;
 inline constexpr DWORD ERROR_RESOURCE_DATA_NOT_FOUND = 1812;
 inline constexpr DWORD ERROR_RESOURCE_TYPE_NOT_FOUND = 1813;
 inline constexpr DWORD ERROR_RESOURCE_NAME_NOT_FOUND = 1814;
+inline constexpr DWORD ERROR_NOT_ENOUGH_QUOTA = 1816;
 inline constexpr DWORD NERR_UserNotFound = 2221;
 
 // File attributes.

@@ -2,7 +2,6 @@
 
 #include <elf.h>
 #include <fcntl.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,8 +9,8 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
-#include <vector>
 
+#include "qmutils/platform/ascii_case.h"
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/native_path.h"
 #include "qmutils/platform/posix/regular_file.h"
@@ -96,21 +95,25 @@ class ElfReader {
     header_ = file.read(0, layout_.header);
   }
 
-  /// The contents of all note segments.
-  std::vector<std::string> notes() const {
-    std::vector<std::string> contents;
-    if (header_.empty()) return contents;
+  /// Calls `visit` with the content of each segment of notes until it gives true; gives whether it
+  /// did. Damaged files may claim any number of large ones: together they are read up to a limit.
+  template <class Visit>
+  bool anySegment(const Visit& visit) const {
+    if (header_.empty()) return false;
     const std::uint64_t entrySize = number(header_, layout_.entrySize, 2);
-    if (entrySize < layout_.entry) return contents;
+    if (entrySize < layout_.entry) return false;
     const std::string table = file_.read(number(header_, layout_.table, layout_.word),
                                          entrySize * number(header_, layout_.count, 2));
+    std::uint64_t left = kMostBytes;
     for (std::size_t at = 0; at < table.size(); at += entrySize) {
       const std::string_view entry(table.data() + at, entrySize);
       if (number(entry, 0, 4) != PT_NOTE) continue;
-      contents.push_back(file_.read(number(entry, layout_.place, layout_.word),
-                                    number(entry, layout_.size, layout_.word)));
+      const std::uint64_t size = number(entry, layout_.size, layout_.word);
+      if (size > left) return false;
+      left -= size;
+      if (visit(file_.read(number(entry, layout_.place, layout_.word), size))) return true;
     }
-    return contents;
+    return false;
   }
 
   /// Takes the next note off a segment; false at its end.
@@ -157,10 +160,6 @@ bool takeText(std::string_view& rest, std::string_view& text) {
   return true;
 }
 
-bool isSameName(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
 }  // namespace
 
 bool readVersionText(const char* path, const char* block, const char* key, std::string* text) {
@@ -168,7 +167,7 @@ bool readVersionText(const char* path, const char* block, const char* key, std::
   if (!file.isOpen()) return false;
   const ElfReader elf(file);
   DWORD reason = ERROR_RESOURCE_DATA_NOT_FOUND;
-  for (const std::string& segment : elf.notes()) {
+  const auto searchSegment = [&](const std::string& segment) {
     std::string_view rest = segment, owner, content;
     std::uint32_t type = 0;
     while (elf.takeNote(rest, owner, type, content)) {
@@ -183,8 +182,9 @@ bool readVersionText(const char* path, const char* block, const char* key, std::
         return true;
       }
     }
-  }
-  return failWith(reason);
+    return false;
+  };
+  return elf.anySegment(searchSegment) || failWith(reason);
 }
 
 }  // namespace qm::platform

@@ -1,26 +1,28 @@
 #include "qmutils/platform/window.h"
 
-#include <strings.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "qmutils/platform/ascii_case.h"
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/errno_translation.h"
-#include "qmutils/platform/posix/process_generation.h"
 #include "qmutils/platform/posix/window_link.h"
-#include "qmutils/platform/suspension_deferral.h"
+#include "qmutils/platform/short_lock.h"
 #include "qmutils/platform/waitable.h"
 
 namespace qm::platform {
@@ -32,16 +34,8 @@ using posix::WindowReply;
 using posix::WindowRequest;
 
 constexpr DWORD kQuickMs = 0;  // of requests that no window has to answer
-
-/// A lock held for a moment, in which the thread is not suspended.
-class Guard {
- public:
-  explicit Guard(std::mutex& mutex) : lock_(mutex) {}
-
- private:
-  const SuspensionDeferral notWithTheLock_;
-  const std::lock_guard<std::mutex> lock_;
-};
+constexpr DWORD kLookAgainMs = 500;
+constexpr std::size_t kMostEntries = 10'000;
 
 /// An event of its own that closes itself.
 class Signal {
@@ -53,7 +47,7 @@ class Signal {
   Signal(const Signal&) = delete;
   Signal& operator=(const Signal&) = delete;
   void set() const noexcept { setEvent(handle_); }
-  bool await(DWORD timeoutMs) const noexcept { return wait(handle_, timeoutMs) == WAIT_OBJECT_0; }
+  HANDLE handle() const noexcept { return handle_; }
 
  private:
   const HANDLE handle_;
@@ -81,17 +75,6 @@ struct Queue {
   int exitCode = 0;
 };
 
-struct Less {
-  bool operator()(const std::string& a, const std::string& b) const {
-    return strcasecmp(a.c_str(), b.c_str()) < 0;
-  }
-};
-
-struct Class {
-  HICON icon;
-  WNDPROC procedure;
-};
-
 struct Window {
   std::string className;
   std::string title;
@@ -99,29 +82,63 @@ struct Window {
   std::shared_ptr<Queue> queue;
 };
 
-/// All windows of the process. Never destroyed, as threads may outlive main(). A forked child
-/// begins without any.
+/// All windows of the process.
 struct Windows {
   std::mutex lock;
-  std::map<std::string, Class, Less> classes;
+  std::map<std::string, WNDPROC, NameLess> classes;
   std::map<HWND, Window> windows;
   std::uint32_t next = 1;
 };
 
-Windows& all() {
-  static std::atomic<Windows*> current{new Windows};
-  static std::atomic<unsigned> owner{posix::processGeneration()};
-  const unsigned generation = posix::processGeneration();
-  if (owner.exchange(generation) != generation) current = new Windows;
-  return *current;
+/// The calling thread's queue, which its windows share until it ends. In a forked child the old one
+/// is left as it is: some thread of the parent's may have been inside of its lock.
+class OwnQueue {
+ public:
+  ~OwnQueue();
+  /// May throw std::bad_alloc.
+  const std::shared_ptr<Queue>& get() {
+    if (queue_ == nullptr) queue_ = std::make_shared<Queue>();
+    return queue_;
+  }
+  bool is(const std::shared_ptr<Queue>& other) const noexcept {
+    return queue_ != nullptr && queue_ == other;
+  }
+  Queue* peek() const noexcept { return queue_.get(); }
+  void leave() noexcept {
+    if (queue_ != nullptr) new (leftBehind_) std::shared_ptr<Queue>(std::move(queue_));
+  }
+
+ private:
+  std::shared_ptr<Queue> queue_;
+  alignas(std::shared_ptr<Queue>) std::byte leftBehind_[sizeof(std::shared_ptr<Queue>)];
+};
+
+OwnQueue& ownQueue() noexcept {
+  thread_local OwnQueue queue;
+  return queue;
+}
+
+/// Never destroyed, as threads may outlive main(). A forked child begins without windows.
+Windows& all() noexcept {
+  static Windows& only = *new Windows;
+  static const int registered =
+      pthread_atfork([] { only.lock.lock(); }, [] { only.lock.unlock(); },
+                     [] {
+                       ownQueue().leave();
+                       new (&only.windows) std::map<HWND, Window>;
+                       new (&only.classes) std::map<std::string, WNDPROC, NameLess>;
+                       only.lock.unlock();
+                     });
+  (void)registered;
+  return only;
 }
 
 // A window's handle tells its process, so that others know whom to ask.
-constexpr unsigned kNumberBits = sizeof(std::uintptr_t) == 8 ? 32 : 10;
+constexpr unsigned kNumberBits = 32;
+static_assert(sizeof(HWND) == 8);
 
 HWND handleOf(std::uint32_t number) {
-  const std::uintptr_t low = number & ((std::uintptr_t{1} << kNumberBits) - 1);
-  return reinterpret_cast<HWND>(static_cast<std::uintptr_t>(getpid()) << kNumberBits | low);
+  return reinterpret_cast<HWND>(static_cast<std::uintptr_t>(getpid()) << kNumberBits | number);
 }
 
 std::uint64_t numberOf(HWND window) { return reinterpret_cast<std::uintptr_t>(window); }
@@ -130,60 +147,71 @@ DWORD processOf(HWND window) { return static_cast<DWORD>(numberOf(window) >> kNu
 
 bool isOurs(HWND window) { return processOf(window) == static_cast<DWORD>(getpid()); }
 
-bool isSameName(const char* a, const std::string& b) {
-  return a == nullptr || strcasecmp(a, b.c_str()) == 0;
+bool isAsked(const char* asked, const std::string& name) {
+  return asked == nullptr || isSameName(asked, name);
 }
 
-/// The calling thread's queue, which its windows share until it ends.
-class OwnQueue {
- public:
-  ~OwnQueue() {
-    if (queue_ == nullptr) return;
-    {
-      Windows& ours = all();
-      const Guard guard(ours.lock);
-      std::erase_if(ours.windows, [&](const auto& each) { return each.second.queue == queue_; });
-    }
-    std::deque<Entry> left;
-    {
-      const Guard guard(queue_->lock);
-      queue_->ended = true;
-      left.swap(queue_->entries);
-    }
-    for (const Entry& entry : left) {
-      if (entry.answer != nullptr) entry.answer->given.set();
-    }
-  }
-  const std::shared_ptr<Queue>& get() {
-    if (queue_ == nullptr) queue_ = std::make_shared<Queue>();
-    return queue_;
-  }
-  bool is(const std::shared_ptr<Queue>& other) const { return queue_ == other; }
+bool isTooLong(const char* name, std::size_t longest) {
+  return name != nullptr && std::strlen(name) > longest;
+}
 
- private:
-  std::shared_ptr<Queue> queue_;
+/// What it takes to reach a window of this process; no queue when there is none.
+struct Target {
+  WNDPROC procedure = nullptr;
+  std::shared_ptr<Queue> queue;
 };
 
-OwnQueue& ownQueue() {
-  thread_local OwnQueue queue;
-  return queue;
-}
-
-/// A copy; without a procedure when there is no such window here.
-Window findOwn(HWND handle) {
+Target targetOf(HWND handle) noexcept {
   Windows& ours = all();
-  const Guard guard(ours.lock);
+  const ShortLock lock(ours.lock);
   const auto found = ours.windows.find(handle);
-  return found != ours.windows.end() ? found->second : Window{{}, {}, nullptr, nullptr};
+  if (found == ours.windows.end()) return {};
+  return {found->second.procedure, found->second.queue};
 }
 
-bool enqueue(const Window& window, Entry entry) {
-  {
-    const Guard guard(window.queue->lock);
-    if (window.queue->ended) return failWith(ERROR_INVALID_WINDOW_HANDLE);
-    window.queue->entries.push_back(std::move(entry));
+/// Tells those who wait for an answer that there will be none.
+void giveUp(const std::deque<Entry>& entries) noexcept {
+  for (const Entry& entry : entries) {
+    if (entry.answer != nullptr) entry.answer->given.set();
   }
-  window.queue->news.set();
+}
+
+OwnQueue::~OwnQueue() {
+  if (queue_ == nullptr) return;
+  {
+    Windows& ours = all();
+    const ShortLock lock(ours.lock);
+    std::erase_if(ours.windows, [&](const auto& each) { return each.second.queue == queue_; });
+  }
+  std::deque<Entry> left;
+  {
+    const ShortLock lock(queue_->lock);
+    queue_->ended = true;
+    left.swap(queue_->entries);
+  }
+  giveUp(left);
+}
+
+/// Takes the messages of a window that has gone out of its queue.
+void dropEntries(Queue& queue, HWND window) noexcept {
+  const ShortLock lock(queue.lock);
+  for (Entry& entry : queue.entries) {
+    if (entry.message.hwnd != window) continue;
+    if (entry.answer != nullptr) entry.answer->given.set();
+    entry.message.hwnd = nullptr;
+    entry.answer = nullptr;
+  }
+  std::erase_if(queue.entries, [](const Entry& entry) { return entry.message.hwnd == nullptr; });
+}
+
+bool enqueue(const Target& target, Entry entry) {
+  {
+    const ShortLock lock(target.queue->lock);
+    if (target.queue->ended) return failWith(ERROR_INVALID_WINDOW_HANDLE);
+    if (target.queue->entries.size() >= kMostEntries) return failWith(ERROR_NOT_ENOUGH_QUOTA);
+    target.queue->entries.push_back(std::move(entry));
+  }
+  target.queue->news.set();
   return true;
 }
 
@@ -192,25 +220,91 @@ MSG messageOf(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
   return {window, message, wParam, lParam, milliseconds, {0, 0}};
 }
 
+LRESULT callProcedure(WNDPROC procedure, const MSG& message) noexcept try {
+  return procedure(message.hwnd, message.message, message.wParam, message.lParam);
+} catch (const std::bad_alloc&) {
+  return 0;
+}
+
+void answerSent(const Entry& entry) noexcept {
+  const Target target = targetOf(entry.message.hwnd);
+  if (target.queue != nullptr) {
+    entry.answer->result = callProcedure(target.procedure, entry.message);
+    entry.answer->handled = true;
+  }
+  entry.answer->given.set();
+}
+
+/// The next entry of a queue; false when there is none.
+bool takeEntry(Queue& queue, Entry& entry) {
+  const ShortLock lock(queue.lock);
+  if (!queue.entries.empty()) {
+    entry = std::move(queue.entries.front());
+    queue.entries.pop_front();
+    return true;
+  }
+  if (!queue.quits) return false;
+  queue.quits = false;
+  entry = {messageOf(nullptr, WM_QUIT, static_cast<WPARAM>(queue.exitCode), 0), nullptr};
+  return true;
+}
+
+/// Handles what was sent to windows of the calling thread, and leaves what was posted.
+void handleSent() noexcept {
+  Queue* const queue = ownQueue().peek();
+  if (queue == nullptr) return;
+  for (;;) {
+    Entry sent{};
+    {
+      const ShortLock lock(queue->lock);
+      const auto found = std::ranges::find_if(
+          queue->entries, [](const Entry& entry) { return entry.answer != nullptr; });
+      if (found == queue->entries.end()) return;
+      sent = std::move(*found);
+      queue->entries.erase(found);
+    }
+    answerSent(sent);
+  }
+}
+
 // ---- Of this process ----------------------------------------------------------------------------
 
 bool postOwn(HWND handle, UINT message, WPARAM wParam, LPARAM lParam) {
-  const Window window = findOwn(handle);
-  if (window.procedure == nullptr) return failWith(ERROR_INVALID_WINDOW_HANDLE);
-  return enqueue(window, {messageOf(handle, message, wParam, lParam), nullptr});
+  const Target target = targetOf(handle);
+  if (target.queue == nullptr) return failWith(ERROR_INVALID_WINDOW_HANDLE);
+  return enqueue(target, {messageOf(handle, message, wParam, lParam), nullptr});
+}
+
+/// Waits for an answer, handling what is sent to the calling thread's own windows. False with 1460
+/// in the end, or 995 once nobody wants to know any more.
+bool awaitAnswer(const Answer& answer, DWORD timeoutMs, const std::function<bool()>& stillAsked) {
+  const Deadline deadline = Deadline::after(timeoutMs);
+  Queue* const own = ownQueue().peek();
+  const HANDLE handles[] = {answer.given.handle(),
+                            own != nullptr ? own->news.handle() : answer.given.handle()};
+  for (;;) {
+    const DWORD slice = std::min(deadline.remainingMs(), kLookAgainMs);
+    const DWORD result = waitAny(handles, own != nullptr ? 2 : 1, slice);
+    if (result == WAIT_OBJECT_0) return true;
+    if (result == WAIT_FAILED) return false;
+    if (result == WAIT_OBJECT_0 + 1) handleSent();
+    if (stillAsked && !stillAsked()) return failWith(ERROR_OPERATION_ABORTED);
+    if (deadline.passed()) return failWith(ERROR_TIMEOUT);
+  }
 }
 
 bool sendOwn(HWND handle, UINT message, WPARAM wParam, LPARAM lParam, DWORD timeoutMs,
-             LRESULT* result) {
-  const Window window = findOwn(handle);
-  if (window.procedure == nullptr) return failWith(ERROR_INVALID_WINDOW_HANDLE);
-  if (ownQueue().is(window.queue)) {
-    *result = window.procedure(handle, message, wParam, lParam);
+             const std::function<bool()>& stillAsked, LRESULT* result) {
+  const Target target = targetOf(handle);
+  if (target.queue == nullptr) return failWith(ERROR_INVALID_WINDOW_HANDLE);
+  const MSG sent = messageOf(handle, message, wParam, lParam);
+  if (ownQueue().is(target.queue)) {
+    *result = callProcedure(target.procedure, sent);
     return true;
   }
   const auto answer = std::make_shared<Answer>();
-  if (!enqueue(window, {messageOf(handle, message, wParam, lParam), answer})) return false;
-  if (!answer->given.await(timeoutMs)) return failWith(ERROR_TIMEOUT);
+  if (!enqueue(target, {sent, answer})) return false;
+  if (!awaitAnswer(*answer, timeoutMs, stillAsked)) return false;
   if (!answer->handled) return failWith(ERROR_INVALID_WINDOW_HANDLE);
   *result = answer->result;
   return true;
@@ -218,15 +312,25 @@ bool sendOwn(HWND handle, UINT message, WPARAM wParam, LPARAM lParam, DWORD time
 
 HWND findOwn(const char* className, const char* title) {
   Windows& ours = all();
-  const Guard guard(ours.lock);
+  const ShortLock lock(ours.lock);
   for (const auto& [handle, window] : ours.windows) {
-    if (isSameName(className, window.className) && isSameName(title, window.title)) return handle;
+    if (isAsked(className, window.className) && isAsked(title, window.title)) return handle;
   }
   return nullptr;
 }
 
+bool titleOfOwn(HWND handle, char* title) {
+  Windows& ours = all();
+  const ShortLock lock(ours.lock);
+  const auto found = ours.windows.find(handle);
+  if (found == ours.windows.end()) return failWith(ERROR_INVALID_WINDOW_HANDLE);
+  title[found->second.title.copy(title, kLongestWindowTitle)] = '\0';
+  return true;
+}
+
 /// For other programs; on a thread of the link.
-void answerRequest(const WindowRequest& request, WindowReply& reply) try {
+void answerRequest(const WindowRequest& request, WindowReply& reply,
+                   const std::function<bool()>& stillAsked) try {
   const auto window = reinterpret_cast<HWND>(static_cast<std::uintptr_t>(request.window));
   const auto wParam = static_cast<WPARAM>(request.wParam);
   const auto lParam = static_cast<LPARAM>(request.lParam);
@@ -242,15 +346,13 @@ void answerRequest(const WindowRequest& request, WindowReply& reply) try {
       done = postOwn(window, request.message, wParam, lParam);
       break;
     case WindowRequest::Send:
-      done = sendOwn(window, request.message, wParam, lParam, request.timeoutMs, &result);
+      done =
+          sendOwn(window, request.message, wParam, lParam, request.timeoutMs, stillAsked, &result);
       reply.value = result;
       break;
-    case WindowRequest::Title: {
-      const Window found = findOwn(window);
-      done = found.procedure != nullptr || failWith(ERROR_INVALID_WINDOW_HANDLE);
-      found.title.copy(reply.title, kLongestWindowTitle);
+    case WindowRequest::Title:
+      done = titleOfOwn(window, reply.title);
       break;
-    }
     default:
       done = failWith(ERROR_INVALID_PARAMETER);
   }
@@ -259,6 +361,8 @@ void answerRequest(const WindowRequest& request, WindowReply& reply) try {
   reply.error = ERROR_NOT_ENOUGH_MEMORY;
 }
 
+// ---- Of others ----------------------------------------------------------------------------------
+
 WindowRequest requestOf(WindowRequest::Operation operation, HWND window) {
   WindowRequest request;
   request.operation = operation;
@@ -266,16 +370,33 @@ WindowRequest requestOf(WindowRequest::Operation operation, HWND window) {
   return request;
 }
 
+/// Null with the last error set, 0 when that program has no such window.
 HWND askForWindow(DWORD process, const char* className, const char* title) {
   WindowRequest request = requestOf(WindowRequest::Find, nullptr);
   request.anyClass = className == nullptr;
   request.anyTitle = title == nullptr;
-  if (className != nullptr)
+  if (className != nullptr) {
     std::string_view(className).copy(request.className, kLongestWindowClass);
+  }
   if (title != nullptr) std::string_view(title).copy(request.title, kLongestWindowTitle);
   WindowReply reply;
-  if (!askProcess(process, request, kQuickMs, reply)) return nullptr;
+  setLastError(0);
+  if (!askProcess(process, request, kQuickMs, handleSent, reply)) return nullptr;
   return reinterpret_cast<HWND>(static_cast<std::uintptr_t>(reply.value));
+}
+
+HWND findOther(const char* className, const char* title) {
+  std::vector<DWORD> processes;
+  if (!posix::processesWithWindows(&processes)) return nullptr;
+  DWORD reason = ERROR_FILE_NOT_FOUND;
+  for (const DWORD process : processes) {
+    if (const HWND found = askForWindow(process, className, title)) return found;
+    // One that has ended meanwhile has no window for certain.
+    const DWORD error = lastError();
+    if (error != 0 && error != ERROR_INVALID_WINDOW_HANDLE) reason = error;
+  }
+  failWith(reason);
+  return nullptr;
 }
 
 /// Runs what may run out of memory.
@@ -287,138 +408,109 @@ auto guarded(const Work& work) noexcept -> decltype(work()) try {
   return {};
 }
 
-/// The next entry of a queue; false when there is none.
-bool takeEntry(Queue& queue, Entry& entry) {
-  const Guard guard(queue.lock);
-  if (!queue.entries.empty()) {
-    entry = std::move(queue.entries.front());
-    queue.entries.pop_front();
-    return true;
+/// The next message that was posted; -1, 0 and 1 as getMessage().
+int nextMessage(MSG* message) {
+  const std::shared_ptr<Queue> queue = ownQueue().get();
+  for (;;) {
+    for (Entry entry{}; takeEntry(*queue, entry);) {
+      if (entry.answer != nullptr) {
+        answerSent(entry);
+        continue;
+      }
+      *message = entry.message;
+      return message->message == WM_QUIT ? 0 : 1;
+    }
+    if (wait(queue->news.handle(), INFINITE) != WAIT_OBJECT_0) return -1;
   }
-  if (!queue.quits) return false;
-  queue.quits = false;
-  const auto code = static_cast<WPARAM>(queue.exitCode);
-  entry = {messageOf(nullptr, WM_QUIT, code, 0), nullptr};
-  return true;
-}
-
-void answerSent(const Entry& entry) {
-  const Window window = findOwn(entry.message.hwnd);
-  if (window.procedure != nullptr) {
-    const MSG& message = entry.message;
-    entry.answer->result =
-        window.procedure(message.hwnd, message.message, message.wParam, message.lParam);
-    entry.answer->handled = true;
-  }
-  entry.answer->given.set();
 }
 
 }  // namespace
 
-bool registerWindowClass(const char* name, HICON icon, WNDPROC procedure) noexcept {
+bool registerWindowClass(const char* name, HICON, WNDPROC procedure) noexcept {
   return guarded([&] {
-    if (name == nullptr || *name == '\0' || std::strlen(name) > kLongestWindowClass ||
+    if (name == nullptr || *name == '\0' || isTooLong(name, kLongestWindowClass) ||
         procedure == nullptr) {
       return failWith(ERROR_INVALID_PARAMETER);
     }
     Windows& ours = all();
-    const Guard guard(ours.lock);
-    return ours.classes.emplace(name, Class{icon, procedure}).second ||
-           failWith(ERROR_CLASS_ALREADY_EXISTS);
+    const ShortLock lock(ours.lock);
+    return ours.classes.emplace(name, procedure).second || failWith(ERROR_CLASS_ALREADY_EXISTS);
   });
 }
 
 bool unregisterWindowClass(const char* name) noexcept {
-  return guarded([&] {
-    Windows& ours = all();
-    const Guard guard(ours.lock);
-    const auto found = ours.classes.find(name != nullptr ? name : "");
-    if (found == ours.classes.end()) return failWith(ERROR_CLASS_DOES_NOT_EXIST);
-    for (const auto& each : ours.windows) {
-      if (isSameName(name, each.second.className)) return failWith(ERROR_CLASS_HAS_WINDOWS);
-    }
-    ours.classes.erase(found);
-    return true;
-  });
+  Windows& ours = all();
+  const ShortLock lock(ours.lock);
+  const auto found = ours.classes.find(std::string_view(name != nullptr ? name : ""));
+  if (found == ours.classes.end()) return failWith(ERROR_CLASS_DOES_NOT_EXIST);
+  for (const auto& each : ours.windows) {
+    if (isSameName(name, each.second.className)) return failWith(ERROR_CLASS_HAS_WINDOWS);
+  }
+  ours.classes.erase(found);
+  return true;
 }
 
 HWND createWindow(const char* className, const char* title) noexcept {
   return guarded([&]() -> HWND {
-    const std::string text(title != nullptr ? title : "");
-    if (text.size() > kLongestWindowTitle) {
+    if (isTooLong(className, kLongestWindowClass) || isTooLong(title, kLongestWindowTitle)) {
       failWith(ERROR_INVALID_PARAMETER);
       return nullptr;
     }
-    if (!posix::startWindowLink(answerRequest)) return nullptr;
     HWND handle;
     WNDPROC procedure;
     {
       const std::shared_ptr<Queue> queue = ownQueue().get();
       Windows& ours = all();
-      const Guard guard(ours.lock);
-      const auto found = ours.classes.find(className != nullptr ? className : "");
+      const ShortLock lock(ours.lock);
+      const auto found = ours.classes.find(std::string_view(className != nullptr ? className : ""));
       if (found == ours.classes.end()) {
         failWith(ERROR_CANNOT_FIND_WND_CLASS);
         return nullptr;
       }
-      procedure = found->second.procedure;
+      procedure = found->second;
+      Window window{found->first, title != nullptr ? title : "", procedure, queue};
       do {
         handle = handleOf(ours.next++);
-      } while (!ours.windows.emplace(handle, Window{found->first, text, procedure, queue}).second);
+      } while (!ours.windows.try_emplace(handle, std::move(window)).second);
     }
-    if (procedure(handle, WM_CREATE, 0, 0) != -1) return handle;
+    if (callProcedure(procedure, messageOf(handle, WM_CREATE, 0, 0)) != -1) return handle;
     discardWindow(handle);
     failWith(ERROR_CANCELLED);
     return nullptr;
   });
 }
 
+bool offerWindows() noexcept { return posix::startWindowLink(answerRequest); }
+
 bool discardWindow(HWND window) noexcept {
-  Windows& ours = all();
-  const Guard guard(ours.lock);
-  const auto found = ours.windows.find(window);
-  if (found == ours.windows.end()) return failWith(ERROR_INVALID_WINDOW_HANDLE);
-  if (!ownQueue().is(found->second.queue)) return failWith(ERROR_ACCESS_DENIED);
-  ours.windows.erase(found);
+  const Target target = targetOf(window);
+  if (target.queue == nullptr) return failWith(ERROR_INVALID_WINDOW_HANDLE);
+  if (!ownQueue().is(target.queue)) return failWith(ERROR_ACCESS_DENIED);
+  {
+    Windows& ours = all();
+    const ShortLock lock(ours.lock);
+    ours.windows.erase(window);
+  }
+  dropEntries(*target.queue, window);
   return true;
 }
 
-int getMessage(MSG* message) noexcept {
-  const auto next = [&]() -> int {
-    const std::shared_ptr<Queue> queue = ownQueue().get();
-    for (;;) {
-      Entry entry{};
-      while (takeEntry(*queue, entry)) {
-        if (entry.answer != nullptr) {
-          answerSent(entry);
-          continue;
-        }
-        *message = entry.message;
-        return message->message == WM_QUIT ? 0 : 1;
-      }
-      if (!queue->news.await(INFINITE)) return -1;
-    }
-  };
-  try {
-    return next();
-  } catch (const std::bad_alloc&) {
-    failWith(ERROR_NOT_ENOUGH_MEMORY);
-    return -1;
-  }
+int getMessage(MSG* message) noexcept try {
+  return nextMessage(message);
+} catch (const std::bad_alloc&) {
+  failWith(ERROR_NOT_ENOUGH_MEMORY);
+  return -1;
 }
 
 LRESULT dispatchMessage(const MSG& message) noexcept {
-  return guarded([&]() -> LRESULT {
-    const Window window = findOwn(message.hwnd);
-    if (window.procedure == nullptr || !ownQueue().is(window.queue)) return 0;
-    return window.procedure(message.hwnd, message.message, message.wParam, message.lParam);
-  });
+  const Target target = targetOf(message.hwnd);
+  return ownQueue().is(target.queue) ? callProcedure(target.procedure, message) : 0;
 }
 
 void postQuitMessage(int exitCode) noexcept {
   guarded([&] {
     const std::shared_ptr<Queue> queue = ownQueue().get();
-    const Guard guard(queue->lock);
+    const ShortLock lock(queue->lock);
     queue->quits = true;
     queue->exitCode = exitCode;
     return true;
@@ -433,7 +525,7 @@ bool postMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam) noexce
     request.wParam = wParam;
     request.lParam = lParam;
     WindowReply reply;
-    return askProcess(processOf(window), request, kQuickMs, reply);
+    return askProcess(processOf(window), request, kQuickMs, handleSent, reply);
   });
 }
 
@@ -442,7 +534,7 @@ bool sendMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam, DWORD 
   return guarded([&] {
     LRESULT value = 0;
     if (isOurs(window)) {
-      if (!sendOwn(window, message, wParam, lParam, timeoutMs, &value)) return false;
+      if (!sendOwn(window, message, wParam, lParam, timeoutMs, nullptr, &value)) return false;
     } else {
       WindowRequest request = requestOf(WindowRequest::Send, window);
       request.message = message;
@@ -450,7 +542,7 @@ bool sendMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam, DWORD 
       request.lParam = lParam;
       request.timeoutMs = timeoutMs;
       WindowReply reply;
-      if (!askProcess(processOf(window), request, timeoutMs, reply)) return false;
+      if (!askProcess(processOf(window), request, timeoutMs, handleSent, reply)) return false;
       value = static_cast<LRESULT>(reply.value);
     }
     if (result != nullptr) *result = value;
@@ -460,14 +552,12 @@ bool sendMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam, DWORD 
 
 HWND findWindow(const char* className, const char* title, bool ofOthers) noexcept {
   return guarded([&]() -> HWND {
-    if (!ofOthers) {
-      if (const HWND own = findOwn(className, title)) return own;
+    if (isTooLong(className, kLongestWindowClass) || isTooLong(title, kLongestWindowTitle)) {
+      failWith(ERROR_FILE_NOT_FOUND);
+      return nullptr;
     }
-    for (const DWORD process : posix::processesWithWindows()) {
-      if (const HWND found = askForWindow(process, className, title)) return found;
-    }
-    failWith(ERROR_FILE_NOT_FOUND);
-    return nullptr;
+    const HWND own = ofOthers ? nullptr : findOwn(className, title);
+    return own != nullptr ? own : findOther(className, title);
   });
 }
 
@@ -480,14 +570,10 @@ DWORD windowProcessId(HWND window) noexcept { return isWindow(window) ? processO
 
 bool windowTitle(HWND window, char (&title)[kLongestWindowTitle + 1]) noexcept {
   return guarded([&] {
+    if (isOurs(window)) return titleOfOwn(window, title);
     WindowReply reply;
     const WindowRequest request = requestOf(WindowRequest::Title, window);
-    if (isOurs(window)) {
-      answerRequest(request, reply);
-      if (reply.error != 0) return failWith(reply.error);
-    } else if (!askProcess(processOf(window), request, kQuickMs, reply)) {
-      return false;
-    }
+    if (!askProcess(processOf(window), request, kQuickMs, handleSent, reply)) return false;
     std::memcpy(title, reply.title, sizeof title);
     return true;
   });

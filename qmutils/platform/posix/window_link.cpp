@@ -2,7 +2,10 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -18,13 +21,15 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 
+#include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/descriptor.h"
 #include "qmutils/platform/posix/environment.h"
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/native_path.h"
-#include "qmutils/platform/suspension_deferral.h"
+#include "qmutils/platform/short_lock.h"
 #include "qmutils/platform/thread.h"
 #include "qmutils/platform/waitable.h"
 
@@ -32,8 +37,10 @@ namespace qm::platform::posix {
 
 namespace {
 
-constexpr DWORD kSlowestMs = 1000;  // for connecting, and beyond a request's own time
+constexpr DWORD kSlowestMs = 1000;  // beyond a request's own time
+constexpr int kSliceMs = 10;        // between looks at what else there is to do
 constexpr int kBacklog = 64;
+constexpr std::string_view kUnfinished = ".new";  // a socket that has not got its name yet
 
 bool isUsersOwn(const std::string& folder) {
   struct stat status;
@@ -49,14 +56,18 @@ std::string runtimeFolder() {
   if (isUsersOwn(folder)) return folder;
   // A name that anybody might have taken before: it has to be ours.
   folder = "/tmp/qmutils-" + std::to_string(geteuid());
-  if (mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) failWithErrno(errno);
+  if (mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+    failWithErrno(errno);
+    return {};
+  }
   if (isUsersOwn(folder)) return folder;
   failWith(ERROR_ACCESS_DENIED);
   return {};
 }
 
-/// The folder of the sockets, made if need be; not open with the last error set.
-Descriptor openFolder() {
+/// The folder of the sockets; not open with the last error set: 2 when there is none and it is not
+/// to be made.
+Descriptor openFolder(bool make) {
   std::string folder = runtimeFolder();
   if (folder.empty()) return {};
   const std::string prefix = environment("QMUTILS_OBJECT_PREFIX");
@@ -65,7 +76,7 @@ Descriptor openFolder() {
     return {};
   }
   folder += "/" + prefix + "qmutils-windows";
-  mkdir(folder.c_str(), S_IRWXU);
+  if (make && mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) failOnPath(folder.c_str());
   Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!opened.isOpen()) failOnPath(folder.c_str());
   return opened;
@@ -81,14 +92,8 @@ sockaddr_un addressIn(const Descriptor& folder, const char* name) {
   return address;
 }
 
-Descriptor makeSocket() { return Descriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)); }
-
-void setTimeout(const Descriptor& socket, DWORD timeoutMs) {
-  timeval time{};
-  time.tv_sec = timeoutMs / 1000;
-  time.tv_usec = static_cast<suseconds_t>(timeoutMs % 1000 * 1000);
-  setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
-  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+Descriptor makeSocket(int flags) {
+  return Descriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0));
 }
 
 bool isSameUser(const Descriptor& socket) {
@@ -98,39 +103,65 @@ bool isSameUser(const Descriptor& socket) {
          peer.uid == geteuid();
 }
 
-/// False when the other end has gone or takes too long (errno).
-template <class Record>
-bool sendRecord(const Descriptor& socket, const Record& record) {
-  ssize_t sent;
-  do {
-    sent = send(socket.get(), &record, sizeof record, MSG_NOSIGNAL);
-  } while (sent < 0 && errno == EINTR);
-  return sent == static_cast<ssize_t>(sizeof record);
+/// Waits until a socket is ready, in slices, with absolute times: signals come and go. False with
+/// 1460.
+bool awaitReady(const Descriptor& socket, short events, const Deadline& deadline,
+                const std::function<void()>& meanwhile) {
+  for (;;) {
+    pollfd entry{socket.get(), events, 0};
+    const auto slice = std::min<DWORD>(deadline.remainingMs(), kSliceMs);
+    if (poll(&entry, 1, static_cast<int>(slice)) > 0) return true;
+    if (meanwhile) meanwhile();
+    if (deadline.passed()) return failWith(ERROR_TIMEOUT);
+  }
 }
 
-/// The same; also false for what is no such record.
+/// The sockets do not wait, so a record is taken whole or not at all.
 template <class Record>
-bool receiveRecord(const Descriptor& socket, Record& record) {
-  ssize_t got;
-  do {
-    got = recv(socket.get(), &record, sizeof record, MSG_TRUNC);
-  } while (got < 0 && errno == EINTR);
-  return got == static_cast<ssize_t>(sizeof record) && record.magic == Record().magic;
+bool sendRecord(const Descriptor& socket, const Record& record, const Deadline& deadline) {
+  for (;;) {
+    if (!awaitReady(socket, POLLOUT, deadline, nullptr)) return false;
+    const ssize_t sent = send(socket.get(), &record, sizeof record, MSG_NOSIGNAL);
+    if (sent == static_cast<ssize_t>(sizeof record)) return true;
+    if (sent >= 0 || (errno != EAGAIN && errno != EINTR)) return failWith(ERROR_OPERATION_ABORTED);
+  }
+}
+
+/// Fails with 995 when the other end has gone, or has sent what is no such record.
+template <class Record>
+bool receiveRecord(const Descriptor& socket, Record& record, const Deadline& deadline,
+                   const std::function<void()>& meanwhile) {
+  for (;;) {
+    if (!awaitReady(socket, POLLIN, deadline, meanwhile)) return false;
+    const ssize_t got = recv(socket.get(), &record, sizeof record, MSG_TRUNC);
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+    return (got == static_cast<ssize_t>(sizeof record) && record.magic == Record().magic) ||
+           failWith(ERROR_OPERATION_ABORTED);
+  }
 }
 
 // ---- Answering ----------------------------------------------------------------------------------
 
 struct Server {
   std::mutex lock;
-  pid_t process = 0;  // whose socket it is: a forked child has none yet
-  Descriptor folder;
+  pid_t process = 0;  // whose socket it is; 0: there is none
+  Descriptor folder;  // locked: cleaners of temporary folders leave what is in use alone
   Descriptor listener;
   AnswerRequest answer = nullptr;
 };
 
-/// Never destroyed: its thread goes on until the process has ended.
+/// Never destroyed: its thread goes on until the process has ended. A forked child has neither the
+/// thread nor the socket; it lets go of it, as others would wait for its answers in vain.
 Server& server() {
   static Server& only = *new Server;
+  static const int registered = pthread_atfork([] { only.lock.lock(); }, [] { only.lock.unlock(); },
+                                               [] {
+                                                 only.listener.reset();
+                                                 only.folder.reset();
+                                                 only.process = 0;
+                                                 only.lock.unlock();
+                                               });
+  (void)registered;
   return only;
 }
 
@@ -139,26 +170,38 @@ struct Connection {
   AnswerRequest answer;
 };
 
-DWORD serveOne(void* argument) {
+/// False when whoever has asked is gone, or has given up.
+bool isStillThere(const Descriptor& socket) {
+  pollfd entry{socket.get(), POLLRDHUP, 0};
+  return poll(&entry, 1, 0) == 0;
+}
+
+DWORD serveOne(void* argument) try {
   const std::unique_ptr<Connection> connection(static_cast<Connection*>(argument));
-  setTimeout(connection->socket, kSlowestMs);
+  const Descriptor& socket = connection->socket;
   WindowRequest request;
-  if (!isSameUser(connection->socket) || !receiveRecord(connection->socket, request)) return 0;
+  if (!isSameUser(socket) ||
+      !receiveRecord(socket, request, Deadline::after(kSlowestMs), nullptr)) {
+    return 0;
+  }
   request.className[kLongestWindowClass] = '\0';
   request.title[kLongestWindowTitle] = '\0';
   WindowReply reply;
-  connection->answer(request, reply);
-  sendRecord(connection->socket, reply);  // who asked may have given up
+  connection->answer(request, reply, [&socket] { return isStillThere(socket); });
+  sendRecord(socket, reply, Deadline::after(kSlowestMs));  // who asked may have given up
   return 0;
+} catch (const std::bad_alloc&) {
+  return 0;  // who asked learns that there is no answer
 }
 
 /// Each request has a thread of its own, as a window may take its time to answer.
 DWORD serveAll(void*) {
   for (;;) {
-    Descriptor accepted(accept4(server().listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    Descriptor accepted(
+        accept4(server().listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!accepted.isOpen()) {
       if (errno == EINVAL || errno == EBADF) return 0;
-      sleep(10, false);  // no descriptors or no memory for the moment
+      sleep(kSliceMs, false);  // no descriptors or no memory for the moment
       continue;
     }
     std::unique_ptr<Connection> connection(new (std::nothrow)
@@ -173,39 +216,68 @@ DWORD serveAll(void*) {
 
 void removeSocket() {
   Server& ours = server();
+  const ShortLock lock(ours.lock);
   if (ours.process != getpid()) return;
   unlinkat(ours.folder.get(), std::to_string(getpid()).c_str(), 0);
 }
 
 /// Listens before the socket gets its name, so that nobody takes it for a dead one.
-bool listen(Server& ours) {
-  ours.folder = openFolder();
+bool listenIn(Server& ours) {
+  ours.folder = openFolder(true);
   if (!ours.folder.isOpen()) return false;
-  const std::string name = std::to_string(getpid()), temporary = name + ".new";
-  ours.listener = makeSocket();
-  const sockaddr_un address = addressIn(ours.folder, temporary.c_str());
-  unlinkat(ours.folder.get(), temporary.c_str(), 0);
-  if (!ours.listener.isOpen() ||
-      bind(ours.listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(ours.listener.get(), kBacklog) != 0 ||
-      renameat(ours.folder.get(), temporary.c_str(), ours.folder.get(), name.c_str()) != 0) {
-    return failWithErrno(errno);
+  flock(ours.folder.get(), LOCK_SH | LOCK_NB);
+  const std::string name = std::to_string(getpid());
+  const std::string unfinished = name + std::string(kUnfinished);
+  ours.listener = makeSocket(0);
+  const sockaddr_un address = addressIn(ours.folder, unfinished.c_str());
+  unlinkat(ours.folder.get(), unfinished.c_str(), 0);
+  if (ours.listener.isOpen() &&
+      bind(ours.listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+      listen(ours.listener.get(), kBacklog) == 0 &&
+      renameat(ours.folder.get(), unfinished.c_str(), ours.folder.get(), name.c_str()) == 0) {
+    return true;
   }
-  return true;
+  const int reason = errno;
+  unlinkat(ours.folder.get(), unfinished.c_str(), 0);
+  return failWithErrno(reason);
 }
 
 /// Whether a process has gone, so that its socket may be removed.
 bool isGone(DWORD process) { return kill(static_cast<pid_t>(process), 0) != 0 && errno == ESRCH; }
 
+/// Connects without waiting long for a program that does not take calls.
+bool connectTo(DWORD process, const Descriptor& folder, const Descriptor& socket,
+               const std::function<void()>& meanwhile) {
+  const std::string name = std::to_string(process);
+  const sockaddr_un address = addressIn(folder, name.c_str());
+  const Deadline deadline = Deadline::after(kSlowestMs);
+  while (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    const int error = errno;
+    if (error == ENOENT || error == ECONNREFUSED) {
+      if (error == ECONNREFUSED && isGone(process)) unlinkat(folder.get(), name.c_str(), 0);
+      return failWith(ERROR_INVALID_WINDOW_HANDLE);
+    }
+    if (error != EAGAIN && error != EINTR) return failWithErrno(error);
+    // Its queue of calls is full.
+    if (deadline.passed()) return failWith(ERROR_TIMEOUT);
+    sleep(kSliceMs, false);
+    if (meanwhile) meanwhile();
+  }
+  return true;
+}
+
+DWORD wholeTime(DWORD timeoutMs) {
+  return timeoutMs >= INFINITE - kSlowestMs ? INFINITE : timeoutMs + kSlowestMs;
+}
+
 }  // namespace
 
 bool startWindowLink(AnswerRequest answer) noexcept try {
   Server& ours = server();
-  const SuspensionDeferral notWithTheLock;
-  const std::lock_guard lock(ours.lock);
-  if (ours.process == getpid()) return true;
+  const ShortLock lock(ours.lock);
+  if (ours.process != 0) return true;
   ours.answer = answer;
-  if (!listen(ours)) return false;
+  if (!listenIn(ours)) return false;
   const HANDLE thread = startThread(serveAll, nullptr, nullptr);
   if (thread == nullptr) {
     const DWORD reason = lastError();
@@ -213,7 +285,8 @@ bool startWindowLink(AnswerRequest answer) noexcept try {
     return failWith(reason);
   }
   closeHandle(thread);
-  if (ours.process == 0) std::atexit(removeSocket);
+  static const int atExit = std::atexit(removeSocket);
+  (void)atExit;
   ours.process = getpid();
   return true;
 } catch (const std::bad_alloc&) {
@@ -221,46 +294,44 @@ bool startWindowLink(AnswerRequest answer) noexcept try {
 }
 
 bool askProcess(DWORD process, const WindowRequest& request, DWORD timeoutMs,
-                WindowReply& reply) noexcept try {
-  const Descriptor folder = openFolder();
-  if (!folder.isOpen()) return false;
-  const std::string name = std::to_string(process);
-  const Descriptor socket = makeSocket();
-  if (!socket.isOpen()) return failWithErrno(errno);
-  const sockaddr_un address = addressIn(folder, name.c_str());
-  setTimeout(socket, kSlowestMs);
-  if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    if (errno == EAGAIN) return failWith(ERROR_TIMEOUT);
-    if (errno == ECONNREFUSED && isGone(process)) unlinkat(folder.get(), name.c_str(), 0);
-    return failWith(ERROR_INVALID_WINDOW_HANDLE);
+                const std::function<void()>& meanwhile, WindowReply& reply) {
+  if (process == 0) return failWith(ERROR_INVALID_WINDOW_HANDLE);
+  const Descriptor folder = openFolder(false);
+  if (!folder.isOpen()) {
+    return lastError() == ERROR_FILE_NOT_FOUND ? failWith(ERROR_INVALID_WINDOW_HANDLE) : false;
   }
-  setTimeout(socket, timeoutMs > INFINITE - kSlowestMs ? 0 : timeoutMs + kSlowestMs);
-  errno = 0;
-  if (!isSameUser(socket) || !sendRecord(socket, request) || !receiveRecord(socket, reply)) {
-    return failWith(errno == EAGAIN ? ERROR_TIMEOUT : ERROR_INVALID_WINDOW_HANDLE);
+  const Descriptor socket = makeSocket(SOCK_NONBLOCK);
+  if (!socket.isOpen()) return failWithErrno(errno);
+  if (!connectTo(process, folder, socket, meanwhile)) return false;
+  if (!isSameUser(socket)) return failWith(ERROR_ACCESS_DENIED);
+  const Deadline deadline = Deadline::after(wholeTime(timeoutMs));
+  if (!sendRecord(socket, request, deadline) ||
+      !receiveRecord(socket, reply, deadline, meanwhile)) {
+    return false;
   }
   reply.title[kLongestWindowTitle] = '\0';
   return reply.error == 0 || failWith(reply.error);
-} catch (const std::bad_alloc&) {
-  return failWith(ERROR_NOT_ENOUGH_MEMORY);
 }
 
-std::vector<DWORD> processesWithWindows() {
-  std::vector<DWORD> processes;
-  Descriptor folder = openFolder();
-  if (!folder.isOpen()) return processes;
-  const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(folder.get()), closedir);
-  if (entries == nullptr) return processes;
+bool processesWithWindows(std::vector<DWORD>* processes) {
+  Descriptor folder = openFolder(false);
+  if (!folder.isOpen()) return lastError() == ERROR_FILE_NOT_FOUND;
+  const int descriptor = folder.get();
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(descriptor), closedir);
+  if (entries == nullptr) return failWithErrno(errno);
   folder.release();
   while (const dirent* entry = readdir(entries.get())) {
     DWORD process = 0;
     const char* const end = entry->d_name + std::strlen(entry->d_name);
     const auto [rest, error] = std::from_chars(entry->d_name, end, process);
-    if (error != std::errc() || rest != end || process == static_cast<DWORD>(getpid())) continue;
-    processes.push_back(process);
+    if (error != std::errc()) continue;
+    if (rest == end && process != static_cast<DWORD>(getpid())) processes->push_back(process);
+    // Left by a program that was killed between two steps.
+    if (std::string_view(rest) == kUnfinished && isGone(process))
+      unlinkat(descriptor, entry->d_name, 0);
   }
-  std::ranges::sort(processes);
-  return processes;
+  std::ranges::sort(*processes);
+  return true;
 }
 
 }  // namespace qm::platform::posix

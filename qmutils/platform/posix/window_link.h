@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "qmutils/platform/types.h"
@@ -10,7 +11,8 @@
 
 namespace qm::platform::posix {
 
-/// One request to a program. Fixed widths: the programs may be built for different processors.
+/// One request to a program. The same layout in every build: the programs of a suite differ in
+/// age.
 struct WindowRequest {
   enum Operation : std::uint32_t { Find = 1, Post, Send, Title };
 
@@ -21,11 +23,12 @@ struct WindowRequest {
   std::int64_t lParam = 0;
   std::uint32_t message = 0;
   std::uint32_t timeoutMs = 0;
-  std::uint8_t anyClass = 0;
-  std::uint8_t anyTitle = 0;
+  std::uint32_t anyClass = 0;
+  std::uint32_t anyTitle = 0;
   char className[kLongestWindowClass + 1] = {};
   char title[kLongestWindowTitle + 1] = {};
 };
+static_assert(sizeof(WindowRequest) == 48 + 256 + 1024);
 
 struct WindowReply {
   std::uint32_t magic = 0x514D5731;
@@ -33,19 +36,26 @@ struct WindowReply {
   std::int64_t value = 0;   ///< a window, or the result of a message
   char title[kLongestWindowTitle + 1] = {};
 };
+static_assert(sizeof(WindowReply) == 16 + 1024);
 
-/// Answers a request; called on threads of the link.
-using AnswerRequest = void (*)(const WindowRequest& request, WindowReply& reply);
+/// Answers a request; called on threads of the link. `stillAsked` is false once nobody waits for
+/// the answer any more; to be called now and then by who takes long.
+using AnswerRequest = void (*)(const WindowRequest& request, WindowReply& reply,
+                               const std::function<bool()>& stillAsked);
 
 /// Lets other programs ask from now on, until the process ends. Harmless when it was called before.
-/// False with the last error set.
+/// A forked child starts anew. False with the last error set.
 bool startWindowLink(AnswerRequest answer) noexcept;
 
-/// Asks another program; 1400 when it is not there (any more), 1460 without an answer in time.
+/// Asks another program; `meanwhile` is called every few milliseconds until it has answered. Fails
+/// with 1400 when that program is not there or says that the window is not, 1460 without an answer
+/// in time, 995 when it ended without one, else with what kept us from asking. May throw
+/// std::bad_alloc.
 bool askProcess(DWORD process, const WindowRequest& request, DWORD timeoutMs,
-                WindowReply& reply) noexcept;
+                const std::function<void()>& meanwhile, WindowReply& reply);
 
-/// The other programs with windows. May throw std::bad_alloc.
-std::vector<DWORD> processesWithWindows();
+/// The other programs with windows. False with the last error set when that cannot be found out.
+/// May throw std::bad_alloc.
+bool processesWithWindows(std::vector<DWORD>* processes);
 
 }  // namespace qm::platform::posix

@@ -6,7 +6,7 @@
 
 #include "qmutils/platform/suspension_deferral.h"
 
-namespace qm {
+namespace qm::platform {
 
 template <class Mutex>
 class ShortLock {
@@ -14,8 +14,8 @@ class ShortLock {
   explicit ShortLock(Mutex& mutex) : guard_(mutex) {}
 
  private:
-  platform::SuspensionDeferral deferral_;  // first, so that it covers the taking of the mutex
+  SuspensionDeferral deferral_;  // first, so that it covers the taking of the mutex
   std::lock_guard<Mutex> guard_;
 };
 
-}  // namespace qm
+}  // namespace qm::platform

@@ -1,6 +1,7 @@
-// Preferences loaded and saved. The peer does the same look-ups and the same update through
-// SQLite's own prepared statements, written by hand, on the same file with the same durability: the
-// key by its path, then the value by key and name.
+// Preferences loaded and saved. The peer does it through SQLite's own prepared statements, written
+// by hand, on the same file with the same durability: it looks up the key by its path, then the
+// value by key and name, or updates it. Ours remembers the key of a file that stays as it is, so a
+// load is one look into the file; a save also writes the time into the key.
 //
 // A load is counted in thousands, as programs load all their settings when they start. A save is on
 // the disk when it returns, on both sides; what a disk takes for that is most of its time.

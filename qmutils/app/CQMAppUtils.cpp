@@ -157,7 +157,7 @@ CString CQMAppUtils::MakeUniqueName(const char* path) try {
   if (extension == ".") extension.clear();
   text.resize(nameEnd);
   for (int i = 0; i < kUniqueNames; ++i) {
-    char number[8];
+    char number[16];
     std::snprintf(number, sizeof number, "_%03d", i);
     const std::string candidate = text + number + extension;
     if (FileExists(candidate.c_str())) continue;

@@ -19,7 +19,8 @@ class QMUTILS_API CQMPrefs : public QMRegistryC {
   /// The maker's key, below SOFTWARE in both trees.
   static const char* const m_pPathRoot;
 
-  /// The levels below the maker's key: program, version, section. Copied.
+  /// The levels below the maker's key: program, version, section. Copied. An empty one makes every
+  /// save fail with system error 161.
   CQMPrefs(const char* name1, const char* name2, const char* name3);
 
   // The application tree (HKEY_LOCAL_MACHINE).
@@ -34,7 +35,7 @@ class QMUTILS_API CQMPrefs : public QMRegistryC {
   char* LoadAppParam(const char* name, const char* defaultText);
 
   // The user tree (HKEY_CURRENT_USER); with `bApp` a save then also writes the application tree. A
-  // double has six digits behind its point there.
+  // double has six digits behind its point there, and beyond 2^40 it is stored as 2^40.
   QMErrors::QMErrorT SaveUsrParam(const char* name, int value, int bApp);
   QMErrors::QMErrorT SaveUsrParam(const char* name, unsigned int value, int bApp);
   QMErrors::QMErrorT SaveUsrParam(const char* name, unsigned long value, int bApp);

@@ -18,7 +18,8 @@ constexpr int kDeepestSearch = 512;
 
 constexpr const char* kSubKeyName = "QMRegistryC::GetSubKeyName(): ";  // also of value names
 constexpr const char* kKeyData = "CQMPrefs::GetKeyData(): ";           // programs look for this one
-constexpr const char* kFind = "GuidC::RegistryFind(): ";               // and this
+constexpr const char* kSaveKeyData = "QMRegistryC::SaveKeyData(): ";
+constexpr const char* kFind = "GuidC::RegistryFind(): ";  // and this
 
 /// Success for 0, else logs the failure and gives its code.
 template <class... Parts>
@@ -52,84 +53,21 @@ using NameAt = DWORD (*)(HKEY, DWORD, std::string*) noexcept;
 QMErrorT nameAt(NameAt query, const char* from, HKEY key, unsigned int index, char** name,
                 FILETIME* time) {
   *name = nullptr;
-  FILETIME ignored;
-  const DWORD unusable = qm::platform::keyTime(key, &ignored);
-  if (unusable != 0) return check(unusable, kSubKeyName, "from RegQueryInfoKey(): ");
   std::string text;
   const DWORD error = query(key, index, &text);
   if (error == ERROR_NO_MORE_ITEMS) return QMErrors::NoError;
-  if (error != 0) return check(error, kSubKeyName, from);
+  if (error != 0) {
+    // What is wrong with the key itself shows when it is asked for its measures.
+    FILETIME ignored;
+    const bool unusable = qm::platform::keyTime(key, &ignored) != 0;
+    return check(error, kSubKeyName, unusable ? "from RegQueryInfoKey(): " : from);
+  }
   if (time != nullptr) {
     const QMErrorT result = timeOf(key, text.c_str(), time);
     if (result != QMErrors::NoError) return result;
   }
   *name = copyOf(text);
   return *name != nullptr ? QMErrors::NoError : qm::logNoMemory(kSubKeyName);
-}
-
-/// What a key holds and where it stands below the one the copy begins with.
-struct KeyContent {
-  std::string path;  ///< empty for the first
-  std::vector<qm::platform::RegistryValue> values;
-};
-
-QMErrorT readValues(HKEY key, std::vector<qm::platform::RegistryValue>& values) {
-  for (DWORD i = 0;; ++i) {
-    qm::platform::RegistryValue value;
-    DWORD error = qm::platform::valueNameAt(key, i, &value.name);
-    if (error == ERROR_NO_MORE_ITEMS) return QMErrors::NoError;
-    if (error != 0) return check(error, kSubKeyName, "from RegEnumValue(): ");
-    error = qm::platform::readValue(key, value.name.c_str(), &value);
-    if (error == ERROR_FILE_NOT_FOUND) continue;  // gone meanwhile
-    if (error != 0) return check(error, kKeyData);
-    values.push_back(std::move(value));
-  }
-}
-
-QMErrorT readSubKeys(HKEY key, const std::string& path, std::vector<KeyContent>& tree) {
-  for (DWORD i = 0;; ++i) {
-    std::string name;
-    const DWORD error = qm::platform::subKeyAt(key, i, &name);
-    if (error == ERROR_NO_MORE_ITEMS) return QMErrors::NoError;
-    if (error != 0) return check(error, kSubKeyName, "from RegEnumKey(): ");
-    tree.push_back({path.empty() ? name : path + "\\" + name, {}});
-  }
-}
-
-/// The whole tree below an open key. Taken before anything is written, as a copy into the tree
-/// itself would never end.
-QMErrorT readTree(HKEY source, std::vector<KeyContent>& tree) {
-  tree.push_back({});
-  for (std::size_t i = 0; i < tree.size(); ++i) {
-    const std::string path = tree[i].path;
-    HKEY key = nullptr;
-    QMErrorT result = QMRegistryC::OpenKey(source, path.c_str(), 0, &key);
-    if (result != QMErrors::NoError) return result;
-    result = readValues(key, tree[i].values);
-    if (result == QMErrors::NoError) result = readSubKeys(key, path, tree);
-    const QMErrorT closed = QMRegistryC::CloseKey(key, 0);
-    if (result == QMErrors::NoError) result = closed;
-    if (result != QMErrors::NoError) return result;
-  }
-  return QMErrors::NoError;
-}
-
-QMErrorT writeTree(const std::vector<KeyContent>& tree, HKEY destination) {
-  for (const KeyContent& content : tree) {
-    HKEY key = nullptr;
-    QMErrorT result = QMRegistryC::OpenKey(destination, content.path.c_str(), 1, &key);
-    if (result != QMErrors::NoError) return result;
-    for (const qm::platform::RegistryValue& value : content.values) {
-      if (result != QMErrors::NoError) break;
-      result = QMRegistryC::SaveKeyData(key, value.name.c_str(), value.type,
-                                        reinterpret_cast<const unsigned char*>(value.data.data()),
-                                        static_cast<DWORD>(value.data.size()));
-    }
-    const QMErrorT closed = QMRegistryC::CloseKey(key, 0);
-    if (result == QMErrors::NoError) result = closed;
-    if (result != QMErrors::NoError) return result;
-  }
-  return QMErrors::NoError;
 }
 
 QMErrorT openFound(HKEY root, const char* name, HKEY* found) {
@@ -156,7 +94,8 @@ QMErrorT findBelow(HKEY root, const char* name, HKEY* found, int depth) {
     HKEY opened = nullptr;
     const DWORD notOpened = qm::platform::openKey(root, subKey.c_str(), true, &opened);
     if (notOpened == ERROR_NOT_ENOUGH_MEMORY) return noMemoryToFind();
-    // A sub-key that does not open is searched in vain, with the log line for that.
+    // A sub-key that does not open is searched in vain, with a second log line for that.
+    check(notOpened, kFind, "Failed opening registry key: ");
     const QMErrorT below = findBelow(opened, name, found, depth + 1);
     // Whatever was found below: installed programs rely on the search ending here.
     if (qm::platform::closeKey(opened) == 0) return QMErrors::NoError;
@@ -201,8 +140,8 @@ QMErrorT QMRegistryC::GetKeyData(HKEY key, const char* valueName, unsigned char*
 
 QMErrorT QMRegistryC::SaveKeyData(HKEY key, const char* valueName, DWORD type,
                                   const unsigned char* data, DWORD size) {
-  return check(qm::platform::writeValue(key, valueName, type, data, size),
-               "QMRegistryC::SaveKeyData(): ", "from RegSetValueEx(): ");
+  return check(qm::platform::writeValue(key, valueName, type, data, size), kSaveKeyData,
+               "from RegSetValueEx(): ");
 }
 
 QMErrorT QMRegistryC::SaveKeyData(HKEY key, const char* valueName, DWORD value) {
@@ -225,30 +164,26 @@ QMErrorT QMRegistryC::GetSubValueName(HKEY key, unsigned int index, char** pName
   return nameAt(qm::platform::valueNameAt, "from RegEnumValue(): ", key, index, pName, pTime);
 }
 
-QMErrorT QMRegistryC::CopyKey(HKEY src, const char* srcSubKey, const char* dstSubKey,
-                              HKEY dst) try {
+QMErrorT QMRegistryC::CopyKey(HKEY src, const char* srcSubKey, const char* dstSubKey, HKEY dst) {
   HKEY source = nullptr;
   QMErrorT result = OpenKey(src, srcSubKey, 0, &source);
   if (result != QMErrors::NoError) return result;
-  std::vector<KeyContent> tree;
-  result = readTree(source, tree);
+  // All of it before anything is written, as a copy into the tree itself would never end.
+  std::vector<qm::platform::RegistryContent> tree;
+  result = check(qm::platform::readTree(source, &tree), kSubKeyName, "from RegEnumKey(): ");
+  const QMErrorT sourceClosed = CloseKey(source, 0);
   HKEY destination = nullptr;
   if (result == QMErrors::NoError) {
     result = OpenKey(dst != nullptr ? dst : src, dstSubKey, 1, &destination);
   }
-  if (result == QMErrors::NoError) {
-    result = writeTree(tree, destination);
-    const QMErrorT closed = CloseKey(destination, 0);
-    if (result == QMErrors::NoError) result = closed;
-  }
-  const QMErrorT closed = CloseKey(source, 0);
-  return result != QMErrors::NoError ? result : closed;
-} catch (const std::bad_alloc&) {
-  return qm::logNoMemory("QMRegistryC::CopyKey(): ");
+  if (result != QMErrors::NoError) return result;
+  result =
+      check(qm::platform::writeTree(destination, tree), kSaveKeyData, "from RegSetValueEx(): ");
+  const QMErrorT destinationClosed = CloseKey(destination, 0);
+  if (result != QMErrors::NoError) return result;
+  return destinationClosed != QMErrors::NoError ? destinationClosed : sourceClosed;
 }
 
-QMErrorT QMRegistryC::Find(HKEY root, const char* name, HKEY* pFound) try {
+QMErrorT QMRegistryC::Find(HKEY root, const char* name, HKEY* pFound) {
   return findBelow(root, name != nullptr ? name : "", pFound, 1);
-} catch (const std::bad_alloc&) {
-  return noMemoryToFind();
 }

@@ -54,8 +54,9 @@ class QMUTILS_API QMRegistryC {
   static QMErrors::QMErrorT GetSubValueName(HKEY key, unsigned int index, char** pName,
                                             FILETIME* pTime);
 
-  /// Copies a key with all below it, as it was at the beginning, to `dst\dstSubKey`, or to
-  /// `src\dstSubKey` when `dst` is null. What is there already stays unless it has the same name.
+  /// Copies a key with all below it, as it is at one moment, to `dst\dstSubKey`, or to
+  /// `src\dstSubKey` when `dst` is null: all of it or nothing. What is there already stays unless
+  /// it has the same name.
   static QMErrors::QMErrorT CopyKey(HKEY src, const char* srcSubKey, const char* dstSubKey,
                                     HKEY dst);
 

@@ -187,11 +187,6 @@ TEST_F(Registry, FindDescendsAlongFirstSubKeysOnly) {
     EXPECT_EQ(QMRegistryC::Find(HKEY_CURRENT_USER, name, &found), NoError) << name;
     EXPECT_EQ(found, untouched) << name;
   }
-  std::string path = "deep";
-  for (int i = 0; i < 600; ++i) path += "\\d";
-  make((path + "\\end").c_str(), make("0"));
-  EXPECT_EQ(QMRegistryC::Find(HKEY_CURRENT_USER, "end", &found), NoError);
-  EXPECT_EQ(found, untouched);
 }
 
 TEST_F(Registry, WithoutMemoryNothingIsHalfDone) {

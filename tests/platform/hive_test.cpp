@@ -6,8 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/Registries.h"
@@ -178,15 +180,28 @@ TEST_F(Hive, HandlesMeanOneKeyOrNone) {
     EXPECT_EQ(open("below", key), 1018u);
     EXPECT_EQ(createKey(key, "below", &sub), 1018u);
   };
-  sql(registries_.user(), "DELETE FROM keys WHERE path LIKE 'key\\sub'");
+  const HKEY above = make("key");
+  sql(registries_.user(), "DELETE FROM keys WHERE path LIKE 'key%'");
+  EXPECT_EQ(open("key\\sub"), 2u) << "known from before";
   expectDeleted();
   EXPECT_EQ(closeKey(make("key\\sub")), 0u);
   expectDeleted();
+  EXPECT_EQ(open("sub", above), 1018u);
+  EXPECT_EQ(open("sub", above, true), 1018u);
+  const std::string backup = readFile(registries_.user());
+  const HKEY later = make("later");
   fs::remove(registries_.user());
   expectDeleted();
-  const HKEY anew = make("key\\sub");
+  EXPECT_EQ(open("later", kUser, true), 2u);
+
+  // A backup comes back, and a key is made that the running program does not know.
+  writeFile(registries_.user(), backup);
+  const HKEY other = make("other");
+  EXPECT_EQ(save(other, "x", "other's"), 0u);
+  EXPECT_EQ(open("later"), 2u);
+  EXPECT_EQ(save(later, "x", "later's"), 1018u);
+  EXPECT_EQ(load(other, "x"), "1:other's");
   expectDeleted();
-  EXPECT_EQ(save(anew, "x", "1"), 0u);
   EXPECT_EQ(closeKey(key), 0u);
 }
 
@@ -209,6 +224,25 @@ TEST_F(Hive, ForeignFilesAreLeftAlone) {
     EXPECT_EQ(load(kUser, "x"), "1009");
     EXPECT_EQ(readFile(registries_.user()), content);
   }
+  // What a killed program has left half done in a database of its own.
+  fs::remove(registries_.user());
+  if (const pid_t child = fork(); child == 0) {
+    sqlite3* foreign = nullptr;
+    sqlite3_open(registries_.user().c_str(), &foreign);
+    sqlite3_exec(foreign, "PRAGMA journal_mode=WAL; CREATE TABLE mine(x)", nullptr, nullptr,
+                 nullptr);
+    _exit(0);
+  } else {
+    waitpid(child, nullptr, 0);
+  }
+  const std::string log = readFile(registries_.user() + "-wal"),
+                    half = readFile(registries_.user());
+  EXPECT_FALSE(log.empty());
+  EXPECT_EQ(open("key"), 1009u);
+  EXPECT_EQ(readFile(registries_.user()), half);
+  EXPECT_EQ(readFile(registries_.user() + "-wal"), log);
+  fs::remove(registries_.user() + "-wal");
+  fs::remove(registries_.user() + "-shm");
   fs::remove(registries_.user());
   ASSERT_EQ(mkfifo(registries_.user().c_str(), 0600), 0);
   EXPECT_EQ(open("key"), 1009u);
@@ -243,6 +277,80 @@ TEST_F(Hive, WhatMayNotBeWrittenIsDenied) {
   EXPECT_NE(createKey(HKEY_LOCAL_MACHINE, "key", &key), 0u);
 }
 
+TEST_F(Hive, NamesOfFilesAreNothingElse) {
+  const fs::path before = fs::current_path();
+  fs::current_path(registries_.folder().path());
+  for (const char* name : {":memory:", "file:x?mode=memory"}) {
+    setenv("QMUTILS_USER_REGISTRY", name, 1);
+    EXPECT_EQ(save(make("key"), "x", "1"), 0u);
+    EXPECT_GT(fs::file_size(name), 4096u) << name;
+  }
+  fs::current_path(before);
+  setenv("QMUTILS_USER_REGISTRY", ("/" + std::string(600, 'x')).c_str(), 1);
+  HKEY key = nullptr;
+  EXPECT_EQ(createKey(kUser, "key", &key), 206u);
+}
+
+/// A damaged index can yield names that no key may have.
+TEST_F(Hive, ImpossibleNamesAreDamage) {
+  const HKEY key = make("key");
+  make("sub", key);
+  std::string name;
+  for (const char* damage : {"UPDATE keys SET name = '' WHERE name = 'sub'",
+                             "UPDATE keys SET name = 'a\\b' WHERE name = ''"}) {
+    sql(registries_.user(), damage);
+    EXPECT_EQ(subKeyAt(key, 0, &name), 1009u);
+  }
+}
+
+TEST_F(Hive, ManyMayBeTheFirst) {
+  for (int round = 0; round < 40; ++round) {
+    setenv("QMUTILS_USER_REGISTRY",
+           registries_.folder().file("first" + std::to_string(round)).c_str(), 1);
+    pid_t children[4];
+    for (int i = 0; i < 4; ++i) {
+      children[i] = fork();
+      if (children[i] != 0) continue;
+      HKEY key = nullptr;
+      DWORD error = 2;
+      for (int tries = 0; error == 2 && tries < 10'000; ++tries) {
+        error = i < 2 ? createKey(kUser, "key", &key) : openKey(kUser, "key", false, &key);
+      }
+      _exit(static_cast<int>(error == 0 ? 0 : 1 + error % 250));
+    }
+    for (const pid_t child : children) {
+      int status = -1;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      EXPECT_EQ(status, 0) << WEXITSTATUS(status);
+    }
+  }
+}
+
+TEST_F(Hive, ChildrenForkedInTheMiddleOfACallWork) {
+  const HKEY key = make("key");
+  EXPECT_EQ(save(key, "x", "1"), 0u);
+  std::atomic<bool> stop{false};
+  std::thread reader([&] {
+    while (!stop) load(key, "x");
+  });
+  std::thread writer([&] {
+    while (!stop) save(key, "y", "2");
+  });
+  for (int i = 0; i < 8; ++i) {
+    if (const pid_t child = fork(); child == 0) {
+      alarm(60);
+      _exit(load(key, "x") == "1:1" && save(key, "z", "3") == 0 ? 0 : 1);
+    } else {
+      int status = -1;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      EXPECT_EQ(status, 0);
+    }
+  }
+  stop = true;
+  reader.join();
+  writer.join();
+}
+
 /// A transaction of a killed writer that the reader may not undo must not look like a missing
 /// value.
 TEST_F(Hive, AnUnfinishedTransactionIsUndoneOrToldOf) {
@@ -268,7 +376,7 @@ TEST_F(Hive, AnUnfinishedTransactionIsUndoneOrToldOf) {
       fs::permissions(file, fs::perms(0644));
       if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
       HKEY key = nullptr;
-      _exit(openKey(kUser, "key", false, &key) == 0 ? 1 : 0);
+      _exit(openKey(kUser, "key", false, &key) == ERROR_REGISTRY_IO_FAILED ? 0 : 1);
     } else {
       int status = -1;
       waitpid(child, &status, 0);

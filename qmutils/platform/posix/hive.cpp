@@ -1,8 +1,10 @@
 #include "qmutils/platform/hive.h"
 
-#include <climits>
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -10,22 +12,22 @@
 #include <unordered_map>
 
 #include "qmutils/platform/posix/hive_store.h"
-#include "qmutils/platform/suspension_deferral.h"
+#include "qmutils/platform/short_lock.h"
 
 namespace qm::platform {
 
 namespace {
 
 using posix::HiveStore;
-using posix::KeyPlace;
 
 constexpr std::size_t kLongestKeyName = 255;
 constexpr std::size_t kLongestValueName = 16'383;
+constexpr std::ptrdiff_t kDeepestPath = 512;
 
 /// What a handle stands for.
 struct Key {
   HiveStore* store;
-  KeyPlace place;
+  std::int64_t id;
   std::string path;  ///< empty for a tree's root
   bool mayWrite;
 };
@@ -35,8 +37,7 @@ class KeyTable {
  public:
   HKEY add(Key key) {
     auto shared = std::make_shared<const Key>(std::move(key));
-    const SuspensionDeferral notWithTheLock;
-    const std::lock_guard lock(mutex_);
+    const ShortLock lock(mutex_);
     const HKEY handle = reinterpret_cast<HKEY>(next_);
     keys_.emplace(handle, std::move(shared));
     next_ += 4;  // the trees' own handles are no multiples of 4
@@ -44,18 +45,25 @@ class KeyTable {
   }
 
   /// Null for a handle that is not there.
-  std::shared_ptr<const Key> find(HKEY handle) const {
-    const SuspensionDeferral notWithTheLock;
-    const std::lock_guard lock(mutex_);
+  std::shared_ptr<const Key> find(HKEY handle) const noexcept {
+    const ShortLock lock(mutex_);
     const auto found = keys_.find(handle);
     return found == keys_.end() ? nullptr : found->second;
   }
 
-  bool remove(HKEY handle) {
-    const SuspensionDeferral notWithTheLock;
-    const std::lock_guard lock(mutex_);
-    return keys_.erase(handle) != 0;
+  bool remove(HKEY handle) noexcept {
+    std::shared_ptr<const Key> removed;  // destroyed outside of the lock
+    const ShortLock lock(mutex_);
+    const auto found = keys_.find(handle);
+    if (found == keys_.end()) return false;
+    removed = std::move(found->second);
+    keys_.erase(found);
+    return true;
   }
+
+  // Around a fork.
+  void lock() { mutex_.lock(); }
+  void unlock() { mutex_.unlock(); }
 
  private:
   mutable std::mutex mutex_;
@@ -63,17 +71,22 @@ class KeyTable {
   std::uintptr_t next_ = 0x100;
 };
 
-KeyTable& keyTable() {
-  static KeyTable& table = *new KeyTable;  // threads may outlive main()
+/// Never destroyed: threads may outlive main().
+KeyTable& keyTable() noexcept {
+  alignas(KeyTable) static std::byte storage[sizeof(KeyTable)];
+  static KeyTable& table = *new (storage) KeyTable;
+  static const int registered =
+      pthread_atfork([] { table.lock(); }, [] { table.unlock(); }, [] { table.unlock(); });
+  (void)registered;
   return table;
 }
 
 /// Null when there is no such key. The trees' roots are never destroyed.
 std::shared_ptr<const Key> keyOf(HKEY handle) {
   static const auto& user =
-      *new auto(std::make_shared<const Key>(Key{&posix::userHive(), {}, {}, true}));
-  static const auto& machine =
-      *new auto(std::make_shared<const Key>(Key{&posix::machineHive(), {}, {}, true}));
+      *new auto(std::make_shared<const Key>(Key{&posix::userHive(), HiveStore::kRoot, {}, true}));
+  static const auto& machine = *new auto(
+      std::make_shared<const Key>(Key{&posix::machineHive(), HiveStore::kRoot, {}, true}));
   if (handle == HKEY_CURRENT_USER) return user;
   if (handle == HKEY_LOCAL_MACHINE) return machine;
   return keyTable().find(handle);
@@ -103,19 +116,20 @@ DWORD openAs(Opening how, HKEY parentHandle, const char* subKey, HKEY* handle) t
   const DWORD wrong = checkPath(below);
   if (wrong != 0) return wrong;
 
-  Key key{parent->store, {}, parent->path, how != Opening::ToRead};
+  Key key{parent->store, HiveStore::kRoot, parent->path, how != Opening::ToRead};
   if (!key.path.empty() && !below.empty()) key.path += '\\';
   key.path += below;
+  if (std::ranges::count(key.path, '\\') >= kDeepestPath) return ERROR_INVALID_PARAMETER;
   DWORD error = 0;
   switch (how) {
     case Opening::ToRead:
-      error = key.store->open(parent->place, key.path, &key.place);
+      error = key.store->open(parent->id, key.path, &key.id);
       break;
     case Opening::ToWrite:
-      error = key.store->openToWrite(parent->place, key.path, &key.place);
+      error = key.store->openToWrite(parent->id, key.path, &key.id);
       break;
     case Opening::Making:
-      error = key.store->create(parent->place, parent->path.size(), key.path, &key.place);
+      error = key.store->create(parent->id, parent->path.size(), key.path, &key.id);
       break;
   }
   if (error == 0) *handle = keyTable().add(std::move(key));
@@ -154,7 +168,7 @@ DWORD flushKey(HKEY key) noexcept {
 
 DWORD readValue(HKEY key, const char* name, RegistryValue* value) noexcept {
   const std::string_view text = name != nullptr ? name : "";
-  return withKey(key, [&](const Key& k) { return k.store->read(k.place, text, value); });
+  return withKey(key, [&](const Key& k) { return k.store->read(k.id, text, value); });
 }
 
 DWORD writeValue(HKEY key, const char* name, DWORD type, const void* data,
@@ -165,20 +179,30 @@ DWORD writeValue(HKEY key, const char* name, DWORD type, const void* data,
       return ERROR_INVALID_PARAMETER;
     }
     if (!k.mayWrite) return ERROR_ACCESS_DENIED;
-    return k.store->write(k.place, text, type, data, size);
+    return k.store->write(k.id, text, type, data, size);
   });
 }
 
 DWORD subKeyAt(HKEY key, DWORD index, std::string* name) noexcept {
-  return withKey(key, [&](const Key& k) { return k.store->subKeyAt(k.place, index, name); });
+  return withKey(key, [&](const Key& k) { return k.store->subKeyAt(k.id, index, name); });
 }
 
 DWORD valueNameAt(HKEY key, DWORD index, std::string* name) noexcept {
-  return withKey(key, [&](const Key& k) { return k.store->valueNameAt(k.place, index, name); });
+  return withKey(key, [&](const Key& k) { return k.store->valueNameAt(k.id, index, name); });
+}
+
+DWORD readTree(HKEY key, std::vector<RegistryContent>* tree) noexcept {
+  return withKey(key, [&](const Key& k) { return k.store->readTree(k.id, tree); });
+}
+
+DWORD writeTree(HKEY key, const std::vector<RegistryContent>& tree) noexcept {
+  return withKey(key, [&](const Key& k) -> DWORD {
+    return k.mayWrite ? k.store->writeTree(k.id, k.path, tree) : ERROR_ACCESS_DENIED;
+  });
 }
 
 DWORD keyTime(HKEY key, FILETIME* time) noexcept {
-  return withKey(key, [&](const Key& k) { return k.store->time(k.place, time); });
+  return withKey(key, [&](const Key& k) { return k.store->time(k.id, time); });
 }
 
 }  // namespace qm::platform

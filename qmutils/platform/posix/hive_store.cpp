@@ -4,12 +4,13 @@
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstddef>
+#include <optional>
 #include <utility>
 
 #include "qmutils/platform/clock.h"
@@ -30,16 +31,38 @@ constexpr std::size_t kMostKnown = 64;
 
 std::int64_t now() noexcept { return static_cast<std::int64_t>(utcTicks()); }
 
-/// One of a store's locks, for as long as a call may take; then without a suspension.
+/// One of a store's locks, for as long as a call may take. A thread that has it is not suspended.
 class Turn {
  public:
-  Turn(std::timed_mutex& mutex, const Deadline& deadline)
-      : lock_(mutex, std::chrono::milliseconds(deadline.remainingMs())) {}
-  bool isMine() const noexcept { return lock_.owns_lock(); }
+  Turn(std::mutex& mutex, const Deadline& deadline) noexcept : mutex_(mutex) {
+    do {
+      deferral_.emplace();
+      isMine_ = mutex.try_lock();
+      if (isMine_) return;
+      deferral_.reset();
+    } while (waitAWhile(deadline));
+  }
+  ~Turn() {
+    if (isMine_) mutex_.unlock();
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  bool isMine() const noexcept { return isMine_; }
 
  private:
-  const std::unique_lock<std::timed_mutex> lock_;
-  const SuspensionDeferral untilItIsLeft_;
+  /// Looking again and again, as a call has a deadline and the lock none.
+  bool waitAWhile(const Deadline& deadline) noexcept {
+    constexpr long kLongestPauseNanoseconds = 1'000'000;
+    if (deadline.passed()) return false;
+    nanosleep(&pause_, nullptr);
+    pause_.tv_nsec = std::min(2 * pause_.tv_nsec, kLongestPauseNanoseconds);
+    return true;
+  }
+
+  std::mutex& mutex_;
+  std::optional<SuspensionDeferral> deferral_;
+  bool isMine_ = false;
+  timespec pause_ = {0, 20'000};
 };
 
 /// Undone unless it was committed, also when memory runs out in the middle of it.

@@ -71,14 +71,14 @@ class HiveStore {
   const Locate locate_;
   const mode_t folderMode_;
   const mode_t fileMode_;
-  std::timed_mutex readLock_;
+  std::mutex readLock_;
   HiveConnection reader_;  // under readLock_
   /// Keys found lately in a file of that stamp: opening one of them again costs no look into the
   /// file. Programs load their settings one by one, opening the same key for each. Under readLock_.
   std::map<std::string, std::int64_t, std::less<>> known_;
   FileStamp knownStamp_;
-  std::timed_mutex writeLock_;  // taken before readLock_ where both are needed
-  HiveConnection writer_;       // under writeLock_
+  std::mutex writeLock_;   // taken before readLock_ where both are needed
+  HiveConnection writer_;  // under writeLock_
 };
 
 HiveStore& userHive();

@@ -1,10 +1,12 @@
 #include "programs/testtool/Command.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <system_error>
 
 #include "qmutils/platform/file.h"
+#include "qmutils/platform/terminal.h"
 
 namespace programs {
 namespace {
@@ -33,6 +35,26 @@ std::filesystem::path toPath(const std::string& argument) {
   auto path = std::filesystem::absolute(qm::platform::nativePath(argument.c_str()), error);
   if (error) path.clear();
   return path;
+}
+
+std::string explained(QMErrors::QMErrorT result) {
+  std::string text = QMErrToStr(result);
+  if (result != QMErrors::FailedToOpenFile && result != QMErrors::FailedToWriteToFile) return text;
+  const QMErrors::QMErrorT reason = QMErrors::lastOsError();
+  return reason == QMErrors::NoError ? text : text + " (" + QMErrToStr(reason) + ")";
+}
+
+bool isControl(char c) {
+  return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\n' && c != '\r';
+}
+
+std::string shownText(std::string_view text) {
+  std::string shown(text);
+  if (qm::platform::isTerminal(stdout)) {
+    std::ranges::replace_if(
+        shown, [](char c) { return isControl(c) || c == '\r'; }, '?');
+  }
+  return shown;
 }
 
 bool takeValue(const Arguments& arguments, std::size_t& index, std::string& value) {

@@ -4,7 +4,10 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "qmutils/foundation/QMErrors.h"
 
 namespace programs {
 
@@ -43,6 +46,15 @@ int usageError(const Command& command, const std::string& complaint);
 
 /// The file or folder that an argument names, as an absolute path; empty when it names none.
 std::filesystem::path toPath(const std::string& argument);
+
+/// A result's text, and behind it why the system did not open or write the file.
+std::string explained(QMErrors::QMErrorT result);
+
+/// True for a character that is no text; tabs and line ends are.
+bool isControl(char c);
+/// Somebody else's text as standard output may show it: on a terminal with '?' in place of what the
+/// terminal would obey.
+std::string shownText(std::string_view text);
 
 /// Takes the value of an option from the list; false when there is none.
 bool takeValue(const Arguments& arguments, std::size_t& index, std::string& value);

@@ -29,18 +29,22 @@ struct Request {
 /// Empty, or what is wrong with the command line.
 std::string parse(const Arguments& arguments, Request& request) {
   std::vector<std::string> words;
+  bool optionsEnded = false;
   for (const std::string& argument : arguments) {
-    if (argument == "--all") {
+    if (optionsEnded || !argument.starts_with("--")) {
+      words.push_back(argument);
+    } else if (argument == "--") {
+      optionsEnded = true;
+    } else if (argument == "--all") {
       request.all = true;
     } else if (argument == "--force") {
       request.force = true;
-    } else if (argument.starts_with("--")) {
-      return "unknown argument '" + argument + "'";
     } else {
-      words.push_back(argument);
+      return "unknown argument '" + argument + "'";
     }
   }
-  if (words.size() < 3 || words[2].empty()) return "give get or set, a file and a token";
+  if (words.size() < 3 || words[1].empty() || words[2].empty())
+    return "give get or set, a file and a token";
   request.action = words[0];
   request.file = words[1];
   request.token = words[2];
@@ -89,41 +93,61 @@ int get(QMReadCfgC& file, Request& request) {
     result = read(1);
   }
   if (result == QMErrors::EndOfFileError) return kSuccess;
-  return complain(std::to_string(count) + " numbers were expected: " + QMErrToStr(result));
+  const std::string expected =
+      count == 1 ? "a number was" : std::to_string(count) + " numbers were";
+  return complain(expected + " expected: " + QMErrToStr(result));
 }
 
-/// The first thing that the file would lose besides the line of the token; empty when nothing. The
-/// library goes on with the first line end of the old text that is more than one character behind
-/// the place where the new line ends.
-std::string lostBy(const Request& request) {
-  std::ifstream in(toPath(request.file), std::ios::binary);
-  const std::string text(std::istreambuf_iterator<char>(in), {});
+std::string wholeText(const std::string& file) {
+  std::ifstream in(toPath(file), std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<std::string> wordsOf(const std::string& text) {
+  std::istringstream in(text);
+  return {std::istream_iterator<std::string>(in), {}};
+}
+
+/// What the file would lose besides the old values; empty when nothing. The library saves up to the
+/// first NUL, adds a line right behind the last character, puts a line in the place of all that
+/// stands behind the token, and goes on with the first line end of the old text that is more than
+/// one character behind the place where the new line ends.
+std::string lossBy(const Request& request) {
+  const std::string text = wholeText(request.file);
+  if (text.find('\0') != std::string::npos) {
+    return "the file holds a NUL, and what is behind it would be lost";
+  }
   const std::size_t at = text.find(request.token);
-  if (at == std::string::npos) return "";
+  if (at == std::string::npos) {
+    const bool glued = !text.empty() && text.back() != '\n' && text.back() != '\r';
+    return glued ? "the last line has no end, so the new one would become a part of it" : "";
+  }
+  const std::size_t behind = at + request.token.size();
+  const std::size_t lineEnd = std::min(text.find_first_of("\r\n", behind), text.size());
+  const auto old = wordsOf(text.substr(behind, lineEnd - behind));
+  if (old.size() > request.values.size()) {
+    return "the line holds more values, so '" + old[request.values.size()] + "' would be lost";
+  }
   std::ostringstream line;
   line.imbue(std::locale::classic());
   line << request.token << '\t';
   for (const double value : request.values) line << ' ' << value;
   line << '\n';
-  const std::size_t lineEnd = std::min(text.find_first_of("\r\n", at), text.size());
   const std::size_t rest =
       std::min(text.find_first_of("\r\n", at + line.str().size() + 1), text.size());
-  std::istringstream lost(text.substr(lineEnd, rest - lineEnd));
-  std::string first;
-  lost >> first;
-  return first;
+  const auto lost = wordsOf(text.substr(lineEnd, rest - std::min(lineEnd, rest)));
+  if (lost.empty()) return "";
+  return "the new line is not shorter than the old one by two characters, so '" + lost[0] +
+         "' behind it would be lost";
 }
 
 int set(QMReadCfgC& file, const Request& request) {
-  const std::string lost = request.force ? "" : lostBy(request);
-  if (!lost.empty()) {
-    return complain("the new line is not shorter than the old one by two characters, so '" + lost +
-                    "' behind it would be lost; --force does it all the same");
-  }
+  const std::string loss = request.force ? "" : lossBy(request);
+  if (!loss.empty()) return complain(loss + "; --force does it all the same");
   const auto count = static_cast<unsigned>(request.values.size());
   QMErrorT result = file.WriteToken(request.token.c_str(), request.values.data(), count, 0);
   if (result == QMErrors::NoError) result = file.CloseFile(1);
-  return result == QMErrors::NoError ? kSuccess : complain(QMErrToStr(result));
+  return result == QMErrors::NoError ? kSuccess : complain(explained(result));
 }
 
 int run(const Arguments& arguments) {
@@ -132,7 +156,7 @@ int run(const Arguments& arguments) {
   if (!complaint.empty()) return usageError(kConfigCommand, complaint);
   QMReadCfgC file;
   const QMErrorT result = file.OpenFileName(request.file.c_str());
-  if (result != QMErrors::NoError) return complain(request.file + ": " + QMErrToStr(result));
+  if (result != QMErrors::NoError) return complain(request.file + ": " + explained(result));
   return request.action == "get" ? get(file, request) : set(file, request);
 }
 
@@ -142,16 +166,17 @@ const Command kConfigCommand = {
     "config", "read and set numbers of a table of the machine",
     "usage: testtool config get FILE TOKEN [COUNT] [--all]\n"
     "       testtool config set FILE TOKEN [VALUE...] [--force]\n"
-    "The file is a text of words with numbers behind them; TOKEN is the first place where the "
-    "text\n"
-    "holds these characters, be it in the middle of a word.\n"
+    "The file is a text of words with numbers behind them; TOKEN is the first place\n"
+    "where the text holds these characters, be it in the middle of a word. '--' goes\n"
+    "before a token that begins with '--'.\n"
     "  get       print the COUNT (1) numbers behind the token\n"
     "  --all     and then those behind each further place, a line for each\n"
-    "  set       write the token's line anew with these values, six digits each; a token that is\n"
-    "            not there is added at the end\n"
-    "  --force   also when lines behind it get lost: the library keeps them only when the line "
-    "gets\n"
-    "            shorter by two characters or more (lines with blanks at their ends have room)\n",
+    "  set       write the token's line anew with these values, six digits each; a\n"
+    "            token that is not there is added at the end. Of several who set\n"
+    "            values at a time the last one wins.\n"
+    "  --force   also when something gets lost: further values of the line, or lines\n"
+    "            behind it, which the library keeps only when the line gets shorter\n"
+    "            by two characters or more (blanks at its end give room)\n",
     run};
 
 }  // namespace programs

@@ -1,15 +1,18 @@
 #include <algorithm>
-#include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "programs/testtool/Command.h"
 #include "qmutils/config/QMIniFileC.h"
 #include "qmutils/data/QMGUIDEncryptC.h"
+#include "qmutils/platform/types.h"
 
 namespace programs {
 namespace {
@@ -43,7 +46,8 @@ std::string parse(const Arguments& arguments, Request& request) {
   const bool good = (action == "get" && count == 4) ||
                     (action == "set" && count == 5 && !request.hasDefault) ||
                     (action == "list" && (count == 2 || count == 3) && !request.hasDefault);
-  return good ? "" : "give get, set or list, a file, and what they want";
+  if (!good) return "give get, set or list, a file, and what they want";
+  return request.words[1].empty() ? "no file given" : "";
 }
 
 int complain(const std::string& complaint) {
@@ -52,24 +56,34 @@ int complain(const std::string& complaint) {
 }
 
 int report(QMErrorT result) {
-  return result == QMErrors::NoError ? kSuccess : complain(QMErrToStr(result));
+  return result == QMErrors::NoError ? kSuccess : complain(explained(result));
 }
 
-enum class Form { Missing, Unreadable, Plain, Encoded };
+bool isUtf16(const std::string& text) {
+  return text.starts_with("\xFF\xFE") || text.starts_with("\xFE\xFF");
+}
 
-/// Encoded files begin with a marker.
-Form formOf(const std::string& file) {
+/// Empty, or why the file will not do. Encoded files begin with a marker; one whose marker is
+/// damaged must not be written to as if it were plain.
+std::string inspect(const std::string& file, bool toSet, bool& isEncoded) {
   const std::filesystem::path path = toPath(file);
   std::error_code error;
-  if (!std::filesystem::exists(path, error)) return error ? Form::Unreadable : Form::Missing;
+  const std::filesystem::file_status status = std::filesystem::status(path, error);
+  if (status.type() == std::filesystem::file_type::not_found) {
+    return toSet ? "" : "there is no such file";
+  }
+  if (status.type() == std::filesystem::file_type::none) return error.message();
+  if (!is_regular_file(status)) return "this is no regular file";
   std::ifstream in(path, std::ios::binary);
-  if (!in || !std::filesystem::is_regular_file(path, error)) return Form::Unreadable;
+  if (!in) return std::generic_category().message(errno);
+  const std::string text(std::istreambuf_iterator<char>(in), {});
   std::ostringstream marker;
   marker << QMGUIDEncryptC::PRIVATE_GUID;
-  std::string head(marker.str().size(), '\0');
-  in.read(head.data(), static_cast<std::streamsize>(head.size()));
-  std::ranges::transform(head, head.begin(), [](unsigned char c) { return std::tolower(c); });
-  return head == marker.str() ? Form::Encoded : Form::Plain;
+  isEncoded = CString(text.substr(0, marker.str().size())).CompareNoCase(marker.str().c_str()) == 0;
+  if (isEncoded) return "";
+  const bool isText = isUtf16(text) || std::ranges::none_of(text, isControl);
+  if (!text.starts_with('{') && (isText || !toSet)) return "";
+  return "this is no settings file, or a damaged encoded one";
 }
 
 /// `*found` is false when there is no such key.
@@ -91,36 +105,37 @@ int get(QMIniFileC& file, const Request& request) {
   if (!found && !request.hasDefault) {
     return complain("there is no key '" + key + "' in section '" + section + "'");
   }
-  std::puts(found ? static_cast<const char*>(value) : request.defaultText.c_str());
+  std::puts(shownText(found ? value.view() : request.defaultText).c_str());
   return kSuccess;
 }
 
 int set(QMIniFileC& file, const Request& request) {
-  const QMErrorT result =
-      file.Write(request.words[2].c_str(), request.words[3].c_str(), request.words[4].c_str());
-  return report(result == QMErrors::NoError ? file.Save() : result);
-}
-
-QMErrorT printSection(QMIniFileC& file, const std::string& section) {
-  std::vector<CString> keys;
-  QMErrorT result = file.ListKeys(section.c_str(), keys);
-  for (std::size_t i = 0; i < keys.size() && result == QMErrors::NoError; ++i) {
-    bool found = false;
-    CString value;
-    result = read(file, section, static_cast<const char*>(keys[i]), &found, value);
-    if (found)
-      std::printf("%s=%s\n", static_cast<const char*>(keys[i]), static_cast<const char*>(value));
+  for (std::size_t i = 2; i < request.words.size(); ++i) {
+    if (std::ranges::any_of(request.words[i], isControl)) {
+      return complain("no section, key or value has control characters");
+    }
   }
-  return result;
+  QMErrorT result =
+      file.Write(request.words[2].c_str(), request.words[3].c_str(), request.words[4].c_str());
+  if (result == QMErrors::FailedToWriteToFile &&
+      QMErrors::lastOsError() == QMErrors::fromOsError(ERROR_INVALID_PARAMETER)) {
+    return complain(
+        "this could not be read back: no name or value has a line end, no key a '=' or a ';' or '['"
+        " at its beginning");
+  }
+  if (result == QMErrors::NoError) result = file.Save();
+  return report(result);
 }
 
 int list(QMIniFileC& file, const Request& request) {
-  if (request.words.size() == 3) return report(printSection(file, request.words[2]));
-  std::vector<CString> sections;
-  QMErrorT result = file.ListSections(sections);
-  for (std::size_t i = 0; i < sections.size() && result == QMErrors::NoError; ++i) {
-    if (!sections[i].IsEmpty()) std::printf("[%s]\n", static_cast<const char*>(sections[i]));
-    result = printSection(file, static_cast<const char*>(sections[i]));
+  const bool all = request.words.size() == 2;
+  std::vector<QMIniFileC::SectionS> sections;
+  const QMErrorT result = file.List(all ? nullptr : request.words[2].c_str(), sections);
+  for (const auto& [name, values] : sections) {
+    if (all && !name.IsEmpty()) std::printf("[%s]\n", shownText(name.view()).c_str());
+    for (const auto& [key, value] : values) {
+      std::printf("%s=%s\n", shownText(key.view()).c_str(), shownText(value.view()).c_str());
+    }
   }
   return report(result);
 }
@@ -130,10 +145,10 @@ int run(const Arguments& arguments) {
   const std::string complaint = parse(arguments, request);
   if (!complaint.empty()) return usageError(kIniCommand, complaint);
   const std::string &action = request.words[0], &name = request.words[1];
-  const Form form = formOf(name);
-  if (form == Form::Unreadable) return complain(name + ": cannot be read");
-  if (form == Form::Missing && action != "set") return complain(name + ": there is no such file");
-  QMIniFileC file(name.c_str(), form == Form::Encoded);
+  bool isEncoded = false;
+  const std::string problem = inspect(name, action == "set", isEncoded);
+  if (!problem.empty()) return complain(name + ": " + problem);
+  QMIniFileC file(name.c_str(), isEncoded);
   if (action == "get") return get(file, request);
   if (action == "set") return set(file, request);
   return list(file, request);

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -13,8 +14,8 @@ namespace programs {
 namespace {
 
 struct Request {
-  std::string action, name, value, type;
-  bool hasValue = false;
+  std::string action, name, value;
+  std::string type;  ///< empty: what the value looks like
   bool machine = false;
   bool both = false;
   bool named = false;  // a program, version or section was given
@@ -27,8 +28,27 @@ struct Request {
   std::string key() const { return maker() + "\\" + program + "\\" + version + "\\" + section; }
 };
 
+/// Empty, or what the action has too much or too little of.
+std::string takeWords(const std::vector<std::string>& words, Request& request) {
+  request.action = words.empty() ? "" : words[0];
+  const bool set = request.action == "set", get = request.action == "get";
+  if (!set && !get && request.action != "list" && request.action != "export") {
+    return "give list, get, set or export";
+  }
+  const std::size_t wanted = set ? 3 : get ? 2 : 1;
+  if (words.size() > wanted) return "unknown argument '" + words[wanted] + "'";
+  if (words.size() < wanted) return set ? "set wants a name and a value" : "get wants a name";
+  if (wanted > 1 && words[1].empty()) return "the name is empty";
+  if (wanted > 1) request.name = words[1];
+  if (wanted > 2) request.value = words[2];
+  if (!set && (request.both || !request.type.empty())) return "--both and --type belong to set";
+  if (request.both && request.machine) return "give --both or --machine";
+  return {};
+}
+
 /// Empty, or what is wrong with the command line.
 std::string parse(const Arguments& arguments, Request& request) {
+  std::vector<std::string> words;
   bool optionsEnded = false;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     const std::string& argument = arguments[i];
@@ -36,16 +56,7 @@ std::string parse(const Arguments& arguments, Request& request) {
     const char* const options[] = {"--program", "--version", "--section"};
     const auto option = std::ranges::find(options, argument);
     if (optionsEnded || !argument.starts_with("-")) {
-      if (request.action.empty()) {
-        request.action = argument;
-      } else if (request.name.empty()) {
-        request.name = argument;
-      } else if (!request.hasValue) {
-        request.value = argument;
-        request.hasValue = true;
-      } else {
-        return "unknown argument '" + argument + "'";
-      }
+      words.push_back(argument);
     } else if (argument == "--") {
       optionsEnded = true;
     } else if (argument == "--machine") {
@@ -53,7 +64,11 @@ std::string parse(const Arguments& arguments, Request& request) {
     } else if (argument == "--both") {
       request.both = true;
     } else if (argument == "--type") {
-      if (!takeValue(arguments, i, request.type)) return "--type wants number, text or float";
+      const char* const types[] = {"number", "text", "float"};
+      if (!takeValue(arguments, i, request.type) ||
+          std::ranges::find(types, request.type) == std::end(types)) {
+        return "--type wants number, text or float";
+      }
     } else if (option != std::end(options)) {
       if (!takeValue(arguments, i, *texts[option - options])) return argument + " wants a name";
       request.named = true;
@@ -61,25 +76,7 @@ std::string parse(const Arguments& arguments, Request& request) {
       return "unknown argument '" + argument + "'";
     }
   }
-  return {};
-}
-
-/// Empty, or what the action has too much or too little of.
-std::string checkAction(const Request& request) {
-  const bool set = request.action == "set", get = request.action == "get";
-  if (!set && !get && request.action != "list" && request.action != "export") {
-    return "give list, get, set or export";
-  }
-  if (set && !request.hasValue) return "set wants a name and a value";
-  if (get && (request.name.empty() || request.hasValue)) return "get wants a name";
-  if (!set && !get && !request.name.empty()) return "unknown argument '" + request.name + "'";
-  if (!set && (request.both || !request.type.empty())) return "--both and --type belong to set";
-  if (request.both && request.machine) return "give --both or --machine";
-  const char* const types[] = {"", "number", "text", "float"};
-  if (std::ranges::find(types, request.type) == std::end(types)) {
-    return "there is no type '" + request.type + "'";
-  }
-  return {};
+  return takeWords(words, request);
 }
 
 int failure(QMErrors::QMErrorT code) {
@@ -138,18 +135,31 @@ std::string shown(const Value& value) {
   return hexOf(value.data);
 }
 
-/// In quotes, with what ends them or a line escaped.
-std::string inQuotes(std::string_view text) {
-  std::string result = "\"";
+/// With control characters escaped.
+std::string onOneLine(std::string_view text) {
+  std::string line;
   for (const char c : text) {
-    if (c == '"' || c == '\\') result += '\\';
+    char code[8];
+    std::snprintf(code, sizeof code, "\\x%02x", static_cast<unsigned char>(c));
     if (c == '\n' || c == '\r') {
-      result += c == '\n' ? "\\n" : "\\r";
+      line += c == '\n' ? "\\n" : "\\r";
+    } else if (isControl(c)) {
+      line += code;
     } else {
-      result += c;
+      line += c;
     }
   }
-  return result + '"';
+  return line;
+}
+
+/// In quotes, with what ends them or a line escaped.
+std::string inQuotes(std::string_view text) {
+  std::string escaped;
+  for (const char c : text) {
+    if (c == '"' || c == '\\') escaped += '\\';
+    escaped += c;
+  }
+  return '"' + onOneLine(escaped) + '"';
 }
 
 /// As a program reads it.
@@ -192,7 +202,7 @@ QMErrors::QMErrorT forEachValue(HKEY key, const Use& use) {
 
 QMErrors::QMErrorT list(HKEY key) {
   return forEachValue(key, [](const std::string& name, const Value& value) {
-    std::printf("%s = %s\n", name.c_str(), shown(value).c_str());
+    std::printf("%s = %s\n", shownText(name).c_str(), shownText(shown(value)).c_str());
   });
 }
 
@@ -200,7 +210,7 @@ QMErrors::QMErrorT list(HKEY key) {
 QMErrors::QMErrorT exportTree(HKEY key, const std::string& path) {
   bool headed = false;
   QMErrors::QMErrorT result = forEachValue(key, [&](const std::string& name, const Value& value) {
-    if (!headed) std::printf("[%s]\n", path.c_str());
+    if (!headed) std::printf("[%s]\n", onOneLine(path).c_str());
     headed = true;
     std::printf("%s=%s\n", inQuotes(name).c_str(), exported(value).c_str());
   });
@@ -224,7 +234,7 @@ int get(HKEY key, const Request& request) {
     std::fprintf(stderr, "testtool prefs: there is no '%s'\n", request.name.c_str());
     return kFailure;
   }
-  std::printf("%s\n", shown(value).c_str());
+  std::printf("%s\n", shownText(shown(value)).c_str());
   return kSuccess;
 }
 
@@ -254,9 +264,30 @@ int readKey(const Request& request) {
 // ---- Writing ------------------------------------------------------------------------------------
 
 template <class Number>
-QMErrors::QMErrorT saveNumber(CQMPrefs& prefs, const Request& request, Number number) {
-  if (request.machine) return prefs.SaveAppParam(request.name.c_str(), number);
-  return prefs.SaveUsrParam(request.name.c_str(), number, request.both ? 1 : 0);
+int save(CQMPrefs& prefs, const Request& request, Number number) {
+  const char* const name = request.name.c_str();
+  QMErrors::QMErrorT result =
+      request.machine ? prefs.SaveAppParam(name, number) : prefs.SaveUsrParam(name, number, 0);
+  if (result == QMErrors::NoError && request.both) {
+    result = prefs.SaveUsrParam(name, number, 1);
+    if (result != QMErrors::NoError) {
+      std::fprintf(stderr, "testtool prefs: the user's was saved, the machine's was not\n");
+    }
+  }
+  return result == QMErrors::NoError ? kSuccess : failure(result);
+}
+
+/// Floating-point numbers are stored as texts of few digits.
+int saveFloat(CQMPrefs& prefs, const Request& request, double number) {
+  const int status = save(prefs, request, number);
+  if (status != kSuccess) return status;
+  const double stored = prefs.LoadUsrParam(request.name.c_str(), 0.0, request.machine ? 1 : 0);
+  if (stored != number) {
+    char text[32];
+    *std::to_chars(text, text + sizeof text - 1, stored).ptr = '\0';
+    std::fprintf(stderr, "testtool prefs: stored as %s\n", text);
+  }
+  return kSuccess;
 }
 
 int set(const Request& request) {
@@ -264,25 +295,24 @@ int set(const Request& request) {
   long long number = 0;
   double real = 0;
   const bool isInteger = parseNumber(request.value, -2147483648LL, 4294967295LL, number);
-  QMErrors::QMErrorT result;
-  if (request.type == "number" || (request.type.empty() && isInteger)) {
+  // "0042" is a text: somebody's serial number, perhaps.
+  const bool looksLikeNumber = isInteger && std::to_string(number) == request.value;
+  if (request.type == "number" || (request.type.empty() && looksLikeNumber)) {
     if (!isInteger) return usageError(kPrefsCommand, "'" + request.value + "' is no number");
-    result = saveNumber(prefs, request, static_cast<unsigned long>(static_cast<DWORD>(number)));
-  } else if (request.type == "float") {
+    return save(prefs, request, static_cast<unsigned long>(static_cast<DWORD>(number)));
+  }
+  if (request.type == "float") {
     if (!parseNumber(request.value, -1e300, 1e300, real)) {
       return usageError(kPrefsCommand, "'" + request.value + "' is no number");
     }
-    result = saveNumber(prefs, request, real);
-  } else {
-    result = saveNumber(prefs, request, request.value.c_str());
+    return saveFloat(prefs, request, real);
   }
-  return result == QMErrors::NoError ? kSuccess : failure(result);
+  return save(prefs, request, request.value.c_str());
 }
 
 int run(const Arguments& arguments) {
   Request request;
-  std::string complaint = parse(arguments, request);
-  if (complaint.empty()) complaint = checkAction(request);
+  const std::string complaint = parse(arguments, request);
   if (!complaint.empty()) return usageError(kPrefsCommand, complaint);
   return request.action == "set" ? set(request) : readKey(request);
 }
@@ -299,8 +329,9 @@ const Command kPrefsCommand = {
     "                   names it), with their keys and types\n"
     "  --machine        the machine's settings (the user's)\n"
     "  --both           set: the user's, and then the machine's as well\n"
-    "  --type TYPE      set: number (32 bits, shown without a sign), text or float; a number if\n"
-    "                   VALUE is a whole one, else a text\n"
+    "  --type TYPE      set: number (32 bits, shown without a sign), text or float (six digits\n"
+    "                   behind the point; with --machine six in all); a number if VALUE is a\n"
+    "                   whole one without leading zeros, else a text\n"
     "  --program NAME   whose settings (testtool)\n"
     "  --version TEXT   of which version (this one)\n"
     "  --section NAME   (Preferences)\n",

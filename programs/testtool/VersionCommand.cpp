@@ -1,8 +1,10 @@
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "programs/testtool/Command.h"
 #include "qmutils/app/CQMAppUtils.h"
+#include "qmutils/config/QMIniFileC.h"
 #include "qmutils/foundation/QMFileUtilsC.h"
 #include "qmutils/platform/icon.h"
 
@@ -11,9 +13,23 @@ namespace {
 
 constexpr UINT kResellersOnly = 0xFFFFFFFF;  // there is no icon of the program's own
 
+void print(const char* label, std::string_view text) {
+  std::printf("%-9s%s\n", label, shownText(text).c_str());
+}
+
 void print(const CString& company, const CString& product, const CString& version) {
-  std::printf("company  %s\nproduct  %s\nversion  %s\n", static_cast<const char*>(company),
-              static_cast<const char*>(product), static_cast<const char*>(version));
+  print("company", company.view());
+  print("product", product.view());
+  print("version", version.view());
+}
+
+/// The icon that a reseller's settings name, if there are any.
+const char* resellersIcon() {
+  CString folder;
+  if (CQMAppUtils::GetModulePath(folder, true) != QMErrors::NoError) return nullptr;
+  const CString settings = folder + "\\" + QMIniFileC::OEM_CONFIG_INI_FILE;
+  if (!CQMAppUtils::FileExists(settings)) return nullptr;
+  return qm::platform::iconPath(CQMAppUtils::LoadAppIcon(kResellersOnly));
 }
 
 int show(const std::string& path) {
@@ -36,13 +52,15 @@ int show(const std::string& path) {
 
 int run(const Arguments& arguments) {
   if (arguments.size() > 1) return usageError(kVersionCommand, "more than one file given");
+  if (!arguments.empty() && arguments[0].empty()) {
+    return usageError(kVersionCommand, "no file given");
+  }
   if (!arguments.empty() && arguments[0].starts_with("-")) {
     return usageError(kVersionCommand, "unknown argument '" + arguments[0] + "'");
   }
   if (!arguments.empty()) return show(arguments[0]);
   print(CQMAppUtils::GetCompanyName(), CQMAppUtils::GetProductName(), CQMAppUtils::GetVersion());
-  const char* const icon = qm::platform::iconPath(CQMAppUtils::LoadAppIcon(kResellersOnly));
-  if (icon != nullptr) std::printf("icon     %s\n", icon);
+  if (const char* const icon = resellersIcon()) print("icon", icon);
   return kSuccess;
 }
 

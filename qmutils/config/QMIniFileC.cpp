@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "qmutils/data/QMGUIDEncryptC.h"
 #include "qmutils/foundation/FileBuffer.h"
@@ -24,6 +25,13 @@ constexpr const char* kList = "QMIniFileC::List(): ";
 
 bool isOutOfMemory() { return qm::platform::lastError() == ERROR_NOT_ENOUGH_MEMORY; }
 
+/// Up to the first NUL, as texts end there.
+CString copyOf(const std::string& text) {
+  CString copy(text.c_str());
+  if (copy.IsEmpty() && text.c_str()[0] != '\0') throw std::bad_alloc();
+  return copy;
+}
+
 const char* lastErrorText() { return QMErrToStr(QMErrors::fromOsError(qm::platform::lastError())); }
 
 }  // namespace
@@ -37,7 +45,7 @@ QMIniFileC::~QMIniFileC() { Flush(); }
 
 QMErrorT QMIniFileC::Initialise() {
   if (m_bInitialised != 0) return QMErrors::NoError;
-  if (m_FilePath.c_str() == nullptr) return QMErrors::MemoryAllocationFailed;
+  if (m_FilePath.c_str() == nullptr) return qm::logNoMemory(kInitialise);
   if (m_bEncoded == 0) {
     m_WorkingPath = m_FilePath;
     m_bInitialised = 1;
@@ -50,7 +58,7 @@ QMErrorT QMIniFileC::Initialise() {
     return QMErrors::ResourceAllocationFailed;
   }
   auto path = qm::SharedText::copyOf(m_pTemporaryFile->path());
-  if (!path) return QMErrors::MemoryAllocationFailed;
+  if (!path) return qm::logNoMemory(kInitialise);
   m_WorkingPath = std::move(*path);
   const QMErrorT result = Decode();
   m_bInitialised = result == QMErrors::NoError;
@@ -88,28 +96,22 @@ QMErrorT QMIniFileC::Read(const char* section, const char* key, const CString* p
   return appended ? result : QMErrors::MemoryAllocationFailed;
 }
 
-/// The stream gives the default and takes the value.
-QMErrorT QMIniFileC::_Read(const char* section, const char* key, QMstrstream& stream) {
+/// The stream gives the default and takes the value; after a failure it has the default.
+QMErrorT QMIniFileC::_Read(const char* section, const char* key, QMstrstream& stream) try {
   const QMErrorT result = Initialise();
   if (result != QMErrors::NoError) return result;
   std::string text;
-  bool hasMemory = true;
   if (!qm::platform::readProfile(m_WorkingPath.c_str(), section, key, stream.text().data(),
                                  &text)) {
-    hasMemory = !isOutOfMemory();
-    if (hasMemory) {
-      qm::logWarning(0, kRead,
-                     "the default is taken, as this could not be read: ", m_WorkingPath.c_str(),
-                     ": ", lastErrorText());
-    }
+    if (isOutOfMemory()) throw std::bad_alloc();
+    qm::logWarning(0, kRead,
+                   "the default is taken, as this could not be read: ", m_WorkingPath.c_str(), ": ",
+                   lastErrorText());
   }
-  if (hasMemory) {
-    // A value ends at a NUL, as texts do.
-    stream.seekp(0);
-    stream << text.c_str() << std::ends;
-    hasMemory = stream.good();
-  }
-  if (hasMemory) return QMErrors::NoError;
+  text += '\0';
+  stream.str(std::move(text));
+  return QMErrors::NoError;
+} catch (const std::bad_alloc&) {
   qm::logError(kRead, "failed to create temporary string buffer");
   return QMErrors::MemoryAllocationFailed;
 }
@@ -133,42 +135,36 @@ QMErrorT QMIniFileC::_Write(const char* section, const char* key, QMstrstream& s
   return QMErrors::NoError;
 }
 
-template <class Lister>
-QMErrorT QMIniFileC::List(std::vector<CString>& names, Lister lister) try {
-  names.clear();
+QMErrorT QMIniFileC::List(const char* section, std::vector<SectionS>& sections) try {
+  sections.clear();
   const QMErrorT result = Initialise();
   if (result != QMErrors::NoError) return result;
-  std::vector<std::string> found;
-  if (!lister(&found)) {
+  std::vector<qm::platform::ProfileSection> found;
+  if (!qm::platform::listProfile(m_WorkingPath.c_str(), section, &found)) {
+    if (isOutOfMemory()) throw std::bad_alloc();
     qm::logError(kList, "failed reading from file: ", m_WorkingPath.c_str(), ": ", lastErrorText());
-    return isOutOfMemory() ? QMErrors::MemoryAllocationFailed : QMErrors::FailedToReadFromFile;
+    return QMErrors::FailedToReadFromFile;
   }
-  for (const std::string& name : found) names.emplace_back(name.c_str());
+  for (const auto& [name, values] : found) {
+    SectionS& copy = sections.emplace_back();
+    copy.name = copyOf(name);
+    for (const auto& [key, value] : values) copy.values.emplace_back(copyOf(key), copyOf(value));
+  }
   return QMErrors::NoError;
 } catch (const std::bad_alloc&) {
-  return QMErrors::MemoryAllocationFailed;
-}
-
-QMErrorT QMIniFileC::ListSections(std::vector<CString>& names) {
-  return List(names, [this](std::vector<std::string>* found) {
-    return qm::platform::listProfileSections(m_WorkingPath.c_str(), found);
-  });
-}
-
-QMErrorT QMIniFileC::ListKeys(const char* section, std::vector<CString>& names) {
-  return List(names, [this, section](std::vector<std::string>* found) {
-    return qm::platform::listProfileKeys(m_WorkingPath.c_str(), section, found);
-  });
+  sections.clear();
+  return qm::logNoMemory(kList);
 }
 
 QMErrorT QMIniFileC::Flush() {
   if (m_bInitialised == 0) return QMErrors::NoError;
   const QMErrorT result = m_bDirty != 0 ? Encode() : QMErrors::NoError;
+  if (result != QMErrors::NoError) return result;
   m_pTemporaryFile.reset();
   m_WorkingPath = {};
   m_bInitialised = 0;
   m_bDirty = 0;
-  return result;
+  return QMErrors::NoError;
 }
 
 /// Puts the decoded copy, encoded, in the place of the stored file, in one step.
@@ -179,11 +175,15 @@ QMErrorT QMIniFileC::Encode() try {
     qm::logError(kFlush, "failed to open file: ", path, ": ", lastErrorText());
     return QMErrors::FailedToOpenFile;
   }
+  // The stream may have read what was written by the path since.
+  std::fflush(m_pTemporaryFile->get());
   std::rewind(m_pTemporaryFile->get());
   qm::FileBuffer from(m_pTemporaryFile->get()), to(file.get());
   std::iostream source(&from), destination(&to);
   QMErrorT result = QMGUIDEncryptC::Encode(source, destination, QMGUIDEncryptC::PUBLIC_KEY);
-  if (result == QMErrors::NoError && !file.commit()) result = QMErrors::FailedToWriteToFile;
+  // After a write that failed, commit() sets the last error.
+  const bool wasTried = result == QMErrors::NoError || std::ferror(file.get()) != 0;
+  if (wasTried && !file.commit()) result = QMErrors::FailedToWriteToFile;
   if (result != QMErrors::NoError) qm::logError(kFlush, "failed encoding: ", path);
   return result;
 } catch (const std::bad_alloc&) {

@@ -1,11 +1,12 @@
 // Settings of a reseller's machine, or of anybody's: a file of sections and keys (INI file), plain
 // or encoded so that operators cannot edit it casually. A look-up in a plain file that has not
-// changed costs one question to the system; an encoded one is decoded at the first use of an
-// object. An object belongs to one thread at a time; any number of objects, threads and programs
-// may use one file. Nothing throws. A missing key or plain file is no failure. Codes: 2001 no
-// memory; 2011 no room for a text or for the decoded copy; 2055 a value that cannot be written;
-// 2056 a file that cannot be read; for encoded files also those of QMGUIDEncryptC. What fails with
-// a file is logged.
+// changed costs one question to the system; one in a file of more than half a megabyte, or that was
+// written less than 50 ms before (3 s where file times are whole seconds), reads it all. An encoded
+// one is decoded at the first use of an object. An object belongs to one thread at a time; any
+// number of objects, threads and programs may use one file. Nothing throws. A missing key or plain
+// file is no failure. Codes: 2001 no memory; 2011 no room for a text or for the decoded copy; 2055
+// a value that cannot be written; 2056 a file that cannot be read; for encoded files also those of
+// QMGUIDEncryptC. What fails with a file is logged.
 //
 //   QMIniFileC file(path, 1);   // encoded
 //   CString product;
@@ -16,6 +17,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "qmutils/foundation/QMErrors.h"
@@ -45,8 +47,8 @@ class QMUTILS_API QMIniFileC {
 
   /// Opens nothing yet; null is the file without a name, which is never there.
   QMIniFileC(const char* path, int bEncoded) noexcept;
-  /// Encodes what was written back into an encoded file; a failure is logged, and the stored file
-  /// is then the old one.
+  /// Encodes what was written back into an encoded file; a failure is logged, what was written is
+  /// lost then, and the stored file is the old one.
   ~QMIniFileC();
   QMIniFileC(const QMIniFileC&) = delete;
   QMIniFileC& operator=(const QMIniFileC&) = delete;
@@ -61,14 +63,18 @@ class QMUTILS_API QMIniFileC {
   /// change one encoded file at a time the last one wins. 2055 also for a value that would not read
   /// back (a line end in it, '=' in the key).
   QMErrors::QMErrorT Write(const char* section, const char* key, const char* value);
-  /// What the destructor does, for callers who want its code: 1001 and 2055 leave the stored file
-  /// as it was. The object can be used again.
+  /// What the destructor does, for callers who want its code. After a failure (1001 or 2055, with
+  /// the last error set; 2001) the stored file is as it was and the object still has the changes:
+  /// call it again. After success the object can be used again.
   QMErrors::QMErrorT Save() { return Flush(); }
 
-  /// The names of all sections, and of the keys of one section, in the order of the file. The
-  /// vector's content is replaced.
-  QMErrors::QMErrorT ListSections(std::vector<CString>& names);
-  QMErrors::QMErrorT ListKeys(const char* section, std::vector<CString>& names);
+  struct SectionS {
+    CString name;
+    std::vector<std::pair<CString, CString>> values;  ///< keys, and what they have
+  };
+  /// All sections, or the one of that name (none when it is missing), as they are at one moment and
+  /// in the order of the file. The vector's content is replaced; it is empty after a failure.
+  QMErrors::QMErrorT List(const char* section, std::vector<SectionS>& sections);
 
  private:
   QMErrors::QMErrorT Initialise();
@@ -78,8 +84,6 @@ class QMUTILS_API QMIniFileC {
   QMErrors::QMErrorT _Write(const char* section, const char* key, QMstrstream& stream);
   static std::unique_ptr<QMstrstream> GetStream() noexcept;
   QMErrors::QMErrorT Flush();
-  template <class Lister>
-  QMErrors::QMErrorT List(std::vector<CString>& names, Lister lister);
 
   qm::SharedText m_FilePath;     ///< none when there was no memory for it
   qm::SharedText m_WorkingPath;  ///< what the profile functions use: the file or its decoded copy

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <istream>
 #include <locale>
 #include <new>
@@ -58,7 +57,8 @@ QMReadCfgC::~QMReadCfgC() = default;
 
 QMErrorT QMReadCfgC::OpenFileName(const char* path) try {
   const qm::platform::FilePtr file(qm::platform::openFile(path, "r"));
-  if (file == nullptr) {
+  // A device may have no end.
+  if (file == nullptr || !qm::platform::isRegularFile(file.get())) {
     return fail(QMErrors::FailedToOpenFile, kOpen, "failed to open file: ", path);
   }
   std::optional<std::string> read = readAll(file.get());
@@ -95,7 +95,9 @@ QMErrorT QMReadCfgC::_ReadToken(const char* token, double* values, unsigned int 
   if (found == std::string_view::npos) return QMErrors::EndOfFileError;
   m_ReadPosition = found + searched.size();
 
-  qm::TextViewBuffer buffer(text.substr(m_ReadPosition));
+  // With its NUL, so that a number behind the last one fails as any other does, and is 0.
+  const std::string_view whole(text.data(), text.size() + 1);
+  qm::TextViewBuffer buffer(whole.substr(m_ReadPosition));
   std::istream stream(&buffer);
   stream.imbue(std::locale::classic());
   for (unsigned int i = 0; i < count; ++i) {
@@ -103,8 +105,7 @@ QMErrorT QMReadCfgC::_ReadToken(const char* token, double* values, unsigned int 
     qm::logError(kRead, "failed while reading object: ", i, " of ", count, ", ", values[i]);
     return QMErrors::FailedToReadFromFile;
   }
-  // Where a stream stands it does not say once it has met its end.
-  m_ReadPosition = text.size() - static_cast<std::size_t>(buffer.in_avail());
+  m_ReadPosition = whole.size() - static_cast<std::size_t>(buffer.in_avail());
   return QMErrors::NoError;
 }
 
@@ -161,8 +162,8 @@ QMErrorT QMReadCfgC::WriteBack() const try {
   if (file.get() == nullptr) {
     return fail(QMErrors::FailedToOpenFile, kClose, "failed to open file: ", path);
   }
-  const std::size_t size = std::strlen(m_pText->c_str());
-  if (std::fwrite(m_pText->data(), 1, size, file.get()) != size || !file.commit()) {
+  std::fputs(m_pText->c_str(), file.get());  // a failure is commit()'s
+  if (!file.commit()) {
     return fail(QMErrors::FailedToWriteToFile, kClose, "failed writing to file: ", path);
   }
   return QMErrors::NoError;

@@ -2,9 +2,12 @@
 // words stand before numbers, and nothing else; there are no sections, comments or quotes. It is
 // held in memory while it is open; a look-up searches the text from one place on. Numbers have the
 // form of the "C" locale. An object belongs to one thread at a time; copies may be used on
-// different threads. Nothing throws. Codes: 1001 nothing is open, or a file cannot be opened; 2001
-// no memory; 2007 no such token; 2055 and 2056 a file that cannot be written or read, 2056 also
-// for something that is no number. All but 2007 are logged.
+// different threads. Nothing throws. Codes: 1001 nothing is open, or a file cannot be opened or is
+// a device; 2001 no memory (not for ReadToken()); 2007 no such token; 2055 and 2056 a file that
+// cannot be written or read, 2056 also for something that is no number. All but 2007 are logged.
+//
+// A file is whole at any time, but whoever saves puts all of it in the place of what others have
+// saved since it was opened: the last one wins.
 //
 //   QMReadCfgC file;
 //   double factors[3];
@@ -36,8 +39,8 @@ class QMUTILS_API QMReadCfgC {
 
   /// Reads the `count` numbers behind the next place where the text holds `token`, be it in the
   /// middle of a longer word: with `bContinue` 0 the first place, else the next one behind what was
-  /// read last. Numbers before one that cannot be read (2056) are stored. With 2007 the place
-  /// stays.
+  /// read last. Numbers before one that cannot be read (2056) are stored, and that one is 0.
+  /// With 2007 the place stays.
   QMErrors::QMErrorT ReadToken(const char* token, double* values, unsigned int count,
                                int bContinue);
 
@@ -53,7 +56,8 @@ class QMUTILS_API QMReadCfgC {
                                 int bContinue);
 
   /// With `bWrite` the text is written back, up to its first NUL: the file is replaced in one step
-  /// and is the old one after a failure (1001, 2055). Nothing is open afterwards in any case.
+  /// and is the old one after a failure (1001 or 2055, with the last error set; 2001). Nothing is
+  /// open afterwards in any case.
   QMErrors::QMErrorT CloseFile(int bWrite);
 
  private:

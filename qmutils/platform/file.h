@@ -23,8 +23,11 @@ using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 /// The path in the system's own spelling.
 QMUTILS_API std::string nativePath(const char* path);
 
-/// As fopen(), close-on-exec.
+/// As fopen(), close-on-exec. Folders are error 5, and for reading so are pipes with a name, which
+/// would keep the caller waiting.
 std::FILE* openFile(const char* path, const char* mode) noexcept;
+/// False with error 5 for devices and pipes, which may have no end.
+bool isRegularFile(std::FILE* file) noexcept;
 /// True when both paths lead to the same file, by whatever names. False also when one cannot be
 /// found.
 bool isSameFile(const char* path, const char* other) noexcept;
@@ -50,7 +53,7 @@ bool lastWriteTime(const char* path, FILETIME* time) noexcept;
 bool createDirectory(const char* path) noexcept;
 
 /// Puts `temporary` in the place of `target` in one step: whatever happens, the target is the old
-/// file or the new one. The new file takes the target's mode and owner; a symbolic link is
+/// file or the new one. The new file takes the target's mode, owner and marks; a symbolic link is
 /// followed, not replaced. Refused with 5 when the target exists and could not be written.
 QMUTILS_API bool replaceFile(const char* temporary, const char* target) noexcept;
 /// False with 5 when `target` exists and is read-only or no regular file; asked before the

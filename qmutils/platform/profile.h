@@ -1,7 +1,8 @@
 // Settings files of sections and keys (INI files), read and written by key. A repeated look-up in a
 // file that nobody changes costs one question to the system and takes no file apart. Any thread may
-// call the functions; none throws. Where they fail they give false and set the last error (5
-// denied, or no regular file; 8 no memory; 87 what cannot be written).
+// call the functions; none throws. Where they fail they give false and set the last error (3 no
+// such folder; 5 denied, or no regular file; 8 no memory; 32 others are writing; 87 what cannot be
+// written; 112 disk full; 206 a path that is too long).
 //
 //   width=1000               a key before any section belongs to the section with the empty name
 //   [Drum]
@@ -18,6 +19,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qm::platform {
@@ -38,11 +40,15 @@ bool readProfile(const char* path, const char* section, const char* key, const c
 bool writeProfile(const char* path, const char* section, const char* key,
                   const char* value) noexcept;
 
-// The names of the sections, and of the keys of one section, in the order of the file and each
-// once, as they are first spelt. The empty section is listed when it has keys. A missing file or
-// section has none.
-bool listProfileSections(const char* path, std::vector<std::string>* names) noexcept;
-bool listProfileKeys(const char* path, const char* section,
-                     std::vector<std::string>* names) noexcept;
+struct ProfileSection {
+  std::string name;
+  std::vector<std::pair<std::string, std::string>> values;  ///< keys, and what they have
+};
+
+/// All sections, or the one of that name, as they are at one moment: in the order of the file, each
+/// name once as it is first spelt. The empty section is listed when it has keys. A missing file or
+/// section gives none.
+bool listProfile(const char* path, const char* section,
+                 std::vector<ProfileSection>* sections) noexcept;
 
 }  // namespace qm::platform

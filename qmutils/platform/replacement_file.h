@@ -7,8 +7,10 @@
 //   if (!file.commit()) return ...;                    // the old file is still there
 //
 // It is written beside the target, under the target's name with ".tmp". Any number of programs and
-// threads may replace one target at a time: one after the other does, and the last one wins. An
-// object belongs to one thread at a time. The constructor may throw std::bad_alloc.
+// threads may replace one target at a time, also through symbolic links, which are followed: one
+// after the other does, and the last one wins. Of a file with several names (hard links) only the
+// one that was given leads to the new file. An object belongs to one thread at a time. The
+// constructor may throw std::bad_alloc.
 #pragma once
 
 #include <cstdio>
@@ -21,7 +23,9 @@ namespace qm::platform {
 class ReplacementFile {
  public:
   /// Waits up to ten seconds for others who are replacing the target (then error 32), and removes
-  /// what a killed one has left. Error 5 for a target that mayReplaceFile() refuses.
+  /// what a killed one has left, unless another user has and we may not open it. Error 5 for a
+  /// target that mayReplaceFile() refuses. From the beginning, nobody may read the file who may not
+  /// read the target.
   explicit ReplacementFile(const char* target);
   /// Removes the file unless it was committed. Until here it is locked, also under the target's
   /// name.
@@ -34,7 +38,8 @@ class ReplacementFile {
   /// The name it is written under.
   const char* name() const noexcept { return temporary_.c_str(); }
   /// Writes everything to the disk and puts the file in the target's place, as replaceFile() does.
-  /// Error 32 when somebody has taken the file away meanwhile.
+  /// Error 32 when somebody has taken the file away meanwhile; after a write that failed, its error
+  /// or 29.
   bool commit() noexcept;
 
  private:

@@ -1,5 +1,5 @@
 // A file without a name, for data that nobody else shall see: it is in no folder, and it is gone
-// with the object, also when the program is killed.
+// with the object, also when the program is killed (and, after a fork, the child too).
 //
 // An object belongs to one thread at a time. Nothing throws.
 #pragma once
@@ -24,7 +24,7 @@ class TemporaryFile {
 
  private:
   FilePtr file_;
-  char path_[32] = "";
+  char path_[40] = "";
 };
 
 }  // namespace qm::platform

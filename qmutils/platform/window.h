@@ -62,7 +62,7 @@ QMUTILS_API bool sendMessage(HWND window, UINT message, WPARAM wParam, LPARAM lP
 
 /// A window of that class and title, null standing for any; first among those of this program
 /// unless it is to be another one's. Null with last error 2 when there is none, with another one
-/// when that is not certain: a program that does not answer within a second is passed over (1460).
+/// when that is not certain: a program that does not answer within 3 s is passed over (1460).
 QMUTILS_API HWND findWindow(const char* className, const char* title, bool ofOthers) noexcept;
 /// False with 1400 when there is no such window (any more); with another error nobody knows.
 QMUTILS_API bool isWindow(HWND window) noexcept;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <sstream>
@@ -19,7 +20,18 @@ namespace {
 namespace fs = std::filesystem;
 using QMErrors::NoError;
 using QMErrors::QMErrorT;
-using Names = std::vector<CString>;
+using Sections = std::vector<QMIniFileC::SectionS>;
+
+std::string textOf(const Sections& sections) {
+  std::string text;
+  for (const auto& [name, values] : sections) {
+    text.append("[").append(name.view()).append("]\n");
+    for (const auto& [key, value] : values) {
+      text.append(key.view()).append("=").append(value.view()).append("\n");
+    }
+  }
+  return text;
+}
 
 /// Runs `work` under a limit of the process.
 template <class Work>
@@ -99,11 +111,13 @@ TEST_P(IniFile, WritesArriveTogetherInAnEncodedFile) {
     EXPECT_EQ(stored(), "; c\n[s]\nk=2\n[t]\nk=\n");
     EXPECT_EQ(file.Write("t", "l", "3"), NoError) << "it can be used again";
     EXPECT_EQ(file.Write("t", "a=b", "3"), QMErrors::FailedToWriteToFile);
-    Names names;
-    EXPECT_EQ(file.ListSections(names), NoError);
-    EXPECT_EQ(names, (Names{"s", "t"}));
-    EXPECT_EQ(file.ListKeys("T", names), NoError);
-    EXPECT_EQ(names, (Names{"k", "l"}));
+    Sections sections;
+    EXPECT_EQ(file.List(nullptr, sections), NoError);
+    EXPECT_EQ(textOf(sections), "[s]\nk=2\n[t]\nk=\nl=3\n");
+    EXPECT_EQ(file.List("T", sections), NoError);
+    EXPECT_EQ(textOf(sections), "[t]\nk=\nl=3\n");
+    EXPECT_EQ(file.List("none", sections), NoError);
+    EXPECT_EQ(textOf(sections), "");
   }
   EXPECT_EQ(stored(), "; c\n[s]\nk=2\n[t]\nk=\nl=3\n");
   EXPECT_TRUE(log_.text().starts_with(" ERROR: QMIniFileC::_Write(): Failed to write to: " +
@@ -117,7 +131,11 @@ TEST_P(IniFile, AFileThatCannotBeWrittenStaysAsItWas) {
   auto file = std::make_unique<QMIniFileC>(path_.c_str(), bEncoded_);
   if (bEncoded_ != 0) {
     EXPECT_EQ(file->Write("s", "k", large.c_str()), NoError);
-    limited(RLIMIT_FSIZE, 4096, [&] { file.reset(); });
+    limited(RLIMIT_FSIZE, 4096, [&] {
+      EXPECT_EQ(file->Save(), QMErrors::FailedToWriteToFile);
+      EXPECT_EQ(QMErrors::lastOsError(), QMErrors::fromOsError(223)) << "too large";
+      file.reset();
+    });
     EXPECT_TRUE(log_.contains(" ERROR: QMIniFileC::Flush(): failed encoding: " + path_ + "\n"));
   } else {
     limited(RLIMIT_FSIZE, 4096, [&] {
@@ -132,6 +150,11 @@ TEST_P(IniFile, AFileThatCannotBeWrittenStaysAsItWas) {
   EXPECT_EQ(file->Write("s", "k", "2"), bEncoded_ != 0 ? NoError : QMErrors::FailedToWriteToFile);
   EXPECT_EQ(file->Save(), bEncoded_ != 0 ? QMErrors::FailedToOpenFile : NoError);
   EXPECT_EQ(qmtest::readFile(path_), before);
+  EXPECT_EQ(QMErrors::lastOsError(), QMErrors::fromOsError(ERROR_ACCESS_DENIED));
+  fs::permissions(path_, fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(file->Write("s", "l", "3"), NoError);
+  EXPECT_EQ(file->Save(), NoError) << "what could not be saved is not lost";
+  EXPECT_EQ(stored(), bEncoded_ != 0 ? "[s]\nk=2\nl=3\n" : "[s]\nk=1\nl=3\n");
 }
 
 TEST_P(IniFile, AMissingOrBrokenFileGivesTheDefault) {
@@ -171,19 +194,22 @@ TEST_P(IniFile, WithoutMemoryThereIsACodeAndTheOldFile) {
   for (int n = 1; failed; ++n) {
     store(before);
     CString seen;
-    QMErrorT codes[3];
+    Sections sections;
+    QMErrorT codes[4];
     {
       const qmtest::FailingAllocation nth(n);
       QMIniFileC file(path_.c_str(), bEncoded_);
       codes[0] = file.Read("s", "k", nullptr, seen);
       codes[1] = file.Write("s", "k", "2");
       codes[2] = file.Save();
+      codes[3] = file.List(nullptr, sections);
       failed = nth.hasFailed();
     }
-    const bool saved = codes[1] == NoError && codes[2] == NoError;
-    EXPECT_EQ(codes[0] == NoError, seen.view() == value) << n;
-    EXPECT_EQ(stored(), saved ? "[s]\nk=2\n" : before) << n;
-    EXPECT_EQ(failed, codes[0] != NoError || !saved) << n;
+    const char* const after = codes[1] == NoError ? "[s]\nk=2\n" : before.c_str();
+    EXPECT_EQ(seen.view(), codes[0] == NoError ? value : "") << n;
+    EXPECT_EQ(stored(), after) << n << ": the destructor has saved what Save() could not";
+    EXPECT_EQ(textOf(sections), codes[3] == NoError ? after : "") << n;
+    EXPECT_EQ(failed, std::ranges::count(codes, NoError) < 4) << n;
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
@@ -75,6 +76,7 @@ TEST_F(ReadCfg, ReadsTheNumbersBehindATokenWhereverItIs) {
             " ERROR: QMReadCfgC::ReadToken(): failed while reading object: 2 of 3, 0\n");
   EXPECT_EQ(file.ReadToken(" 1", values, 1, 1), NoError) << "it stands behind the token";
   EXPECT_EQ(file.ReadToken("8", values, 1, 0), kUnread) << "the text has ended";
+  EXPECT_EQ(values[0], 0) << "as for any that cannot be read";
   // The place outlives the file.
   qmtest::writeFile(path_, "8 9");
   EXPECT_EQ(file.OpenFileName(path_.c_str()), NoError);
@@ -162,6 +164,11 @@ TEST_F(ReadCfg, FailuresAreNamedAndLeaveWhatIsThere) {
                 "CloseFile(): NULL == m_pFileName - nothing to close!!!: \n ERROR: " + label +
                 "OpenFileName(): failed to open file: " + none + "\n ERROR: " + label +
                 "OpenFileName(): failed reading from file: /proc/self/mem\n");
+  const std::string pipe = folder_.file("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  for (const std::string& endless : {std::string("/dev/zero"), pipe}) {
+    EXPECT_EQ(file.OpenFileName(endless.c_str()), kUnopened) << endless;
+  }
   EXPECT_EQ(file.ReadToken("A", &value, 1, 0), NoError) << "the first file is still open";
 
   log_.clear();

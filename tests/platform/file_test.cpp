@@ -63,6 +63,8 @@ TEST_F(Files, EachFailureHasItsNumber) {
   }
   EXPECT_FALSE(fs::exists(to));
   EXPECT_EQ(errorOf([&] { return openFile(nullptr, "r") != nullptr; }), 3u);
+  ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+  EXPECT_EQ(errorOf([&] { return opens(path("pipe"), "rb"); }), 5u) << "and does not wait";
   EXPECT_EQ(errorOf([&] { return createDirectory(folder_.path().c_str()); }), 183u);
   EXPECT_EQ(errorOf([&] { return createDirectory(path("none/below").c_str()); }), 3u);
   EXPECT_EQ(errorOf([&] { return createFileExclusively(path("file").c_str()) != nullptr; }), 80u);
@@ -80,6 +82,19 @@ TEST_F(Files, BothSeparatorsOpenAPath) {
   FilePtr file(openFile(mixed.c_str(), "r+b"));
   ASSERT_NE(file, nullptr);
   EXPECT_TRUE(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC);
+}
+
+TEST_F(Files, PipesAndDevicesThatWereHandedOverOpen) {
+  EXPECT_TRUE(opens("/dev/null", "r+"));
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const FilePtr file(openFile(("/proc/self/fd/" + std::to_string(ends[0])).c_str(), "r"));
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(errorOf([&] { return isRegularFile(file.get()); }), 5u);
+  EXPECT_EQ(fcntl(fileno(file.get()), F_GETFL) & O_NONBLOCK, 0) << "its reader waits";
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  EXPECT_EQ(std::fgetc(file.get()), 'x');
+  for (const int end : ends) close(end);
 }
 
 TEST_F(Files, AttributesKeepMarksAndReadOnly) {
@@ -177,9 +192,10 @@ TEST_F(Files, CopiesCarryContentPermissionsTimeAndMarks) {
   EXPECT_EQ(errorOf([&] { return copyFile(from.c_str(), folder_.path().c_str(), false); }), 5u);
 }
 
-TEST_F(Files, ReplacingTakesModeFollowsLinksAndRefusesReadOnly) {
+TEST_F(Files, ReplacingTakesModeAndMarksFollowsLinksAndRefusesReadOnly) {
   const std::string fresh = path("fresh"), target = path("target"), link = path("link");
   writeFile(target, "old");
+  ASSERT_TRUE(setFileAttributes(target.c_str(), FILE_ATTRIBUTE_HIDDEN));
   chmod(target.c_str(), 0604);
   fs::create_symlink("target", link);
   writeFile(fresh, "new");
@@ -188,6 +204,7 @@ TEST_F(Files, ReplacingTakesModeFollowsLinksAndRefusesReadOnly) {
   EXPECT_EQ(readFile(target), "new");
   EXPECT_TRUE(fs::is_symlink(link));
   EXPECT_EQ(fs::status(target).permissions(), fs::perms(0604));
+  EXPECT_EQ(fileAttributes(target.c_str()), FILE_ATTRIBUTE_HIDDEN);
   EXPECT_FALSE(fs::exists(fresh));
 
   fs::create_symlink(path("to be made"), path("dangling"));

@@ -1,13 +1,17 @@
 #include "qmutils/platform/replacement_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "qmutils/platform/error.h"
@@ -22,7 +26,9 @@ class ReplacementFileTest : public testing::Test {
  protected:
   bool replaceBy(const std::string& content) const {
     ReplacementFile file(target_.c_str());
-    return file.get() != nullptr && std::fputs(content.c_str(), file.get()) >= 0 && file.commit();
+    if (file.get() == nullptr) return false;
+    std::fputs(content.c_str(), file.get());
+    return file.commit();
   }
 
   qmtest::TempFolder folder_;
@@ -48,6 +54,49 @@ TEST_F(ReplacementFileTest, LeavesTheOldFileUntilTheNewOneIsComplete) {
   }
   EXPECT_EQ(qmtest::readFile(temporary_), "somebody else's");
   EXPECT_EQ(qmtest::readFile(target_), "one");
+}
+
+TEST_F(ReplacementFileTest, IsAsSecretAsItsTarget) {
+  for (const mode_t mode : {0600, 0640, 0604}) {
+    qmtest::writeFile(target_, "old");
+    chmod(target_.c_str(), mode);
+    const ReplacementFile file(target_.c_str());
+    EXPECT_EQ(fs::status(temporary_).permissions(), fs::perms(mode)) << "from the beginning";
+  }
+}
+
+TEST_F(ReplacementFileTest, WaitsForAnotherUser) {
+  if (geteuid() != 0) GTEST_SKIP() << "takes a second user";
+  qmtest::writeFile(target_, "old");
+  chmod(target_.c_str(), 0666);
+  chmod(folder_.path().c_str(), 0777);
+  ReplacementFile file(target_.c_str());
+  chmod(temporary_.c_str(), 0600);
+  const pid_t child = fork();
+  if (child == 0) {
+    constexpr uid_t kNobody = 65534;
+    _exit(setgid(kNobody) == 0 && setuid(kNobody) == 0 && replaceBy("second") ? 0 : 1);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // in which the child can do harm
+  EXPECT_TRUE(file.commit());
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(qmtest::readFile(target_), "second");
+}
+
+TEST_F(ReplacementFileTest, TellsWhyAWriteHasFailed) {
+  ASSERT_TRUE(replaceBy("old"));
+  rlimit former{};
+  getrlimit(RLIMIT_FSIZE, &former);
+  const auto formerHandler = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit small{4096, former.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_FALSE(replaceBy(std::string(100'000, 'x')));
+  EXPECT_EQ(qm::platform::lastError(), 223u) << "too large";
+  setrlimit(RLIMIT_FSIZE, &former);
+  std::signal(SIGXFSZ, formerHandler);
+  EXPECT_EQ(qmtest::readFile(target_), "old");
 }
 
 TEST_F(ReplacementFileTest, WhatHasTheNameAlreadyIsNotWrittenTo) {

@@ -1,19 +1,21 @@
 #include "qmutils/platform/file.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/descriptor.h"
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/file_marks.h"
+#include "qmutils/platform/posix/file_replacing.h"
 #include "qmutils/platform/posix/native_path.h"
 #include "qmutils/platform/posix/unix_time.h"
 
@@ -127,37 +129,40 @@ bool copyProperties(int from, const struct stat& source, const CopyTarget& targe
          allowed(futimens(file, times) == 0);
 }
 
-/// Follows symbolic links, also to a file that does not exist yet; false with the last error set.
-bool resolveLinks(NativePath* path) noexcept {
-  constexpr int kMaxLinks = 40;
-  for (int links = 0; links < kMaxLinks; ++links) {
-    char target[PATH_MAX];
-    const ssize_t length = readlink(path->c_str(), target, sizeof target - 1);
-    if (length < 0) return errno == EINVAL || errno == ENOENT || failOnPath(path->c_str());
-    target[length] = '\0';
-    const char* separator = target[0] == '/' ? nullptr : std::strrchr(path->c_str(), '/');
-    const std::size_t kept =
-        separator == nullptr ? 0 : static_cast<std::size_t>(separator - path->c_str()) + 1;
-    if (kept + static_cast<std::size_t>(length) >= PATH_MAX) {
-      return failWith(ERROR_FILENAME_EXCED_RANGE);
-    }
-    std::memcpy(path->data() + kept, target, static_cast<std::size_t>(length) + 1);
-  }
-  return failWithErrno(ELOOP);
+/// Gives a new file the marks of the one it replaces, as far as its file system keeps any.
+bool takeMarks(const char* path, const char* target) noexcept {
+  const DWORD marks = readMarks(target);
+  if (hasMarks(path, marks)) return true;
+  struct stat status;
+  if (stat(path, &status) != 0) return failOnPath(path);
+  return writeMarksAs(path, marks, status.st_mode) || lastError() == ERROR_NOT_SUPPORTED;
 }
 
-/// Gives the file mode and owner of the one it replaces. Only the superuser can give a file away;
-/// for others a foreign target becomes theirs, with the group kept where they belong to it.
-bool takeModeAndOwner(int file, const struct stat& target) noexcept {
-  struct stat own;
-  if (fstat(file, &own) != 0) return failWithErrno(errno);
-  mode_t mode = target.st_mode & 07777;
-  const bool differs = own.st_uid != target.st_uid || own.st_gid != target.st_gid;
-  if (differs && fchown(file, target.st_uid, target.st_gid) != 0 &&
-      fchown(file, static_cast<uid_t>(-1), target.st_gid) != 0) {
-    mode &= 0777;
+/// True for a pipe that has a name in a folder, to which perhaps nobody ever writes. One that was
+/// handed to the program ("/dev/stdin") is a source like others.
+bool isNamedPipe(int file, const struct stat& status) noexcept {
+  struct statfs system;
+  return S_ISFIFO(status.st_mode) && (fstatfs(file, &system) != 0 || system.f_type != PIPEFS_MAGIC);
+}
+
+/// As fopen() in the modes that want a file to be there, but without waiting to open it.
+std::FILE* openExisting(const char* path, const char* mode) noexcept {
+  const int access = std::strchr(mode, '+') != nullptr ? O_RDWR : O_RDONLY;
+  Descriptor file(open(path, access | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  struct stat status;
+  if (!file.isOpen()) {
+    failOnPath(path);
+  } else if (fstat(file.get(), &status) != 0 || fcntl(file.get(), F_SETFL, 0) != 0) {
+    failWithErrno(errno);
+  } else if (isFolder(status) || isNamedPipe(file.get(), status)) {
+    failWith(ERROR_ACCESS_DENIED);
+  } else if (std::FILE* const stream = fdopen(file.get(), mode)) {
+    file.release();
+    return stream;
+  } else {
+    failWithErrno(errno);
   }
-  return fchmod(file, mode) == 0 || failWithErrno(errno);
+  return nullptr;
 }
 
 /// Moves `temporary` over `target` when a symbolic link leads to another file system, where a
@@ -170,8 +175,8 @@ bool replaceAcrossFileSystems(const char* temporary, const char* target) noexcep
   std::snprintf(beside, sizeof beside, "%s.XXXXXX", target);
   const Descriptor to(mkostemp(beside, O_CLOEXEC));
   if (!to.isOpen()) return failOnPath(target);
-  if (copyContent(from.get(), to.get()) && takeModeAndOwner(to.get(), source) &&
-      fsync(to.get()) == 0 && rename(beside, target) == 0) {
+  if (copyContent(from.get(), to.get()) && copyMarks(from.get(), to.get()) &&
+      takeModeAndOwner(to.get(), source) && fsync(to.get()) == 0 && rename(beside, target) == 0) {
     unlink(temporary);
     return true;
   }
@@ -191,17 +196,18 @@ std::FILE* openFile(const char* path, const char* mode) noexcept {
     failWith(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
+  if (mode[0] == 'r') return openExisting(native.c_str(), mode);
   char closeOnExec[32];
   std::snprintf(closeOnExec, sizeof closeOnExec, "%ce%s", mode[0], mode + 1);
   FilePtr file(std::fopen(native.c_str(), closeOnExec));
-  struct stat status;
-  if (file == nullptr) {
-    failOnPath(native.c_str());
-  } else if (fstat(fileno(file.get()), &status) == 0 && isFolder(status)) {
-    failWith(ERROR_ACCESS_DENIED);
-    file.reset();
-  }
+  if (file == nullptr) failOnPath(native.c_str());
   return file.release();
+}
+
+bool isRegularFile(std::FILE* file) noexcept {
+  struct stat status;
+  if (fstat(fileno(file), &status) != 0) return failWithErrno(errno);
+  return S_ISREG(status.st_mode) || failWith(ERROR_ACCESS_DENIED);
 }
 
 std::FILE* createFileExclusively(const char* path) noexcept {
@@ -325,6 +331,7 @@ bool replaceFile(const char* temporary, const char* target) noexcept {
   if (stat(destination.c_str(), &status) == 0) {
     const Descriptor file(open(source.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.isOpen()) return failOnPath(source.c_str());
+    if (!takeMarks(source.c_str(), destination.c_str())) return false;
     if (!takeModeAndOwner(file.get(), status)) return false;
   }
   if (rename(source.c_str(), destination.c_str()) == 0) return true;

@@ -117,24 +117,20 @@ std::optional<std::string> changedContent(const NativePath& path, const char* se
 }
 
 bool changeFile(const NativePath& path, const char* section, const char* key, const char* value) {
-  // All writers of a file must meet at the same temporary, whichever links they come by.
-  char resolved[PATH_MAX];
-  const char* const target = realpath(path.c_str(), resolved);
   struct stat status;
-  const bool isThere = stat(path.c_str(), &status) == 0;
-  if (isThere && target == nullptr && status.st_nlink == 0) {
+  char resolved[PATH_MAX];
+  if (stat(path.c_str(), &status) == 0 && status.st_nlink == 0 &&
+      realpath(path.c_str(), resolved) == nullptr) {
     // A TemporaryFile: there is no name under which another file could take its place.
     const auto content = changedContent(path, section, key, value);
     return content && rewrite(path, *content);
   }
-  ReplacementFile file(target != nullptr ? target : path.c_str());
+  ReplacementFile file(path.c_str());
   if (file.get() == nullptr) return false;
   // Read only now that nobody else is changing it.
   const auto content = changedContent(path, section, key, value);
   if (!content) return false;
-  if (std::fwrite(content->data(), 1, content->size(), file.get()) != content->size()) {
-    return failWithErrno(errno);
-  }
+  std::fwrite(content->data(), 1, content->size(), file.get());  // a failure is commit()'s
   return file.commit();
 }
 
@@ -162,21 +158,12 @@ bool writeProfile(const char* path, const char* section, const char* key,
   return native.ok() && guarded([&] { return changeFile(native, section, key, value); });
 }
 
-bool listProfileSections(const char* path, std::vector<std::string>* names) noexcept {
-  names->clear();
+bool listProfile(const char* path, const char* section,
+                 std::vector<ProfileSection>* sections) noexcept {
+  sections->clear();
   return guarded([&] {
     const SharedProfile profile = profileOf(path);
-    if (profile != nullptr) *names = profile->sectionNames();
-    return profile != nullptr;
-  });
-}
-
-bool listProfileKeys(const char* path, const char* section,
-                     std::vector<std::string>* names) noexcept {
-  names->clear();
-  return guarded([&] {
-    const SharedProfile profile = profileOf(path);
-    if (profile != nullptr && section != nullptr) *names = profile->keyNames(section);
+    if (profile != nullptr) *sections = profile->list(section);
     return profile != nullptr;
   });
 }

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <utility>
 
+#include "qmutils/platform/posix/file_stamp.h"
 #include "qmutils/platform/suspension_deferral.h"
 
 namespace qm::platform::posix {
@@ -15,40 +16,9 @@ namespace {
 
 constexpr off_t kLargest = off_t{512} * 1024;
 
-constexpr std::int64_t nanoseconds(const timespec& time) noexcept {
-  return time.tv_sec * std::int64_t{1'000'000'000} + time.tv_nsec;
-}
-
-/// What differs after every change of a file. Nobody can set the time of the last change of status
-/// back, as the time of the last write can be.
-struct Stamp {
-  explicit Stamp(const struct stat& status) noexcept
-      : device(status.st_dev),
-        inode(status.st_ino),
-        size(status.st_size),
-        written(nanoseconds(status.st_mtim)),
-        changed(nanoseconds(status.st_ctim)) {}
-  Stamp() noexcept = default;
-  bool operator==(const Stamp&) const = default;
-
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  std::int64_t written = 0;
-  std::int64_t changed = 0;
-};
-
-/// False when the file may change once more without another time: the clock of file times stands
-/// still for up to 10 ms, and where it counts in seconds for up to two of them.
-bool isSettled(const Stamp& stamp, const timespec& time) noexcept {
-  constexpr std::int64_t kMillisecond = 1'000'000;
-  const bool coarse = stamp.written % kMillisecond == 0 || stamp.changed % kMillisecond == 0;
-  return nanoseconds(time) - stamp.changed > (coarse ? 3000 : 50) * kMillisecond;
-}
-
 struct Cache {
   struct Entry {
-    Stamp stamp;
+    FileStamp stamp;
     SharedProfile text;
     std::uint64_t lastUse = 0;
   };
@@ -70,9 +40,9 @@ Cache& cache() {
 }  // namespace
 
 SharedProfile knownProfile(const struct stat& status) {
-  const Stamp stamp(status);
+  const FileStamp stamp(status);
+  const SuspensionDeferral deferral;  // also while the first call makes the cache
   Cache& known = cache();
-  const SuspensionDeferral deferral;
   const std::lock_guard lock(known.mutex);
   for (Cache::Entry& entry : known.entries) {
     if (entry.text == nullptr || entry.stamp != stamp) continue;
@@ -83,11 +53,11 @@ SharedProfile knownProfile(const struct stat& status) {
 }
 
 void rememberProfile(const struct stat& status, const timespec& time, const SharedProfile& text) {
-  const Stamp stamp(status);
+  const FileStamp stamp(status);
   if (stamp.size > kLargest || !isSettled(stamp, time)) return;
-  Cache& known = cache();
   SharedProfile given = text;  // then the one that has to go, destroyed outside of the lock
   const SuspensionDeferral deferral;
+  Cache& known = cache();
   const std::lock_guard lock(known.mutex);
   Cache::Entry& oldest = *std::ranges::min_element(known.entries, {}, &Cache::Entry::lastUse);
   oldest.stamp = stamp;

@@ -1,8 +1,8 @@
 // INI files that were read lately, by what the system says about the file: a look-up in a file that
 // has not changed takes none apart. For platform/posix/ only.
 //
-// At most eight files of half a megabyte stay in memory until the process ends. Any thread may
-// call the functions.
+// At most eight files of half a megabyte stay in memory until the process ends; what a file is
+// taken apart into can be a few times as large. Any thread may call the functions.
 #pragma once
 
 #include <sys/stat.h>

@@ -257,16 +257,16 @@ std::optional<std::string_view> ProfileText::find(std::string_view section,
   return found->second;
 }
 
-std::vector<std::string> ProfileText::sectionNames() const {
-  std::vector<std::string> names;
-  for (const Section& section : sections_) names.emplace_back(section.name);
-  return names;
-}
-
-std::vector<std::string> ProfileText::keyNames(std::string_view section) const {
-  const Section* const listed = sectionNamed(section);
-  if (listed == nullptr) return {};
-  return {listed->keys.begin(), listed->keys.end()};
+std::vector<ProfileSection> ProfileText::list(const char* section) const {
+  const Section* const only = section != nullptr ? sectionNamed(section) : nullptr;
+  std::vector<ProfileSection> listed;
+  for (const Section& each : sections_) {
+    if (section != nullptr && &each != only) continue;
+    ProfileSection& copy = listed.emplace_back();
+    copy.name = each.name;
+    for (const std::string_view key : each.keys) copy.values.emplace_back(key, each.values.at(key));
+  }
+  return listed;
 }
 
 std::optional<std::string> withValue(const std::string& bytes, std::string_view section,

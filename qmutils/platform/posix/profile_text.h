@@ -9,6 +9,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "qmutils/platform/profile.h"
+
 namespace qm::platform::posix {
 
 /// Names are compared without regard to the case of A-Z.
@@ -30,8 +32,8 @@ class ProfileText {
 
   /// Nothing when there is no such key. Valid as long as the object.
   std::optional<std::string_view> find(std::string_view section, std::string_view key) const;
-  std::vector<std::string> sectionNames() const;
-  std::vector<std::string> keyNames(std::string_view section) const;
+  /// All sections, or the one of that name if it is there.
+  std::vector<ProfileSection> list(const char* section) const;
 
  private:
   struct Section {

@@ -10,6 +10,7 @@
 
 #include "qmutils/platform/posix/descriptor.h"
 #include "qmutils/platform/posix/errno_translation.h"
+#include "qmutils/platform/posix/file_replacing.h"
 #include "qmutils/platform/posix/native_path.h"
 
 namespace qm::platform {
@@ -39,10 +40,13 @@ enum class Found { Gone, InUse, Stuck };
 
 /// Looks at what has the name already.
 Found removeLeftover(const char* name) noexcept {
-  const Descriptor found(open(name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  Descriptor found(open(name, O_RDONLY | kFlags));
+  if (!found.isOpen() && errno == EACCES) found = Descriptor(open(name, O_WRONLY | kFlags));
   if (!found.isOpen()) {
-    if (errno == ENOENT) return Found::Gone;  // what has the name by now is somebody's
-    // A link, or a file that we may not read: nobody else replaces the target by that.
+    if (errno == ENOENT) return Found::Gone;   // what has the name by now is somebody's
+    if (errno == EACCES) return Found::InUse;  // another user's, whose lock we cannot ask for
+    // A link, or something else that nobody replaces the target by.
     return removeName(name) ? Found::Gone : Found::Stuck;
   }
   if (!lock(found.get())) return Found::InUse;
@@ -50,21 +54,25 @@ Found removeLeftover(const char* name) noexcept {
   return removeName(name) ? Found::Gone : Found::Stuck;
 }
 
-/// A new file of that name, locked. Null with the last error set.
-std::FILE* createLocked(const char* name) noexcept {
+/// A new file of that name, locked; when it replaces another (else null), with that one's mode and
+/// owner before it holds anything, so that nobody reads it who may not read the target. Null with
+/// the last error set.
+std::FILE* createLocked(const char* name, const struct stat* replaced) noexcept {
+  const mode_t mode = replaced != nullptr ? S_IRUSR | S_IWUSR : 0666;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    Descriptor made(open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    Descriptor made(open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (made.isOpen()) {
       // Before it was locked, somebody may have taken it for a leftover.
       if (!lock(made.get()) || !isStillNamed(made.get(), name)) continue;
-      std::FILE* const file = fdopen(made.get(), "wb");
-      if (file == nullptr) {
+      if (replaced == nullptr || takeModeAndOwner(made.get(), *replaced)) {
+        if (std::FILE* const file = fdopen(made.get(), "wb")) {
+          made.release();
+          return file;
+        }
         failWithErrno(errno);
-        removeName(name);
-      } else {
-        made.release();
       }
-      return file;
+      removeName(name);
+      return nullptr;
     }
     if (errno != EEXIST) {
       failOnPath(name);
@@ -85,11 +93,17 @@ std::FILE* createLocked(const char* name) noexcept {
 
 ReplacementFile::ReplacementFile(const char* target) {
   if (!mayReplaceFile(target)) return;
-  target_ = target;
+  // All writers of a file must meet at the same temporary, whichever links they come by.
+  NativePath resolved(target);
+  if (!resolveLinks(&resolved)) return;
+  target_ = resolved.c_str();
   const NativePath temporary((target_ + ".tmp").c_str());
   if (!temporary.ok()) return;
   temporary_ = temporary.c_str();
-  file_.reset(createLocked(temporary_.c_str()));
+  struct stat replaced {};
+  const bool isThere = stat(target_.c_str(), &replaced) == 0;
+  replaced.st_mode |= S_IRUSR | S_IWUSR;  // until it is complete
+  file_.reset(createLocked(temporary_.c_str(), isThere ? &replaced : nullptr));
 }
 
 ReplacementFile::~ReplacementFile() {
@@ -100,8 +114,12 @@ ReplacementFile::~ReplacementFile() {
 }
 
 bool ReplacementFile::commit() noexcept {
-  if (file_ == nullptr || std::ferror(file_.get()) != 0) return failWith(ERROR_INVALID_HANDLE);
+  if (file_ == nullptr) return failWith(ERROR_INVALID_HANDLE);
+  const bool hasFailed = std::ferror(file_.get()) != 0;
+  // One more byte fails in the same way, and tells why.
+  if (hasFailed) std::fputc('\0', file_.get());
   if (!flushToDisk(file_.get())) return false;
+  if (hasFailed) return failWith(ERROR_WRITE_FAULT);
   if (!isStillNamed(fileno(file_.get()), temporary_.c_str())) {
     return failWith(ERROR_SHARING_VIOLATION);
   }

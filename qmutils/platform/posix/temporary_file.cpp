@@ -1,6 +1,7 @@
 #include "qmutils/platform/temporary_file.h"
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 
@@ -16,7 +17,16 @@ TemporaryFile::TemporaryFile() noexcept {
     failWithErrno(errno);
     return;
   }
-  std::snprintf(path_, sizeof path_, "/proc/self/fd/%d", made.release());
+  // Of the thread that asks: "/proc/self" is the main thread, which may have ended.
+  std::snprintf(path_, sizeof path_, "/proc/thread-self/fd/%d", made.release());
+  struct stat opened, found;
+  if (fstat(fileno(file_.get()), &opened) != 0 || stat(path_, &found) != 0) {
+    failWithErrno(errno);
+    file_.reset();
+  } else if (opened.st_dev != found.st_dev || opened.st_ino != found.st_ino) {
+    failWith(ERROR_FILE_NOT_FOUND);
+    file_.reset();
+  }
 }
 
 }  // namespace qm::platform

@@ -37,7 +37,7 @@ namespace qm::platform::posix {
 
 namespace {
 
-constexpr DWORD kSlowestMs = 1000;  // beyond a request's own time
+constexpr DWORD kSlowestMs = 3000;  // beyond a request's own time
 constexpr int kSliceMs = 10;        // between looks at what else there is to do
 constexpr int kBacklog = 64;
 constexpr std::string_view kUnfinished = ".new";  // a socket that has not got its name yet
@@ -83,12 +83,12 @@ Descriptor openFolder(bool make) {
 }
 
 /// The address of a socket in an open folder. By way of the descriptor, as addresses are shorter
-/// than paths may be.
+/// than paths may be; of the calling thread, as the main thread may have ended.
 sockaddr_un addressIn(const Descriptor& folder, const char* name) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s", folder.get(),
-                name);
+  std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/thread-self/fd/%d/%s",
+                folder.get(), name);
   return address;
 }
 

@@ -17,12 +17,12 @@ bool resolveLinks(NativePath* path) noexcept {
     if (length < 0) return errno == EINVAL || errno == ENOENT || failOnPath(path->c_str());
     target[length] = '\0';
     const char* separator = target[0] == '/' ? nullptr : std::strrchr(path->c_str(), '/');
-    const std::size_t kept =
+    const std::size_t prefix =
         separator == nullptr ? 0 : static_cast<std::size_t>(separator - path->c_str()) + 1;
-    if (kept + static_cast<std::size_t>(length) >= PATH_MAX) {
+    if (prefix + static_cast<std::size_t>(length) >= PATH_MAX) {
       return failWith(ERROR_FILENAME_EXCED_RANGE);
     }
-    std::memcpy(path->data() + kept, target, static_cast<std::size_t>(length) + 1);
+    std::memcpy(path->data() + prefix, target, static_cast<std::size_t>(length) + 1);
   }
   return failWithErrno(ELOOP);
 }

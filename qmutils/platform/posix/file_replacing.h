@@ -11,8 +11,8 @@ namespace qm::platform {
 bool resolveLinks(NativePath* path) noexcept;
 
 /// Gives the open file mode and owner of the one it replaces; false with the last error set. Only
-/// the superuser can give a file away; for others a foreign target becomes theirs, with the group
-/// kept where they belong to it.
+/// the superuser can give a file away; for others a foreign target becomes theirs, and its group
+/// stays where they belong to it.
 bool takeModeAndOwner(int file, const struct stat& target) noexcept;
 
 }  // namespace qm::platform

@@ -49,7 +49,7 @@ bool startWindowLink(AnswerRequest answer) noexcept;
 
 /// Asks another program; `meanwhile` is called every few milliseconds until it has answered. Fails
 /// with 1400 when that program is not there or says that the window is not, 1460 without an answer
-/// in time, 995 when it ended without one, else with what kept us from asking. May throw
+/// in time, 995 when it ended without one, else with what was in the way. May throw
 /// std::bad_alloc.
 bool askProcess(DWORD process, const WindowRequest& request, DWORD timeoutMs,
                 const std::function<void()>& meanwhile, WindowReply& reply);

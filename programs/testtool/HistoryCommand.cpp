@@ -5,6 +5,7 @@
 #include <fstream>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "programs/testtool/Command.h"
 #include "qmutils/config/QMHistoryC.h"
@@ -41,7 +42,7 @@ QMErrors::QMErrorT show(const std::string& path, long long lines) {
       print(line);
       continue;
     }
-    newest.push_back(line);
+    newest.push_back(std::move(line));
     if (static_cast<long long>(newest.size()) > lines) newest.pop_front();
   }
   for (const QMCString& text : newest) print(text);
@@ -50,6 +51,7 @@ QMErrors::QMErrorT show(const std::string& path, long long lines) {
 
 int run(const Arguments& arguments) {
   std::string path;
+  bool given = false;
   long long lines = LLONG_MAX;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     std::string value;
@@ -57,8 +59,9 @@ int run(const Arguments& arguments) {
       if (!takeValue(arguments, i, value) || !parseNumber(value, 0LL, 1'000'000'000LL, lines)) {
         return usageError(kHistoryCommand, "-n wants a number of lines");
       }
-    } else if (path.empty() && !arguments[i].starts_with("-")) {
+    } else if (!given && !arguments[i].starts_with("-")) {
       path = arguments[i];
+      given = true;
     } else {
       return usageError(kHistoryCommand, "unknown argument '" + arguments[i] + "'");
     }

@@ -16,9 +16,10 @@
 // destroyed.
 //
 // On its own thread a listener may fire, add and remove. One that is added takes part in the
-// delivery that is going on. One that removes itself ends that delivery: those after it do not get
-// the event. Listeners are not owned; the multicaster must not be destroyed by one. A multicaster
-// of the whole process that is used until its end is never destroyed (foundation/Immortal.h).
+// delivery that is going on. When the listener being called is removed, by itself or within an
+// event that it fires, its delivery ends there: those after it do not get the event. Listeners are
+// not owned; the multicaster must not be destroyed by one. A multicaster of the whole process that
+// is used until its end is never destroyed (foundation/Immortal.h).
 //
 // Delivering costs one uncontended lock and a virtual call per listener; adding and removing look
 // through the list. Codes: 2001 "Memory allocation failed", those of QMCriticalSectionC.

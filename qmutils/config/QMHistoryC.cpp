@@ -118,7 +118,7 @@ QMErrorT copyPart(const SharedReadFile& from, std::uint64_t begin, std::uint64_t
 
 /// Where the header ends and where the lines begin that stay.
 struct Cut {
-  std::uint64_t dataBegin = 0;
+  std::uint64_t dataBegin = kEndOfFile;
   std::uint64_t newestBegin = kEndOfFile;
 };
 
@@ -138,9 +138,29 @@ QMErrorT copyAround(const SharedReadFile& from, const Cut& cut, std::FILE* to) {
   return std::fflush(to) == 0 ? QMErrors::NoError : QMErrors::FailedToWriteToFile;
 }
 
+/// Where the last line begins, be it empty; false when the file cannot be read.
+bool findLastLine(const SharedReadFile& file, std::uint64_t size, std::uint64_t* start) {
+  char block[kBlockSize];
+  for (std::uint64_t end = size; end > 0;) {
+    const std::uint64_t from = end - std::min<std::uint64_t>(end, sizeof block);
+    const auto wanted = static_cast<std::size_t>(end - from);
+    if (file.read(from, block, wanted) != static_cast<std::ptrdiff_t>(wanted)) return false;
+    const std::size_t lineEnd = std::string_view(block, wanted).find_last_of("\r\n");
+    if (lineEnd != std::string_view::npos) {
+      *start = from + lineEnd + 1;
+      return true;
+    }
+    end = from;
+  }
+  *start = 0;
+  return true;
+}
+
+constexpr std::string_view kForm = "00/00/0000\t00:00:00\t";
+constexpr std::size_t kStampSize = kForm.size();
+
 /// True for a line of ours, however short it was cut.
 bool beginsAsStamp(std::string_view line) {
-  constexpr std::string_view kForm = "00/00/0000\t00:00:00\t";
   return std::equal(
       line.begin(), line.begin() + std::min(line.size(), kForm.size()), kForm.begin(),
       [](char c, char form) { return form == '0' ? c >= '0' && c <= '9' : c == form; });
@@ -158,9 +178,13 @@ QMErrorT QMHistoryC::Create(const char* path, const char* columns, unsigned int 
   if (!m_Path.IsEmpty()) return QMErrors::NoError;
   m_pLines.reset(new (std::nothrow) LinesS);
   if (m_pLines == nullptr) return QMErrors::MemoryAllocationFailed;
-  m_Path = path;
-  m_Columns = columns;
+  // The path last: who has it has all.
+  const auto orEmpty = [](const char* text) {
+    return std::string_view(text != nullptr ? text : "");
+  };
+  if (!m_Columns.Assign(orEmpty(columns))) return QMErrors::MemoryAllocationFailed;
   m_nMaxLines = maxLines;
+  if (!m_Path.Assign(orEmpty(path))) return QMErrors::MemoryAllocationFailed;
   return QMFileUtilsC::FileExists(m_Path) != 0 ? QMErrors::NoError : MakeFile();
 }
 
@@ -225,24 +249,22 @@ QMErrorT QMHistoryC::WriteLine(const char* text) try {
   return NotWritten(QMErrors::MemoryAllocationFailed);
 }
 
-/// Sees to it that the file ends with a line end; false when one must be added. A last line without
-/// one is an editor's, and stays, or what was written of a line by a program that was killed
-/// meanwhile. The system ends such a write between two pages, so a line of ours that ends there is
-/// cut away: LogIt() has never said that it is in the file.
+/// Sees to it that the file ends with a line end; false when one must be added, or nobody can tell:
+/// an empty line does no harm. A last line without one is an editor's, and stays, or what was
+/// written of a line by a program that was killed meanwhile. The system ends such a write between
+/// two pages, so a line of ours that ends there is cut away: LogIt() has never said that it is in
+/// the file.
 bool QMHistoryC::MendLastLine() {
   SharedAppendFile& file = m_pLines->file;
   const std::uint64_t size = file.state().size;
   const SharedReadFile in(m_Path);
-  char tail[kBlockSize];
-  const std::uint64_t from = size - std::min<std::uint64_t>(size, sizeof tail);
-  const std::ptrdiff_t got = in.isOpen() ? in.read(from, tail, sizeof tail) : 0;
-  if (got <= 0) return true;  // TruncateLog() says why
-  const std::string_view text(tail, static_cast<std::size_t>(got));
-  if (qm::isLineEnd(text.back())) return true;
-  const std::size_t lineEnd = text.find_last_of("\r\n");
-  const std::size_t lineStart = lineEnd + 1;
-  return size % kPageSize == 0 && lineEnd != std::string_view::npos &&
-         beginsAsStamp(text.substr(lineStart)) && file.cut(from + lineStart);
+  std::uint64_t start = 0;
+  if (!in.isOpen() || !findLastLine(in, size, &start)) return false;
+  if (start == size) return true;
+  if (start == 0 || size % kPageSize != 0) return false;
+  char begin[kStampSize];
+  const std::ptrdiff_t got = in.read(start, begin, sizeof begin);
+  return got > 0 && beginsAsStamp({begin, static_cast<std::size_t>(got)}) && file.cut(start);
 }
 
 /// Drops the oldest data lines beyond the limit.
@@ -258,7 +280,7 @@ QMErrorT QMHistoryC::TruncateLog() try {
     std::uint64_t count = 0;
     if (!forEachDataLine(in, [&count](std::uint64_t) { return ++count != 0; })) {
       qm::logWarning(0, kTruncate, "Data lines in file: ", m_Path.view(),
-                     ", ERROR counting lines in: ", m_Path.view());
+                     "ERROR counting lines in: ", m_Path.view());
       return QMErrors::FailedToReadFromFile;
     }
     lines.count = count;

@@ -93,6 +93,7 @@ class QMUTILS_API QMHistoryC::HistoryEnumeratorC {
   /// The next data line without its line end, the date and time included. 2007 "End of file error"
   /// after the last one, `line` then being empty the first time and untouched from then on; 2056
   /// "Failed to read from file"; 2001 "Memory allocation failed". A failure ends the enumeration.
+  /// Waits up to ten seconds for whoever is adding when the last line lacks its end.
   virtual QMErrors::QMErrorT NextElement(QMCString& line);
 
  protected:

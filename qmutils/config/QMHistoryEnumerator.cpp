@@ -29,7 +29,10 @@ class QMHistoryC::HistoryEnumeratorC::ReaderC {
         line.clear();
       } else if (line.size() < kMark) {
         line += c;
-        if (line.size() == kMark && c == '/' && lineEndSeen_) return QMErrors::NoError;
+        if (line.size() == kMark && c == '/' && lineEndSeen_) {
+          lineStart_ = position_ - end_ + next_ - kMark;
+          return QMErrors::NoError;
+        }
       }
     }
   }
@@ -37,12 +40,16 @@ class QMHistoryC::HistoryEnumeratorC::ReaderC {
   /// Adds the rest of the line and takes its line end.
   QMErrorT TakeLine(std::string& line) {
     for (bool settled = false;;) {
-      const QMErrorT result = fill();
+      QMErrorT result = fill();
       if (result == QMErrors::EndOfFileError) {
         if (settled) return QMErrors::NoError;
-        file_->awaitAppend();  // the rest may be on its way
+        // The rest may be on its way; or what was there may be taken back, and another line come.
+        file_->awaitAppend();
         settled = true;
-        continue;
+        position_ = lineStart_;
+        next_ = end_ = 0;
+        result = SeekToData(line);
+        if (result == QMErrors::NoError) continue;
       }
       if (result != QMErrors::NoError) return result;
       const char* const begin = block_ + next_;
@@ -70,11 +77,12 @@ class QMHistoryC::HistoryEnumeratorC::ReaderC {
   }
 
   std::shared_ptr<const SharedReadFile> file_;
-  std::uint64_t position_ = 0;  // of the next block
+  std::uint64_t position_ = 0;   // of the next block
+  std::uint64_t lineStart_ = 0;  // of the data line that is being read
   std::size_t next_ = 0;
   std::size_t end_ = 0;
   bool lineEndSeen_ = false;
-  char block_[8 * 1024];
+  char block_[8 * 1024] = {};
 };
 
 QMHistoryC::HistoryEnumeratorC QMHistoryC::GetEnumerator() const {
@@ -122,8 +130,7 @@ QMErrorT QMHistoryC::HistoryEnumeratorC::ReadLine(QMCString& line) try {
   QMErrorT result = m_pReader->SeekToData(text);
   if (result == QMErrors::NoError) result = m_pReader->TakeLine(text);
   if (result != QMErrors::NoError) return result;
-  line = std::string_view(text);
-  return line.view() == text ? QMErrors::NoError : QMErrors::MemoryAllocationFailed;
+  return line.Assign(text) ? QMErrors::NoError : QMErrors::MemoryAllocationFailed;
 } catch (const std::bad_alloc&) {
   return QMErrors::MemoryAllocationFailed;
 }

@@ -7,10 +7,11 @@
 //   if (!file.append("a line\n")) ...         // all of it is in the file, or nothing
 //   file.unlock();
 //
-// The lock is advisory, goes with the process that dies, and costs two system calls while nobody
-// else has it. On a file system without locks everybody gets it. A file is replaced by putting a
-// ReplacementFile in its place: that one is locked too, so nobody gets the new file before the old
-// one is given up, and who has waited for the old one finds the new one.
+// The lock is advisory, goes with the process that dies (and the copies of it that were forked
+// meanwhile), and costs two system calls while nobody else has it. On a file system without locks
+// everybody gets it. A file is replaced by putting a ReplacementFile in its place: that one is
+// locked too, so nobody gets the new file before the old one is given up, and who has waited for
+// the old one finds the new one.
 //
 // An object belongs to one thread at a time. Nothing throws.
 #pragma once
@@ -63,6 +64,7 @@ class SharedAppendFile {
  private:
   struct Opened;
 
+  bool letGoOfParents() noexcept;
   void readState() noexcept;
 
   std::unique_ptr<Opened> opened_;

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "qmutils/platform/shared_file.h"
 #include "tests/support/FailingAllocation.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
@@ -144,7 +145,11 @@ TEST_F(HistoryTest, NoticesWhatOthersDoToTheFile) {
       {"another object's limit", [&] { HistoryC(path_, 1).LogIt("d"); }, header_ + d_ + c_},
       {"rewritten", [&] { writeFile(path_, header_ + d_ + d_ + d_ + d_ + b_); },
        header_ + d_ + b_ + c_},
-      {"rewritten in the same size", [&] { writeFile(path_, header_ + sameSize); },
+      {"rewritten in the same size",
+       [&] {
+         writeFile(path_, header_ + sameSize);
+         fs::last_write_time(path_, fs::last_write_time(path_) + std::chrono::seconds(1));
+       },
        header_ + sameSize.substr(4) + "\n" + c_},
       {"replaced",
        [&] {
@@ -221,6 +226,37 @@ TEST_F(HistoryTest, WritersAndReadersWaitForWhoeverWrites) {
   close(other);
   reader.join();
   EXPECT_EQ(lines, std::vector<std::string>{"11/06/2006\tone line"});
+
+  // A writer that takes half a line back, as no more fits, and another who writes.
+  const int full = open(path_.c_str(), O_WRONLY | O_APPEND);
+  ASSERT_EQ(flock(full, LOCK_EX), 0);
+  const auto size = static_cast<off_t>(fs::file_size(path_));
+  ASSERT_EQ(write(full, "11/06/2006\tfailed half", 22), 22);
+  std::thread another([&] { lines = linesOf(history.GetEnumerator()); });
+  EXPECT_TRUE(somebodyWaits());
+  ASSERT_EQ(ftruncate(full, size), 0);
+  ASSERT_EQ(write(full, "11/07/2006\tone that is whole\n", 29), 29);
+  close(full);
+  another.join();
+  EXPECT_EQ(lines,
+            (std::vector<std::string>{"11/06/2006\tone line", "11/07/2006\tone that is whole"}));
+}
+
+/// A copy of the process that ends must not give its parent's lock back.
+TEST_F(HistoryTest, ForkedCopiesLeaveTheLockAlone) {
+  qm::platform::SharedAppendFile file;
+  ASSERT_TRUE(file.lock(path_.c_str()));
+  if (const pid_t child = fork(); child == 0) {
+    file.unlock();
+    _exit(0);
+  } else {
+    waitpid(child, nullptr, 0);
+  }
+  const int other = open(path_.c_str(), O_RDONLY);
+  EXPECT_NE(flock(other, LOCK_EX | LOCK_NB), 0);
+  file.unlock();
+  EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
+  close(other);
 }
 
 TEST_F(HistoryTest, WithoutMemoryNoLineIsLostOrHalf) {

@@ -41,8 +41,12 @@ enum class Found { Gone, InUse, Stuck };
 /// Looks at what has the name already.
 Found removeLeftover(const char* name) noexcept {
   constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  Descriptor found(open(name, O_RDONLY | kFlags));
-  if (!found.isOpen() && errno == EACCES) found = Descriptor(open(name, O_WRONLY | kFlags));
+  Descriptor found;
+  // For writing, as some file systems lock nothing else; one who may do less may still ask.
+  for (const int access : {O_RDWR, O_WRONLY, O_RDONLY}) {
+    found = Descriptor(open(name, access | kFlags));
+    if (found.isOpen() || errno != EACCES) break;
+  }
   if (!found.isOpen()) {
     if (errno == ENOENT) return Found::Gone;   // what has the name by now is somebody's
     if (errno == EACCES) return Found::InUse;  // another user's, whose lock we cannot ask for

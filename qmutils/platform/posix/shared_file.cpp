@@ -117,7 +117,7 @@ bool SharedAppendFile::lock(const char* path) noexcept {
   if (!native.ok()) return false;
   const unsigned process = posix::processGeneration();
   Patience patience;
-  if (opened_ != nullptr && opened_->process != process) opened_.reset();
+  letGoOfParents();
   for (;;) {
     if (opened_ == nullptr) {
       opened_.reset(new (std::nothrow) Opened);
@@ -126,8 +126,12 @@ bool SharedAppendFile::lock(const char* path) noexcept {
       opened_->file =
           openRegularFile(native.c_str(), O_WRONLY | O_APPEND | O_CREAT, &opened_->status);
     }
-    if (!opened_->file.isOpen() || !tryAgain(patience, [this] { return opened_->tryLock(); }))
+    if (!opened_->file.isOpen()) break;
+    if ((opened_->status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0) {
+      failWith(ERROR_ACCESS_DENIED);  // it binds the superuser too
       break;
+    }
+    if (!tryAgain(patience, [this] { return opened_->tryLock(); })) break;
     // The file may have been replaced since it was opened, also while its lock was waited for.
     struct stat named;
     if (stat(native.c_str(), &named) == 0 && opened_->isWhat(named)) {
@@ -144,8 +148,17 @@ bool SharedAppendFile::lock(const char* path) noexcept {
   return false;
 }
 
+/// A forked copy has its parent's descriptor, lock and all, and must let go of it without giving
+/// the lock back.
+bool SharedAppendFile::letGoOfParents() noexcept {
+  if (opened_ == nullptr || opened_->process == posix::processGeneration()) return false;
+  opened_->file.reset();
+  (void)opened_.release();  // with the deferral of a thread that is not here
+  return true;
+}
+
 void SharedAppendFile::unlock() noexcept {
-  if (opened_ == nullptr || !opened_->whileLocked) return;
+  if (letGoOfParents() || opened_ == nullptr || !opened_->whileLocked) return;
   flock(opened_->file.get(), LOCK_UN);
   opened_->whileLocked.reset();
 }

@@ -6,7 +6,8 @@
 // to the disk; the first one, and those after changes by others, also count the lines. A line is in
 // the file when LogIt() returns 0; after a failure it is there whole or not at all. A killed
 // program or a full disk costs no other line. Nothing throws. Codes: 1000, 1001, 2055, 2056, 2001,
-// and the system's.
+// the system's and those of QMCriticalSectionC. Failures are logged while the history is locked, so
+// a log hook must not add to one.
 //
 //   class JobHistoryC : public QMHistoryC {
 //    public:

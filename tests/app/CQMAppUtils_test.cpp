@@ -374,7 +374,10 @@ TEST(AppUser, HasANameAndRights) {
 
 class AppWindows : public testing::Test {
  protected:
-  AppWindows() { setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1); }
+  AppWindows() {
+    std::filesystem::permissions(folder_.path(), std::filesystem::perms::owner_all);
+    setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1);
+  }
   ~AppWindows() override {
     qm::platform::setPromptHook(nullptr);
     unsetenv("XDG_RUNTIME_DIR");

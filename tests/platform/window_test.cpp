@@ -52,6 +52,8 @@ DWORD errorOf(Call call) {
 class MessageWindow : public testing::Test {
  protected:
   MessageWindow() {
+    // Any other folder would not be used.
+    std::filesystem::permissions(folder_.path(), std::filesystem::perms::owner_all);
     setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1);
     had.clear();
   }
@@ -259,15 +261,20 @@ TEST_F(MessageWindow, DeadAndStoppedProgramsArePassedOver) {
 }
 
 TEST_F(MessageWindow, AFolderThatOthersMayEnterIsNotUsed) {
+  const std::string prefix = "qmtest-" + std::to_string(getpid()) + "-";
   if (const pid_t child = fork(); child == 0) {
     std::filesystem::permissions(folder_.path(), std::filesystem::perms(0777));
+    setenv("QMUTILS_OBJECT_PREFIX", prefix.c_str(), 1);
     if (!registerWindowClass("Safe", nullptr, procedure)) _exit(3);
     const bool offered = createWindow("Safe", "x") != nullptr && offerWindows();
-    const bool used = std::filesystem::exists(folder_.file("qmutils-windows"));
+    const bool used = std::filesystem::exists(folder_.file(prefix + "qmutils-windows"));
     std::_Exit(used ? 1 : offered || lastError() == ERROR_ACCESS_DENIED ? 0 : 2);
   } else {
     EXPECT_EQ(statusOf(child), 0);
   }
+  std::error_code ignored;
+  std::filesystem::remove_all(
+      "/tmp/qmutils-" + std::to_string(geteuid()) + "/" + prefix + "qmutils-windows", ignored);
 }
 
 }  // namespace

@@ -31,11 +31,11 @@ using Values = std::map<std::pair<std::string, std::string>, std::string>;
 Values valuesOf(const std::string& bytes) {
   const ProfileText text(bytes);
   Values values;
-  for (const std::string& section : text.sectionNames()) {
-    for (const std::string& key : text.keyNames(section)) {
-      const auto value = text.find(section, key);
-      require(value && value->find_first_of("\r\n") == std::string_view::npos);
-      require(values.emplace(std::pair(section, key), *value).second);
+  for (const auto& section : text.list(nullptr)) {
+    for (const auto& [key, value] : section.values) {
+      require(text.find(section.name, key) == value);
+      require(value.find_first_of("\r\n") == std::string::npos);
+      require(values.emplace(std::pair(section.name, key), value).second);
     }
   }
   return values;

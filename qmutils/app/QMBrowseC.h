@@ -23,7 +23,7 @@ class QMUTILS_API QMBrowseC {
   enum BrowseFlagsT {
     FromDesktop = 0,  ///< with the start folder selected
     FromDrives = 1,   ///< at the root of all drives
-    FromNetwork = 2,  ///< at the network
+    FromNetwork = 2,  ///< at the network; where the dialog has no such place, at its own choice
   };
 
   QMBrowseC() = default;

@@ -166,30 +166,30 @@ QMErrorT CQMPrefs::Save(const char* name, const unsigned char* data, DWORD type,
   return closeAfter(result, key, "CQMPrefs::Save(): ");
 }
 
-QMErrorT CQMPrefs::Load(const char* name, DWORD* value, int bUser) {
+/// Hands what is stored under a name to `take`, unless there is nothing.
+template <class Take>
+QMErrorT CQMPrefs::LoadData(const char* name, int bUser, const char* label, const Take& take) {
   HKEY key = nullptr;
   const QMErrorT opened = GetProductKey(&key, bUser, 0);
   if (opened != QMErrors::NoError) return opened;
   KeyData data;
   const QMErrorT result = GetKeyData(key, name, &data.bytes, nullptr, &data.size);
   if (data.bytes != nullptr) {
-    *value = 0;
-    std::memcpy(value, data.bytes, std::min<std::size_t>(sizeof *value, data.size));
+    take(std::string_view(reinterpret_cast<const char*>(data.bytes), data.size));
   }
-  return closeAfter(result, key, "CQMPrefs::Load( DWORD ): ");
+  return closeAfter(result, key, label);
+}
+
+QMErrorT CQMPrefs::Load(const char* name, DWORD* value, int bUser) {
+  return LoadData(name, bUser, "CQMPrefs::Load( DWORD ): ", [value](std::string_view bytes) {
+    *value = 0;
+    std::memcpy(value, bytes.data(), std::min(sizeof *value, bytes.size()));
+  });
 }
 
 QMErrorT CQMPrefs::Load(const char* name, QMostrstream& text, int bUser) {
-  HKEY key = nullptr;
-  const QMErrorT opened = GetProductKey(&key, bUser, 0);
-  if (opened != QMErrors::NoError) return opened;
-  KeyData data;
-  const QMErrorT result = GetKeyData(key, name, &data.bytes, nullptr, &data.size);
-  if (data.bytes != nullptr) {
-    const std::string_view bytes(reinterpret_cast<const char*>(data.bytes), data.size);
-    text << bytes.substr(0, bytes.find('\0'));
-  }
-  return closeAfter(result, key, "CQMPrefs::Load( QMostrstream& ): ");
+  return LoadData(name, bUser, "CQMPrefs::Load( QMostrstream& ): ",
+                  [&text](std::string_view bytes) { text << bytes.substr(0, bytes.find('\0')); });
 }
 
 QMErrorT CQMPrefs::SaveNumber(const char* name, DWORD value, int bUser) {

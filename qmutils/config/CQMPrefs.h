@@ -67,6 +67,8 @@ class QMUTILS_API CQMPrefs : public QMRegistryC {
   QMErrors::QMErrorT Load(const char* name, QMostrstream& text, int bUser);
 
  private:
+  template <class Take>
+  QMErrors::QMErrorT LoadData(const char* name, int bUser, const char* label, const Take& take);
   QMErrors::QMErrorT SaveNumber(const char* name, DWORD value, int bUser);
   QMErrors::QMErrorT SaveText(const char* name, const char* text, int bUser);
   DWORD LoadNumber(const char* name, DWORD defaultValue, int bUser);

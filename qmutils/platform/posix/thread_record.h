@@ -27,6 +27,8 @@ struct ThreadRecord {
   DWORD threadId = 0;
   /// 0 while the thread is to sleep; whoever ends the sleep stores 1 and wakes.
   FutexWord parking{0};
+  /// While the thread polls in its sleep: the descriptor to write to instead of waking the word.
+  std::atomic<int> polled{-1};
   /// Suspend count in the low bits, and the two bits of suspension.h.
   FutexWord suspension{0};
   /// Depth of pieces in which the thread must not stand still; read by its signal handler.
@@ -37,6 +39,10 @@ struct ThreadRecord {
   /// The handle's object and the exit code, of a thread that the platform started.
   WaitObject* object = nullptr;
   DWORD exitCode = 0;
+
+  // Only the thread itself touches these two; they stay when the record is recycled.
+  int wakeDescriptor = -1;
+  unsigned wakeProcess = 0;  ///< the process generation that has opened it
 
   /// Mutexes owned, newest first. Only the thread itself touches the list.
   WaitObject* ownedMutexes = nullptr;

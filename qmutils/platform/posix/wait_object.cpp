@@ -1,5 +1,7 @@
 #include "qmutils/platform/posix/wait_object.h"
 
+#include <sys/eventfd.h>
+
 #include <memory>
 #include <mutex>
 #include <new>
@@ -131,7 +133,14 @@ void DispatcherLock::lock() noexcept {
 }
 
 void WakeList::wakeAll() noexcept {
-  for (int i = 0; i < count_; ++i) futexWake(&threads_[i]->parking, 1);
+  for (int i = 0; i < count_; ++i) {
+    const int polled = threads_[i]->polled.load(std::memory_order_acquire);
+    if (polled < 0) {
+      futexWake(&threads_[i]->parking, 1);
+    } else {
+      (void)eventfd_write(polled, 1);
+    }
+  }
   count_ = 0;
 }
 

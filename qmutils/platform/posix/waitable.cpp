@@ -1,6 +1,7 @@
 #include "qmutils/platform/waitable.h"
 
 #include "qmutils/platform/error.h"
+#include "qmutils/platform/posix/blocking_wait.h"
 #include "qmutils/platform/posix/errno_translation.h"
 #include "qmutils/platform/posix/wait_object.h"
 
@@ -96,67 +97,6 @@ Try tryTake(HANDLE handle) noexcept {
       return Try::Taken;
     }
   }
-}
-
-/// The mutexes that a wait has taken join the list of their owner, the calling thread.
-void noteTakenMutexes(const WaitBlock& block) noexcept {
-  const auto note = [&](WaitObject* object) {
-    const std::uint64_t word = object->word.load(std::memory_order_relaxed);
-    // A mutex closed meanwhile may be somebody else's by now.
-    if (kindOf(word) == Kind::Mutex && valueOf(word) == block.thread->threadId &&
-        object->recursion == 1) {
-      addOwned(*block.thread, object);
-    }
-  };
-  if (block.all) {
-    for (std::size_t i = 0; i < block.count; ++i) note(block.entries[i].object);
-  } else {
-    note(block.entries[block.result & 0x7F].object);
-  }
-}
-
-/// Sleeps until the block is done or its deadline passes; true when done.
-bool park(WaitBlock& block, const Deadline& deadline, DispatcherLock& lock) noexcept {
-  FutexWord& word = block.thread->parking;
-  for (;;) {
-    lock.unlock();
-    while (word.load(std::memory_order_acquire) == 0 && !deadline.passed()) {
-      futexWait(word, 0, deadline);
-    }
-    lock.lock();
-    if (block.done) return true;
-    if (deadline.passed()) return false;
-    // A wake left over from an earlier wait of this thread.
-    word.store(0, std::memory_order_relaxed);
-  }
-}
-
-DWORD blockingWait(const HANDLE* handles, std::size_t count, bool all,
-                   const Deadline& deadline) noexcept {
-  WaitEntry entries[MAXIMUM_WAIT_OBJECTS];
-  WaitBlock block{&currentThread(), entries, count, all};
-  DispatcherLock lock;
-  for (std::size_t i = 0; i < count; ++i) {
-    entries[i].object = resolve(handles[i]);
-    if (entries[i].object == nullptr) return WAIT_FAILED;
-    entries[i].block = &block;
-    for (std::size_t j = 0; j < i && all; ++j) {
-      if (entries[j].object == entries[i].object) return failWait(ERROR_INVALID_PARAMETER);
-    }
-  }
-  for (std::size_t i = 0; i < count; ++i) {
-    entries[i].object->word.fetch_or(kWaiters, std::memory_order_acq_rel);
-  }
-  block.done = satisfy(block);
-  if (block.done || deadline.passed()) {
-    for (std::size_t i = 0; i < count; ++i) settle(entries[i].object);
-  } else {
-    block.thread->parking.store(0, std::memory_order_relaxed);
-    link(block);
-    if (!park(block, deadline, lock)) unlink(block);
-  }
-  if (block.done) noteTakenMutexes(block);
-  return block.result;
 }
 
 /// Sets the event (1) or resets it (0).

@@ -180,6 +180,42 @@ inline constexpr DWORD ERROR_RESOURCE_NAME_NOT_FOUND = 1814;
 inline constexpr DWORD ERROR_NOT_ENOUGH_QUOTA = 1816;
 inline constexpr DWORD NERR_UserNotFound = 2221;
 
+// Errors of sockets.
+inline constexpr DWORD WSAEINTR = 10004;
+inline constexpr DWORD WSAEACCES = 10013;
+inline constexpr DWORD WSAEFAULT = 10014;
+inline constexpr DWORD WSAEINVAL = 10022;
+inline constexpr DWORD WSAEMFILE = 10024;
+inline constexpr DWORD WSAEWOULDBLOCK = 10035;
+inline constexpr DWORD WSAEINPROGRESS = 10036;
+inline constexpr DWORD WSAEALREADY = 10037;
+inline constexpr DWORD WSAENOTSOCK = 10038;
+inline constexpr DWORD WSAEPROTOTYPE = 10041;
+inline constexpr DWORD WSAENOPROTOOPT = 10042;
+inline constexpr DWORD WSAEPROTONOSUPPORT = 10043;
+inline constexpr DWORD WSAEOPNOTSUPP = 10045;
+inline constexpr DWORD WSAEAFNOSUPPORT = 10047;
+inline constexpr DWORD WSAEADDRINUSE = 10048;
+inline constexpr DWORD WSAEADDRNOTAVAIL = 10049;
+inline constexpr DWORD WSAENETDOWN = 10050;
+inline constexpr DWORD WSAENETUNREACH = 10051;
+inline constexpr DWORD WSAENETRESET = 10052;
+inline constexpr DWORD WSAECONNABORTED = 10053;
+inline constexpr DWORD WSAECONNRESET = 10054;
+inline constexpr DWORD WSAENOBUFS = 10055;
+inline constexpr DWORD WSAEISCONN = 10056;
+inline constexpr DWORD WSAENOTCONN = 10057;
+inline constexpr DWORD WSAESHUTDOWN = 10058;
+inline constexpr DWORD WSAETIMEDOUT = 10060;
+inline constexpr DWORD WSAECONNREFUSED = 10061;
+inline constexpr DWORD WSAEHOSTDOWN = 10064;
+inline constexpr DWORD WSAEHOSTUNREACH = 10065;
+inline constexpr DWORD WSAVERNOTSUPPORTED = 10092;
+inline constexpr DWORD WSAHOST_NOT_FOUND = 11001;
+inline constexpr DWORD WSATRY_AGAIN = 11002;
+inline constexpr DWORD WSANO_RECOVERY = 11003;
+inline constexpr DWORD WSANO_DATA = 11004;
+
 // File attributes.
 inline constexpr DWORD FILE_ATTRIBUTE_READONLY = 0x1;
 inline constexpr DWORD FILE_ATTRIBUTE_HIDDEN = 0x2;

@@ -9,6 +9,8 @@
 #include "qmutils/app/CQMAppUtils.h"
 #include "qmutils/app/QMBrowseC.h"
 #include "qmutils/comms/QMCommMsgC.h"
+#include "qmutils/comms/QMCommObjectC.h"
+#include "qmutils/comms/QMCommObjectPtrC.h"
 #include "qmutils/comms/QMMessageText.h"
 #include "qmutils/comms/SvComms.h"
 #include "qmutils/concurrency/QMCriticalSection.h"
@@ -121,6 +123,15 @@ int main() {
             std::strcmp(text, "3;12;7;-1;go;a.job") == 0,
         "messages");
   check(SvReceiveMessage(text, sizeof text, 0) == QMErrors::CommandAborted, "pool");
+  QMCommObjectPtrC holder;
+  std::ostringstream shared;
+  check(holder.Attach(new QMCommObjectC("jobs", true)) == QMErrors::NoError &&
+            holder.GetObject().Lock("main", 0, nullptr) == QMErrors::NoError &&
+            (shared << holder.GetObject()) &&
+            shared.str().find("QMCommObjectC(\"jobs\") = { m_pCurrentOwnerName=main") == 0 &&
+            holder.GetObject().Unlock() == QMErrors::NoError &&
+            holder.Detach() == QMErrors::NoError,
+        "shared objects");
 
   QMXmlC root("Root", 0, nullptr);
   std::ostringstream xml;

@@ -9,9 +9,9 @@
 #include "qmutils/foundation/Immortal.h"
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/foundation/PointerText.h"
-#include "qmutils/platform/short_lock.h"
 #include "qmutils/platform/clock.h"
 #include "qmutils/platform/error.h"
+#include "qmutils/platform/short_lock.h"
 #include "qmutils/platform/suspension_deferral.h"
 #include "qmutils/platform/thread.h"
 #include "qmutils/platform/waitable.h"
@@ -69,7 +69,7 @@ struct QMThreadC::ControlC {
   const char* name;
   DWORD stopTimeoutMs;
   bool autoDelete;
-  std::mutex starting;  // held by start() until handle and identifier are stored
+  std::mutex starting;  // held by start() while it makes a thread
 
   ControlC(const char* threadName, DWORD timeoutMs, bool deletesItself)
       : name(threadName != nullptr ? threadName : "Unknown"),
@@ -236,7 +236,7 @@ DWORD QMThreadC::ThreadWrapper(void* argument) {
   const std::unique_ptr<ControlC::Launch> launch(static_cast<ControlC::Launch*>(argument));
   ControlC& control = *launch->control;
   QMThreadC* const object = launch->object;
-  { const qm::platform::ShortLock handleIsStored(control.starting); }
+  control.threadId = currentThreadId();
   (void)object->SleepEx(0, false);
   const QMErrors::QMErrorT result = object->run();
   if (control.autoDelete) {
@@ -255,6 +255,7 @@ QMErrors::QMErrorT QMThreadC::start() {
 }
 
 QMErrors::QMErrorT QMThreadC::ControlC::create(const ControlPtr& self, QMThreadC* object) {
+  void* started = nullptr;
   {
     const qm::platform::ShortLock guard(starting);
     if (self == none()) {
@@ -266,21 +267,27 @@ QMErrors::QMErrorT QMThreadC::ControlC::create(const ControlPtr& self, QMThreadC
       qm::logError(kStart, "while creating m_hEndEvent: ", osErrorText());
       return QMErrors::ResourceAllocationFailed;
     }
+    started = thread;
     if (!isAlive()) {
       closeThread();
       finished = false;
       resetEvent(endEvent);
       std::unique_ptr<Launch> launch(new (std::nothrow) Launch{self, object});
       if (launch != nullptr) {
+        // The thread does not wait for its starter: it finds its handle in place and notes its
+        // identifier itself.
         DWORD id = 0;
-        thread = startThread(&QMThreadC::ThreadWrapper, launch.get(), &id);
-        threadId = id;
-        if (thread != nullptr) (void)launch.release();
+        started = startThread(&QMThreadC::ThreadWrapper, launch.get(), &id, &thread);
+        if (started != nullptr) {
+          threadId = id;
+          (void)launch.release();
+        }
       } else {
+        started = nullptr;
         setLastError(ERROR_NOT_ENOUGH_MEMORY);
       }
     }
-    if (thread == nullptr) {
+    if (started == nullptr) {
       finished = true;
       qm::logError(kStart, "_beginthreadex() failed: ", osErrorText());
       return QMErrors::ResourceAllocationFailed;

@@ -19,9 +19,18 @@ void logError(const Parts&... parts) {
   (log << ... << parts) << std::endl;
 }
 
+/// True when a line of that level is shown. Asked first, as a line that is not shown then costs no
+/// stream.
+inline bool isShown(unsigned level) noexcept {
+  QMLogGetLevelFn getLevel = nullptr;
+  QMLogStreamC::GetDBGetLevelFn(&getLevel);
+  return getLevel == nullptr || level < getLevel();
+}
+
 /// " WARNING: ".
 template <class... Parts>
 void logWarning(unsigned level, const Parts&... parts) {
+  if (!isShown(level)) return;
   QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
   log.SetMessageLevel(level);
   log._LogWarning();
@@ -31,6 +40,7 @@ void logWarning(unsigned level, const Parts&... parts) {
 /// " INFO: ".
 template <class... Parts>
 void logInfo(unsigned level, const Parts&... parts) {
+  if (!isShown(level)) return;
   QMLogStreamC log(nullptr, nullptr, nullptr, nullptr);
   log.SetMessageLevel(level);
   log._LogInfo();

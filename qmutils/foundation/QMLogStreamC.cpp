@@ -350,7 +350,8 @@ void QMLogStreamC::GetHooks(QMLogOutputFn* output, QMLogSetNameFn* setLogName,
 }
 
 unsigned int QMLogStreamC::GetDebugLevel() noexcept {
-  return QMLogStreamC(nullptr, nullptr, nullptr, nullptr).QMLogStrstreambufC::GetDebugLevel();
+  const QMLogGetLevelFn hook = getLevelHook.load(std::memory_order_acquire);
+  return hook != nullptr ? hook() : 1;
 }
 
 std::ios_base::fmtflags QMLogStreamC::setf(std::ios_base::fmtflags flags) noexcept {

@@ -4,16 +4,20 @@
 // may be called from any thread; failures set the last error (6 for a handle that is no thread).
 #pragma once
 
+#include <atomic>
+
 #include "qmutils/platform/types.h"
 
 namespace qm::platform {
 
 using ThreadEntry = DWORD (*)(void* argument);
 
-/// Starts a thread; `id` (may be null) receives its identifier before the thread runs. The result
-/// of `entry` is the exit code. Null with the last error set when the system refuses. The caller
-/// closes the handle; the thread does not depend on it.
-HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id) noexcept;
+/// Starts a thread; `id` (may be null) receives its identifier, `place` (may be null) its handle,
+/// both before the thread runs. The result of `entry` is the exit code. Null with the last error
+/// set when the system refuses; `place` is then null as well. The caller closes the handle; the
+/// thread does not depend on it.
+HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id,
+                   std::atomic<HANDLE>* place = nullptr) noexcept;
 
 /// The system's identifier of the calling thread; never 0.
 DWORD currentThreadId() noexcept;

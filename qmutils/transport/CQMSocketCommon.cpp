@@ -144,12 +144,15 @@ QMErrors::QMErrorT CQMSocketCommon::Transfer(const char* text) {
     if (sent >= 0) {
       text += sent;
       left -= static_cast<std::size_t>(sent);
-    } else if (!AwaitRoom(use.socket())) {
+      if (left == 0) break;
+      setLastError(WSAEWOULDBLOCK);  // for the rest there was no room
+    }
+    if (!AwaitRoom(use.socket())) {
       const QMErrors::QMErrorT error = QMErrors::lastOsError();
       // The end of the thread closes the connection: that is no failure of this send.
       return IsToldToStop() ? QMErrors::NoError : error;
     }
-    if (left != 0 && IsToldToStop()) break;
+    if (IsToldToStop()) break;
   }
   return QMErrors::NoError;
 }

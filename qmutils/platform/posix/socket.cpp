@@ -250,17 +250,17 @@ bool connectSocket(SocketHandle socket, HostAddress host, std::uint16_t port) no
 }
 
 DWORD connectionState(SocketHandle socket) noexcept {
+  sockaddr_in peer;
+  socklen_t size = sizeof peer;
+  if (getpeername(descriptorOf(socket), reinterpret_cast<sockaddr*>(&peer), &size) == 0) {
+    return WSAEISCONN;
+  }
   int error = 0;
-  socklen_t size = sizeof error;
+  size = sizeof error;
   if (getsockopt(descriptorOf(socket), SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
     return socketError(errno);
   }
   if (error != 0) return socketError(error);
-  sockaddr_in peer;
-  size = sizeof peer;
-  if (getpeername(descriptorOf(socket), reinterpret_cast<sockaddr*>(&peer), &size) == 0) {
-    return WSAEISCONN;
-  }
   pollfd entry{descriptorOf(socket), POLLOUT, 0};
   return poll(&entry, 1, 0) == 0 ? WSAEWOULDBLOCK : WSAENOTCONN;
 }

@@ -120,7 +120,8 @@ DWORD alertableSleep(const Deadline& deadline) noexcept {
 
 }  // namespace
 
-HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id) noexcept {
+HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id,
+                   std::atomic<HANDLE>* place) noexcept {
   if (!prepareSuspension()) {
     setLastError(lastErrorFromErrno(errno));
     return nullptr;
@@ -136,6 +137,7 @@ HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id) noexcept {
       object->thread = record;
       ++object->pins;
     }
+    if (place != nullptr) place->store(handle, std::memory_order_release);
     StartRequest request{record, object, entry, argument, id};
     error = createDetached(request);
     if (error == 0) {
@@ -144,6 +146,7 @@ HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id) noexcept {
       }
       return handle;
     }
+    if (place != nullptr) place->store(nullptr, std::memory_order_relaxed);
     DispatcherLock lock;
     object->thread = nullptr;
     unpin(object);

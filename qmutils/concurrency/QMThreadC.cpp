@@ -61,9 +61,9 @@ void remember(QMErrors::QMErrorT& first, QMErrors::QMErrorT result) {
 }  // namespace
 
 struct QMThreadC::ControlC {
-  std::atomic<void*> thread{nullptr};
+  ThreadPlace place;
+  std::atomic<void*>& thread = place.handle;
   std::atomic<void*> endEvent{nullptr};
-  std::atomic<DWORD> threadId{0};
   std::atomic<bool> deleted{false};
   std::atomic<bool> finished{true};
   const char* name;
@@ -87,7 +87,13 @@ struct QMThreadC::ControlC {
   }
   bool isAlive() const { return isRunning(thread); }
   /// An identifier is given to another thread once its own has ended.
-  bool isCurrentThread() const { return threadId == currentThreadId() && isAlive() && !deleted; }
+  bool isCurrentThread() const { return place.id == currentThreadId() && isAlive() && !deleted; }
+  /// A thread that was started just now may not have told it yet.
+  DWORD identifier() const {
+    if (thread != nullptr) place.id.wait(0);
+    const DWORD id = place.id;
+    return id == kAllOnes ? 0 : id;
+  }
 
   bool endSignalled() const { return wait(endEvent, 0) != WAIT_TIMEOUT; }
 
@@ -236,7 +242,6 @@ DWORD QMThreadC::ThreadWrapper(void* argument) {
   const std::unique_ptr<ControlC::Launch> launch(static_cast<ControlC::Launch*>(argument));
   ControlC& control = *launch->control;
   QMThreadC* const object = launch->object;
-  control.threadId = currentThreadId();
   (void)object->SleepEx(0, false);
   const QMErrors::QMErrorT result = object->run();
   if (control.autoDelete) {
@@ -255,7 +260,6 @@ QMErrors::QMErrorT QMThreadC::start() {
 }
 
 QMErrors::QMErrorT QMThreadC::ControlC::create(const ControlPtr& self, QMThreadC* object) {
-  void* started = nullptr;
   {
     const qm::platform::ShortLock guard(starting);
     if (self == none()) {
@@ -267,38 +271,34 @@ QMErrors::QMErrorT QMThreadC::ControlC::create(const ControlPtr& self, QMThreadC
       qm::logError(kStart, "while creating m_hEndEvent: ", osErrorText());
       return QMErrors::ResourceAllocationFailed;
     }
-    started = thread;
-    if (!isAlive()) {
+    bool runs = isAlive();
+    if (!runs) {
       closeThread();
       finished = false;
       resetEvent(endEvent);
       std::unique_ptr<Launch> launch(new (std::nothrow) Launch{self, object});
-      if (launch != nullptr) {
-        // The thread does not wait for its starter: it finds its handle in place and notes its
-        // identifier itself.
-        DWORD id = 0;
-        started = startThread(&QMThreadC::ThreadWrapper, launch.get(), &id, &thread);
-        if (started != nullptr) {
-          threadId = id;
-          (void)launch.release();
-        }
-      } else {
-        started = nullptr;
+      if (launch == nullptr) {
         setLastError(ERROR_NOT_ENOUGH_MEMORY);
+      } else if (startThread(&QMThreadC::ThreadWrapper, launch.get(), place)) {
+        // Thread and starter do not wait for each other: the thread finds its handle in place.
+        (void)launch.release();
+        runs = true;
       }
     }
-    if (started == nullptr) {
+    if (!runs) {
       finished = true;
       qm::logError(kStart, "_beginthreadex() failed: ", osErrorText());
       return QMErrors::ResourceAllocationFailed;
     }
   }
   // From here on the thread may end and delete its object.
-  qm::logInfo(1, kStart, "_beginthreadex() succeeded for Thread: ", name, ", id = 0x", std::hex,
-              threadId.load());
+  if (qm::isShown(1)) {
+    qm::logInfo(1, kStart, "_beginthreadex() succeeded for Thread: ", name, ", id = 0x", std::hex,
+                identifier());
+  }
   if (tracing()) {
     qm::logInfo(kTraceLevel, kStart, "waiting for thread: ", name, ", id = 0x", std::hex,
-                threadId.load(), " to begin.");
+                identifier(), " to begin.");
   }
   return awaitBegin();
 }
@@ -309,7 +309,7 @@ QMErrors::QMErrorT QMThreadC::ControlC::awaitBegin() const {
     sleep(kStartPollMs, false);
   }
   if (finished) return QMErrors::NoError;
-  qm::logError(kStart, "thread ", name, ", id = 0x", std::hex, threadId.load(), " failed to start");
+  qm::logError(kStart, "thread ", name, ", id = 0x", std::hex, identifier(), " failed to start");
   return QMErrors::FailedToStartThread;
 }
 
@@ -407,7 +407,7 @@ void QMThreadC::ControlC::awaitEnd(void* stopped) const {
       return;
     }
     if (step % kStopStepsPerLogLine == 0) {
-      logPlain(kTraceLevel, kStop, "Waiting for thread ", name, " id 0x", std::hex, threadId.load(),
+      logPlain(kTraceLevel, kStop, "Waiting for thread ", name, " id 0x", std::hex, identifier(),
                " to die...");
     }
     (void)wait(stopped, kStopStepMs);
@@ -439,7 +439,7 @@ QMErrors::QMErrorT QMThreadC::stopAll() try {
 
 // --- fields -------------------------------------------------------------------------------------
 
-DWORD QMThreadC::GetThreadID() const { return m_pControl->threadId; }
+DWORD QMThreadC::GetThreadID() const { return m_pControl->identifier(); }
 void* QMThreadC::GetThread() const { return m_pControl->thread; }
 void* QMThreadC::GetEndEvent() const { return m_pControl->endEvent; }
 const char* QMThreadC::GetSafeThreadName() const { return m_pControl->name; }

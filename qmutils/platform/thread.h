@@ -12,12 +12,20 @@ namespace qm::platform {
 
 using ThreadEntry = DWORD (*)(void* argument);
 
-/// Starts a thread; `id` (may be null) receives its identifier, `place` (may be null) its handle,
-/// both before the thread runs. The result of `entry` is the exit code. Null with the last error
-/// set when the system refuses; `place` is then null as well. The caller closes the handle; the
-/// thread does not depend on it.
-HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id,
-                   std::atomic<HANDLE>* place = nullptr) noexcept;
+/// Starts a thread; `id` (may be null) receives its identifier before the thread runs. The result
+/// of `entry` is the exit code. Null with the last error set when the system refuses. The caller
+/// closes the handle; the thread does not depend on it.
+HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id) noexcept;
+
+/// A thread that knows its handle and identifier itself, whose starter need not wait for it.
+struct ThreadPlace {
+  std::atomic<HANDLE> handle{nullptr};
+  std::atomic<DWORD> id{0};
+};
+/// The same without waiting for the thread: handle and identifier are put into `place`, which must
+/// last, before the thread runs; the handle also before this returns. The identifier, 0 until then,
+/// may be waited for. When the system refuses, the handle is null and the identifier all ones.
+bool startThread(ThreadEntry entry, void* argument, ThreadPlace& place) noexcept;
 
 /// The system's identifier of the calling thread; never 0.
 DWORD currentThreadId() noexcept;

@@ -73,6 +73,8 @@ QMErrors::QMErrorT CQMServerSocket::run() {
     result = AcceptClients();
   }
   CloseConnection(listener);
+  // Being stopped ends the connections first; they must not be there any more when it comes again.
+  (void)CleanDeadConnections();
   qm::logInfo(1, kRun, "Server is about to stop");
   if (!IsEndEventSignalled()) (void)Notify(NotListening);
   return result;

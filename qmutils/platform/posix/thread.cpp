@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <memory>
 #include <new>
 
 #include "qmutils/platform/error.h"
@@ -23,39 +24,60 @@ namespace {
 constexpr DWORD kFailed = 0xFFFFFFFFu;
 constexpr std::uint32_t kMaximumSuspendCount = 127;
 
-/// What a new thread needs of its starter; lies on the starter's stack until the thread has begun.
+/// What a new thread needs of its starter.
 struct StartRequest {
   ThreadRecord* record;
   WaitObject* object;
   ThreadEntry entry;
   void* argument;
-  DWORD* id;
-  FutexWord begun{0};
+  // One of the two: where to put the identifier, and whom to wake who waits for it on its stack.
+  ThreadPlace* place;
+  FutexWord* id;
 };
 
+/// The nearest scheduling weight; a system that refuses it leaves the thread as it was.
+void applyPriority(DWORD threadId, int priority) noexcept {
+  const int nice = priority <= -15 ? 19 : priority >= 15 ? -15 : -5 * priority;
+  (void)setpriority(PRIO_PROCESS, threadId, nice);
+}
+
+/// From here on others may signal the thread; what they asked of it before, it does now.
+void beginThread(ThreadRecord& record) noexcept {
+  {
+    DispatcherLock lock;
+    record.begun = true;
+  }
+  const int priority = record.priority.load(std::memory_order_relaxed);
+  if (priority != THREAD_PRIORITY_NORMAL) applyPriority(record.threadId, priority);
+  parkWhileSuspended(record);
+}
+
 void* threadMain(void* argument) {
-  auto* request = static_cast<StartRequest*>(argument);
+  const std::unique_ptr<StartRequest> request(static_cast<StartRequest*>(argument));
   ThreadRecord* const record = request->record;
   record->object = request->object;
   allowSuspensionSignal();
-  const ThreadEntry entry = request->entry;
-  void* const entryArgument = request->argument;
   adoptThreadRecord(record);
-  if (request->id != nullptr) *request->id = record->threadId;
-  FutexWord* begun = &request->begun;
-  begun->store(1, std::memory_order_release);
-  futexWake(begun, 1);
-  record->exitCode = entry(entryArgument);
+  if (request->place != nullptr) {
+    request->place->id.store(record->threadId, std::memory_order_release);
+    request->place->id.notify_all();
+  } else {
+    FutexWord* const id = request->id;
+    id->store(record->threadId, std::memory_order_release);
+    futexWake(id, 1);
+  }
+  beginThread(*record);
+  record->exitCode = request->entry(request->argument);
   return nullptr;
 }
 
-int createDetached(StartRequest& request) noexcept {
+int createDetached(StartRequest* request) noexcept {
   pthread_attr_t attributes;
   int error = pthread_attr_init(&attributes);
   if (error != 0) return error;
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_t thread;
-  error = pthread_create(&thread, &attributes, threadMain, &request);
+  error = pthread_create(&thread, &attributes, threadMain, request);
   pthread_attr_destroy(&attributes);
   return error;
 }
@@ -71,12 +93,6 @@ ThreadRecord* runningThread(HANDLE thread) noexcept {
   }
   if (object->thread == nullptr) setLastError(ERROR_ACCESS_DENIED);
   return object->thread;
-}
-
-/// The nearest scheduling weight; a system that refuses it leaves the thread as it was.
-void applyPriority(DWORD threadId, int priority) noexcept {
-  const int nice = priority <= -15 ? 19 : priority >= 15 ? -15 : -5 * priority;
-  (void)setpriority(PRIO_PROCESS, threadId, nice);
 }
 
 bool isPriority(int priority) noexcept {
@@ -120,8 +136,10 @@ DWORD alertableSleep(const Deadline& deadline) noexcept {
 
 }  // namespace
 
-HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id,
-                   std::atomic<HANDLE>* place) noexcept {
+namespace {
+
+/// Creates a thread with its object and record; null with the last error set.
+HANDLE createThread(ThreadEntry entry, void* argument, ThreadPlace* place, FutexWord* id) noexcept {
   if (!prepareSuspension()) {
     setLastError(lastErrorFromErrno(errno));
     return nullptr;
@@ -130,33 +148,53 @@ HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id,
   WaitObject* object = newObject(Kind::Thread, 0, &handle);
   if (object == nullptr) return nullptr;
   ThreadRecord* record = newThreadRecord();
+  auto* const request = new (std::nothrow) StartRequest{record, object, entry, argument, place, id};
   int error = ENOMEM;
-  if (record != nullptr) {
+  if (record != nullptr && request != nullptr) {
     {
       DispatcherLock lock;
       object->thread = record;
       ++object->pins;
     }
-    if (place != nullptr) place->store(handle, std::memory_order_release);
-    StartRequest request{record, object, entry, argument, id};
+    if (place != nullptr) place->handle.store(handle, std::memory_order_release);
     error = createDetached(request);
-    if (error == 0) {
-      while (request.begun.load(std::memory_order_acquire) == 0) {
-        futexWait(request.begun, 0, Deadline::after(INFINITE));
-      }
-      return handle;
-    }
-    if (place != nullptr) place->store(nullptr, std::memory_order_relaxed);
+    if (error == 0) return handle;
     DispatcherLock lock;
     object->thread = nullptr;
     unpin(object);
+  }
+  delete request;
+  if (record != nullptr) {
+    DispatcherLock lock;
     record->gone = true;
     ++record->pins;
     unpinThreadRecord(record);
   }
+  if (place != nullptr) place->handle.store(nullptr, std::memory_order_relaxed);
   closeHandle(handle);
   setLastError(lastErrorFromErrno(error));
   return nullptr;
+}
+
+}  // namespace
+
+HANDLE startThread(ThreadEntry entry, void* argument, DWORD* id) noexcept {
+  FutexWord begun{0};
+  const HANDLE handle = createThread(entry, argument, nullptr, &begun);
+  if (handle == nullptr) return nullptr;
+  while (begun.load(std::memory_order_acquire) == 0) {
+    futexWait(begun, 0, Deadline::after(INFINITE));
+  }
+  if (id != nullptr) *id = begun.load(std::memory_order_relaxed);
+  return handle;
+}
+
+bool startThread(ThreadEntry entry, void* argument, ThreadPlace& place) noexcept {
+  place.id.store(0, std::memory_order_relaxed);
+  if (createThread(entry, argument, &place, nullptr) != nullptr) return true;
+  place.id.store(kFailed, std::memory_order_release);
+  place.id.notify_all();
+  return false;
 }
 
 bool threadExitCode(HANDLE thread, DWORD* code) noexcept {
@@ -185,7 +223,8 @@ DWORD suspendThread(HANDLE thread) noexcept {
       return kFailed;
     }
     previous = record->suspension.fetch_add(1, std::memory_order_acq_rel);
-    if (!self && (previous & kParked) == 0 && !signalSuspension(*record)) {
+    // A thread that has not begun yet looks at the count before it runs.
+    if (!self && record->begun && (previous & kParked) == 0 && !signalSuspension(*record)) {
       record->suspension.fetch_sub(1, std::memory_order_acq_rel);
       setLastError(ERROR_SIGNAL_REFUSED);
       return kFailed;
@@ -231,7 +270,7 @@ bool setThreadPriority(HANDLE thread, int priority) noexcept {
   ThreadRecord* record = runningThread(thread);
   if (record == nullptr) return false;
   record->priority.store(priority, std::memory_order_relaxed);
-  applyPriority(record->threadId, priority);
+  if (record->begun) applyPriority(record->threadId, priority);
   return true;
 }
 

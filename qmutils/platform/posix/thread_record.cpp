@@ -28,6 +28,7 @@ void reset(ThreadRecord& record) noexcept {
   record.priority.store(THREAD_PRIORITY_NORMAL, std::memory_order_relaxed);
   record.object = nullptr;
   record.exitCode = 0;
+  record.begun = false;
   record.gone = false;
 }
 

@@ -52,6 +52,7 @@ struct ThreadRecord {
   QueuedCall* lastCall = nullptr;
   bool sleepingAlertable = false;
   int pins = 0;       ///< suspenders that still look at the record
+  bool begun = false;  ///< the thread that the platform has started has its identifier
   bool gone = false;  ///< the thread has ended; recycled when the last pin goes
   ThreadRecord* nextFree = nullptr;
 };

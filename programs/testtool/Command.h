@@ -27,6 +27,7 @@ struct Command {
 };
 
 extern const Command kConfigCommand;
+extern const Command kConnectCommand;
 extern const Command kDecodeCommand;
 extern const Command kEncodeCommand;
 extern const Command kErrorCommand;
@@ -37,6 +38,7 @@ extern const Command kIniCommand;
 extern const Command kLogCommand;
 extern const Command kPoolCommand;
 extern const Command kPrefsCommand;
+extern const Command kServeCommand;
 extern const Command kValueCommand;
 extern const Command kVersionCommand;
 extern const Command kXmlCommand;

@@ -82,6 +82,39 @@ struct MSG {
   POINT pt;
 };
 
+/// The settings of a serial line. Programs hand it to each other by its layout.
+struct DCB {
+  DWORD DCBlength;
+  DWORD BaudRate;  // bits per second
+  DWORD fBinary : 1;
+  DWORD fParity : 1;
+  DWORD fOutxCtsFlow : 1;
+  DWORD fOutxDsrFlow : 1;
+  DWORD fDtrControl : 2;
+  DWORD fDsrSensitivity : 1;
+  DWORD fTXContinueOnXoff : 1;
+  DWORD fOutX : 1;
+  DWORD fInX : 1;
+  DWORD fErrorChar : 1;
+  DWORD fNull : 1;
+  DWORD fRtsControl : 2;
+  DWORD fAbortOnError : 1;
+  DWORD fDummy2 : 17;
+  WORD wReserved;
+  WORD XonLim;
+  WORD XoffLim;
+  BYTE ByteSize;  // data bits
+  BYTE Parity;
+  BYTE StopBits;
+  char XonChar;
+  char XoffChar;
+  char ErrorChar;
+  char EofChar;
+  char EvtChar;
+  WORD wReserved1;
+};
+static_assert(sizeof(DCB) == 28);
+
 using WNDPROC = LRESULT (*)(HWND, UINT, WPARAM, LPARAM);
 
 /// A rectangle in device units; right and bottom lie outside.
@@ -161,6 +194,7 @@ inline constexpr DWORD ERROR_DIRECTORY = 267;
 inline constexpr DWORD ERROR_NOT_OWNER = 288;
 inline constexpr DWORD ERROR_TOO_MANY_POSTS = 298;
 inline constexpr DWORD ERROR_OPERATION_ABORTED = 995;
+inline constexpr DWORD ERROR_IO_INCOMPLETE = 996;
 inline constexpr DWORD ERROR_IO_PENDING = 997;
 inline constexpr DWORD ERROR_BADDB = 1009;
 inline constexpr DWORD ERROR_REGISTRY_IO_FAILED = 1016;
@@ -244,6 +278,40 @@ inline constexpr UINT WM_KEYUP = 0x101;
 inline constexpr UINT WM_CHAR = 0x102;
 inline constexpr UINT WM_KEYFIRST = 0x100;
 inline constexpr UINT WM_KEYLAST = 0x108;
+
+// Serial lines: parity, stop bits, and what the DTR and RTS lines do.
+inline constexpr BYTE NOPARITY = 0;
+inline constexpr BYTE ODDPARITY = 1;
+inline constexpr BYTE EVENPARITY = 2;
+inline constexpr BYTE MARKPARITY = 3;
+inline constexpr BYTE SPACEPARITY = 4;
+inline constexpr BYTE ONESTOPBIT = 0;
+inline constexpr BYTE ONE5STOPBITS = 1;
+inline constexpr BYTE TWOSTOPBITS = 2;
+inline constexpr DWORD DTR_CONTROL_DISABLE = 0;
+inline constexpr DWORD DTR_CONTROL_ENABLE = 1;
+inline constexpr DWORD DTR_CONTROL_HANDSHAKE = 2;
+inline constexpr DWORD RTS_CONTROL_DISABLE = 0;
+inline constexpr DWORD RTS_CONTROL_ENABLE = 1;
+inline constexpr DWORD RTS_CONTROL_HANDSHAKE = 2;
+inline constexpr DWORD RTS_CONTROL_TOGGLE = 3;
+
+// What can happen on a serial line.
+inline constexpr DWORD EV_RXCHAR = 0x1;
+inline constexpr DWORD EV_RXFLAG = 0x2;
+inline constexpr DWORD EV_TXEMPTY = 0x4;
+inline constexpr DWORD EV_CTS = 0x8;
+inline constexpr DWORD EV_DSR = 0x10;
+inline constexpr DWORD EV_RLSD = 0x20;
+inline constexpr DWORD EV_BREAK = 0x40;
+inline constexpr DWORD EV_ERR = 0x80;
+inline constexpr DWORD EV_RING = 0x100;
+
+// The lines by which a modem tells its state.
+inline constexpr DWORD MS_CTS_ON = 0x10;
+inline constexpr DWORD MS_DSR_ON = 0x20;
+inline constexpr DWORD MS_RING_ON = 0x40;
+inline constexpr DWORD MS_RLSD_ON = 0x80;
 
 // Process creation: priority class and detachment from the console.
 inline constexpr DWORD DETACHED_PROCESS = 0x8;

@@ -5,7 +5,7 @@ set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config libsqlite3-dev libtiff-dev libpng-dev)
 test=("${build[@]}" libgtest-dev locales)
-bench=("${test[@]}" libbenchmark-dev libspdlog-dev libboost-dev libtinyxml2-dev uuid-dev)
+bench=("${test[@]}" libbenchmark-dev libspdlog-dev libboost-dev libtinyxml2-dev uuid-dev libserialport-dev)
 fuzz=("${test[@]}" clang libclang-rt-dev)
 
 step=${1:-build}

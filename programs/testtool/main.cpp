@@ -12,10 +12,10 @@ namespace {
 using namespace programs;
 
 const Command* const kCommands[] = {
-    &kExposeCommand,  &kErrorCommand,   &kPoolCommand,  &kLogCommand,
-    &kValueCommand,   &kXmlCommand,     &kGuidCommand,  &kEncodeCommand,
-    &kDecodeCommand,  &kPrefsCommand,   &kIniCommand,   &kConfigCommand,
-    &kHistoryCommand, &kVersionCommand, &kServeCommand, &kConnectCommand,
+    &kExposeCommand, &kErrorCommand,   &kPoolCommand,    &kLogCommand,     &kValueCommand,
+    &kXmlCommand,    &kGuidCommand,    &kEncodeCommand,  &kDecodeCommand,  &kPrefsCommand,
+    &kIniCommand,    &kConfigCommand,  &kHistoryCommand, &kVersionCommand, &kSerialCommand,
+    &kServeCommand,  &kConnectCommand,
 };
 
 void printUsage(std::FILE* out) {

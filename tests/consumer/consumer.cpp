@@ -38,6 +38,13 @@
 #include "qmutils/imager/EngineClipDataC.h"
 #include "qmutils/imager/MachineTransformC.h"
 #include "qmutils/imager/QMPlateC.h"
+#include "qmutils/platform/waitable.h"
+#include "qmutils/transport/CQMClientSocket.h"
+#include "qmutils/transport/CQMServerConnection.h"
+#include "qmutils/transport/CQMServerSocket.h"
+#include "qmutils/transport/QMSerialCommsC.h"
+#include "qmutils/transport/QMSerialCommsErrorEventC.h"
+#include "qmutils/transport/QMSerialCommsEventC.h"
 #include "qmutils/windowing/CDC.h"
 #include "qmutils/windowing/CString.h"
 
@@ -132,6 +139,29 @@ int main() {
             holder.GetObject().Unlock() == QMErrors::NoError &&
             holder.Detach() == QMErrors::NoError,
         "shared objects");
+
+  CQMClientSocket client;
+  check(client.Send("") == QMErrors::NoError && client.IsConnected(nullptr) == 0 &&
+            client.SetHost("127.0.0.1", 1) == QMErrors::NoError &&
+            client.stop() == QMErrors::NoError,
+        "socket client");
+  CQMServerSocket server("consumer", 0, qm::platform::createEvent(false, false), 0);
+  CQMServerConnection* const connection =
+      new CQMServerConnection(&server, CQMServerSocket::kNoSocket, 0);
+  check(connection->CleanUp() == QMErrors::NoError && server.start() == QMErrors::NoError &&
+            server.stop() == QMErrors::NoError,
+        "socket server");
+  QMSerialCommsC serial;
+  QMSerialCommsC::QMSerialCommSpecC lineSettings("no such port", 9600, 8, 0, 0, 0, 0, 0);
+  std::ostringstream portText, eventText;
+  check(serial.open(lineSettings) == QMErrors::FailedToOpenSerialComms, "serial port");
+  portText << serial;
+  QMSerialCommsEventC lines(MS_CTS_ON);
+  QMSerialCommsErrorEventC lineError(QMErrors::CommandTimedOut);
+  eventText << static_cast<QMSerialCommsEventBaseC&>(lines) << lineError;
+  check(portText.str() == "no such port: could not get comm state." &&
+            eventText.str() == "QMSerialCommsEventC: 0x10: MS_CTS_ON, Command timed out: 2013",
+        "serial texts");
 
   QMXmlC root("Root", 0, nullptr);
   std::ostringstream xml;

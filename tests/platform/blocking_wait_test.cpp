@@ -5,7 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <filesystem>
+#include <iterator>
+#include <thread>
 
 #include "qmutils/platform/error.h"
 #include "tests/platform/Handles.h"
@@ -82,6 +84,22 @@ TEST_F(ReadyWait, NeitherWakeIsEverLost) {
   }
   EXPECT_EQ(byDescriptor, (kRounds + 2) / 3);
   EXPECT_EQ(exitCodeOf(partner), 0u);
+}
+
+TEST_F(ReadyWait, ThreadsLeaveNoDescriptorsBehind) {
+  const auto waitOnce = [&] {
+    std::thread([&] {
+      EXPECT_EQ(waitReady(ends_[0], POLLIN, nullptr, 0, Deadline::after(1)), WAIT_TIMEOUT);
+    }).join();
+  };
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator open("/proc/self/fd");
+    return std::distance(begin(open), end(open));
+  };
+  waitOnce();
+  const auto before = descriptors();
+  for (int i = 0; i < 50; ++i) waitOnce();
+  EXPECT_EQ(descriptors(), before);
 }
 
 TEST_F(ReadyWait, AForkedCopyTakesNoWakeOfItsParent) {

@@ -1,7 +1,11 @@
 #include "qmutils/platform/waitable.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -48,6 +52,32 @@ TEST_F(Waitable, StaleAndForeignHandlesFailAndNeverReachAnotherObject) {
   setLastError(0);
   EXPECT_EQ(suspendThread(event), kAllOnes);
   EXPECT_EQ(lastError(), ERROR_INVALID_HANDLE);
+}
+
+// The copy has one thread; whatever the others held or waited for must not trap it.
+TEST_F(Waitable, AForkedCopyForgetsTheOtherThreads) {
+  const HANDLE held = event(true, false), waitedFor = event(false, false);
+  const HANDLE others = mutex(false), own = mutex(true);
+  const HANDLE holder = thread([&]() -> DWORD {
+    wait(others, kLong);
+    setEvent(held);
+    return wait(waitedFor, kLong);
+  });
+  ASSERT_EQ(wait(held, kLong), WAIT_OBJECT_0);
+  const pid_t child = fork();
+  if (child == 0) {
+    bool sound = wait(holder, 0) == WAIT_OBJECT_0;
+    sound = sound && wait(others, 0) == WAIT_ABANDONED && releaseMutex(others);
+    sound = sound && releaseMutex(own);
+    // Nobody is left to take the event.
+    sound = sound && setEvent(waitedFor) && wait(waitedFor, 0) == WAIT_OBJECT_0;
+    std::_Exit(sound ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  setEvent(waitedFor);
+  EXPECT_EQ(exitCodeOf(holder), WAIT_OBJECT_0);
 }
 
 TEST_F(Waitable, SemaphoreCountsWithinItsBounds) {

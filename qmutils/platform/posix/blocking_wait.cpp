@@ -111,12 +111,6 @@ bool park(WaitBlock& block, const Deadline& deadline, Readiness* readiness,
   }
 }
 
-bool isReadyNow(Readiness* readiness) noexcept {
-  if (readiness == nullptr) return false;
-  pollOnce(*readiness, -1, 0);
-  return readiness->ready;
-}
-
 DWORD failWait(DWORD number) noexcept {
   setLastError(number);
   return WAIT_FAILED;
@@ -141,7 +135,8 @@ DWORD waitForObjects(const HANDLE* handles, std::size_t count, bool all, const D
     entries[i].object->word.fetch_or(kWaiters, std::memory_order_acq_rel);
   }
   block.done = satisfy(block);
-  if (block.done || (deadline.passed() && !isReadyNow(readiness))) {
+  if (block.done || deadline.passed()) {
+    if (!block.done && readiness != nullptr) pollOnce(*readiness, -1, 0);
     for (std::size_t i = 0; i < count; ++i) settle(entries[i].object);
   } else {
     block.thread->parking.store(0, std::memory_order_relaxed);

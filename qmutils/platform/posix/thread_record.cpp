@@ -37,13 +37,20 @@ void recycle(ThreadRecord* record) noexcept {
   firstFreeRecord = record;
 }
 
-/// In the child of a fork the calling thread has another identifier.
-void renumberAfterFork() noexcept {
-  if (ownRecord != nullptr) ownRecord->threadId = static_cast<DWORD>(syscall(SYS_gettid));
+/// With the dispatcher's lock held: null when there is none.
+ThreadRecord* takeFreeRecord() noexcept {
+  ThreadRecord* const record = firstFreeRecord;
+  if (record == nullptr) return nullptr;
+  firstFreeRecord = record->nextFree;
+  reset(*record);
+  return record;
 }
 
+/// In the child of a fork the calling thread is the only one, and has another identifier.
 void unlockInChild() noexcept {
-  renumberAfterFork();
+  const DWORD former = ownRecord != nullptr ? ownRecord->threadId : 0;
+  if (ownRecord != nullptr) ownRecord->threadId = static_cast<DWORD>(syscall(SYS_gettid));
+  forgetOtherThreads(ownRecord, former);
   unlockDispatcherAfterFork();
 }
 
@@ -65,7 +72,7 @@ void endCurrentThread(void* ending) noexcept {
   WakeList wakes;
   QueuedCall* calls;
   {
-    DispatcherLock lock(DispatcherLock::kThreadIsEnding);
+    DispatcherLock lock(DispatcherLock::kNoRecord);
     calls = record->firstCall;
     record->firstCall = record->lastCall = nullptr;
     record->gone = true;
@@ -85,7 +92,7 @@ void endCurrentThread(void* ending) noexcept {
     calls = next;
   }
   ownRecord = nullptr;
-  DispatcherLock lock(DispatcherLock::kThreadIsEnding);
+  DispatcherLock lock(DispatcherLock::kNoRecord);
   if (record->pins == 0) recycle(record);
 }
 
@@ -99,7 +106,12 @@ pthread_key_t makeThreadEndKey() noexcept {
 /// A record for a thread that others started. Such a thread cannot go on without one, and the few
 /// bytes are not to be had only when the process is at its end anyway.
 ThreadRecord& makeForeignRecord() noexcept {
-  ThreadRecord* record = new (std::nothrow) ThreadRecord;
+  ThreadRecord* record;
+  {
+    DispatcherLock lock(DispatcherLock::kNoRecord);
+    record = takeFreeRecord();
+  }
+  if (record == nullptr) record = new (std::nothrow) ThreadRecord;
   if (record == nullptr) std::abort();
   adoptThreadRecord(record);
   return *record;
@@ -124,12 +136,7 @@ void adoptThreadRecord(ThreadRecord* record) noexcept {
 ThreadRecord* newThreadRecord() noexcept {
   {
     DispatcherLock lock;
-    if (firstFreeRecord != nullptr) {
-      ThreadRecord* record = firstFreeRecord;
-      firstFreeRecord = record->nextFree;
-      reset(*record);
-      return record;
-    }
+    if (ThreadRecord* const record = takeFreeRecord()) return record;
   }
   return new (std::nothrow) ThreadRecord;
 }

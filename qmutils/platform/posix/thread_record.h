@@ -51,9 +51,9 @@ struct ThreadRecord {
   QueuedCall* firstCall = nullptr;
   QueuedCall* lastCall = nullptr;
   bool sleepingAlertable = false;
-  int pins = 0;       ///< suspenders that still look at the record
+  int pins = 0;        ///< suspenders that still look at the record
   bool begun = false;  ///< the thread that the platform has started has its identifier
-  bool gone = false;  ///< the thread has ended; recycled when the last pin goes
+  bool gone = false;   ///< the thread has ended; recycled when the last pin goes
   ThreadRecord* nextFree = nullptr;
 };
 

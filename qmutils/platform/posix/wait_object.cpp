@@ -102,12 +102,47 @@ void unlockDispatcherAfterFork() noexcept {
   allowSuspension();
 }
 
+namespace {
+
+void forgetOtherThreads(WaitObject& object, const ThreadRecord* self, DWORD former) noexcept {
+  std::uint64_t word = object.word.load(std::memory_order_relaxed) & ~kWaiters;
+  const Kind kind = kindOf(word);
+  if (kind == Kind::Free) return;
+  bool isHeld = false;  // by its thread or process, or as a mutex by the calling thread
+  if (kind == Kind::Mutex && valueOf(word) != 0) {
+    isHeld = valueOf(word) == former;
+    word = isHeld ? withValue(word, self->threadId) : withValue(word | kAbandoned, 0);
+  } else if (kind == Kind::Thread) {
+    isHeld = object.thread != nullptr && object.thread == self;
+    if (!isHeld) {
+      object.thread = nullptr;
+      word = withValue(word, 1);
+    }
+  } else if (kind == Kind::Process) {
+    isHeld = object.pins != 0;
+  }
+  object.word.store(word, std::memory_order_relaxed);
+  // The waiters' entries lay on stacks that may be gone; they are not looked at.
+  object.firstWaiter = object.lastWaiter = nullptr;
+  object.pins = isHeld && kind != Kind::Mutex ? 1 : 0;
+  if (object.closed && !isHeld) recycle(&object);
+}
+
+}  // namespace
+
+void forgetOtherThreads(const ThreadRecord* self, DWORD former) noexcept {
+  for (std::uint32_t i = 0; i < chunksInUse; ++i) {
+    WaitObject* const chunk = chunks[i].load(std::memory_order_relaxed);
+    for (std::uint32_t j = 0; j < kChunkSize; ++j) forgetOtherThreads(chunk[j], self, former);
+  }
+}
+
 DispatcherLock::DispatcherLock() noexcept : defers_(true) {
   deferSuspension();
   dispatcherMutex.lock();
 }
 
-DispatcherLock::DispatcherLock(EndingT) noexcept : defers_(false) { dispatcherMutex.lock(); }
+DispatcherLock::DispatcherLock(NoRecordT) noexcept : defers_(false) { dispatcherMutex.lock(); }
 
 DispatcherLock::~DispatcherLock() {
   if (held_) unlock();

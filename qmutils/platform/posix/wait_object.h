@@ -94,11 +94,11 @@ class WakeList;
 /// Holds the dispatcher's lock. The holder cannot be suspended.
 class DispatcherLock {
  public:
-  enum EndingT { kThreadIsEnding };
+  enum NoRecordT { kNoRecord };
 
   DispatcherLock() noexcept;
-  /// For a thread that has given up its record and so can no longer be suspended anyway.
-  explicit DispatcherLock(EndingT) noexcept;
+  /// For a thread that has no record, not yet or no longer, and so cannot be suspended anyway.
+  explicit DispatcherLock(NoRecordT) noexcept;
   ~DispatcherLock();
   DispatcherLock(const DispatcherLock&) = delete;
   DispatcherLock& operator=(const DispatcherLock&) = delete;
@@ -131,6 +131,10 @@ class WakeList {
 /// Around a fork, so that the child finds the table whole and the lock free.
 void lockDispatcherForFork() noexcept;
 void unlockDispatcherAfterFork() noexcept;
+/// In the child, whose only thread is the calling one: the others' waits are forgotten, their
+/// threads have ended, and their mutexes are abandoned. `former` is the calling thread's identifier
+/// in the parent, 0 without a record.
+void forgetOtherThreads(const ThreadRecord* self, DWORD former) noexcept;
 
 /// The object a handle may name: its slot in the table, or null for a value that is no handle. The
 /// caller compares the generation in the object's word with handleGeneration().

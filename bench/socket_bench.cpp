@@ -177,7 +177,7 @@ class OurServerC : public CQMServerSocket {
 
  protected:
   QMErrors::QMErrorT CreateNewConnection(unsigned socket) override {
-    return (new ConnectionC(this, socket))->start();
+    return Begin(new ConnectionC(this, socket));
   }
 };
 

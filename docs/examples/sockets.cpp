@@ -1,6 +1,7 @@
 // Text lines between a server and a client in one program.
 #include <atomic>
 #include <cstdio>
+#include <new>
 #include <string>
 
 #include "qmutils/foundation/QMLogStreamC.h"
@@ -32,7 +33,7 @@ class ServerC : public CQMServerSocket {
 
  protected:
   QMErrors::QMErrorT CreateNewConnection(unsigned socket) override {
-    return (new SessionC(this, socket))->start();  // the server deletes it when it has ended
+    return Begin(new (std::nothrow) SessionC(this, socket));  // the server deletes it at its end
   }
 };
 

@@ -90,7 +90,7 @@ struct QMThreadC::ControlC {
   bool isCurrentThread() const { return place.id == currentThreadId() && isAlive() && !deleted; }
   /// A thread that was started just now may not have told it yet.
   DWORD identifier() const {
-    if (thread != nullptr) place.id.wait(0);
+    if (isAlive()) place.id.wait(0);
     const DWORD id = place.id;
     return id == kAllOnes ? 0 : id;
   }

@@ -104,6 +104,9 @@ class QMUTILS_API QMThreadC {
  protected:
   /// Signals the end event and resumes the thread fully. 0, 1007, 2011 or an OS code.
   QMErrors::QMErrorT NotifyEnd();
+  /// The first half of stop(): signals the children, then stops each of them. For a parent whose
+  /// thread makes children until its own end.
+  QMErrors::QMErrorT StopChildren() { return StopChildren(this); }
 
  private:
   struct ControlC;

@@ -75,6 +75,7 @@ bool CQMClientSocket::Connect() {
   while (goOn && GetSocket() == kNoSocket) {
     // Also after a connection that was lost at once: a server that does so is not to be flooded.
     if (wait(GetEndEvent(), m_NextAttempt.remainingMs()) != WAIT_TIMEOUT) return false;
+    m_NextAttempt = Deadline::after(kAttemptIntervalMs);  // also when there is none now
     (void)Sleep(0);
     if (Notify(NotConnected) != QMErrors::NoError) return false;
     goOn = Attempt();

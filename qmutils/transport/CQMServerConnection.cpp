@@ -47,6 +47,5 @@ QMErrors::QMErrorT CQMServerConnection::run() {
   ShowConnection(0);
   CloseConnection(GetSocket());
   qm::logInfo(1, kRun, "exiting with: ", QMErrToStr(result));
-  m_bEnded = true;
   return result;
 }

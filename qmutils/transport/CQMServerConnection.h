@@ -3,18 +3,16 @@
 //
 //   class SessionC : public CQMServerConnection {
 //    public:
-//     SessionC(CQMServerSocket* server, unsigned socket) : CQMServerConnection(server, socket, 0)
-//     {} ~SessionC() override { stop(); }                      // first, as for every QMThreadC
+//     SessionC(CQMServerSocket* server, unsigned socket)
+//         : CQMServerConnection(server, socket, 0) {}
+//     ~SessionC() override { stop(); }   // first, as for every QMThreadC
 //    protected:
-//     QMErrors::QMErrorT ClientListen() override {          // Receive(), Send(), ...
-//     }
+//     QMErrors::QMErrorT ClientListen() override;   // Receive(), Send(), ...
 //   };
 //
 // Connections come from new. Once its thread has ended, the server's next idle pass deletes a
 // connection; CleanUp() does so before. Sends from several threads do not mix (CQMSocketCommon.h).
 #pragma once
-
-#include <atomic>
 
 #include "qmutils/platform/export.h"
 #include "qmutils/transport/CQMSocketCommon.h"
@@ -34,8 +32,8 @@ class QMUTILS_API CQMServerConnection : public CQMSocketCommon {
   /// deleted. Not while the server is destroyed.
   virtual QMErrors::QMErrorT CleanUp();
 
-  /// True once the thread has run and come to its end.
-  bool HasEnded() const { return m_bEnded && !IsAlive(); }
+  /// True once the thread was started and has come to its end.
+  bool HasEnded() const { return GetThread() != nullptr ? !IsAlive() : GetThreadID() != 0; }
 
  protected:
   QMErrors::QMErrorT run() override;
@@ -46,6 +44,4 @@ class QMUTILS_API CQMServerConnection : public CQMSocketCommon {
 
  private:
   void ShowConnection(int connected);
-
-  std::atomic<bool> m_bEnded{false};
 };

@@ -55,6 +55,11 @@ QMErrors::QMErrorT CQMServerSocket::CreateNewConnection(unsigned socket) {
     return QMErrors::MemoryAllocationFailed;
   }
   qm::logInfo(1, kCreate, "created new connection.");
+  return Begin(connection);
+}
+
+QMErrors::QMErrorT CQMServerSocket::Begin(CQMServerConnection* connection) {
+  if (connection == nullptr) return QMErrors::MemoryAllocationFailed;
   const QMErrors::QMErrorT started = connection->start();
   if (started != QMErrors::NoError) delete connection;
   return started;
@@ -71,9 +76,12 @@ QMErrors::QMErrorT CQMServerSocket::run() {
     SetPortID(portOfSocket(listener));
     SetSocket(listener);
     result = AcceptClients();
+    CloseConnection(GetSocket());
+  } else {
+    CloseConnection(listener);
   }
-  CloseConnection(listener);
-  // Being stopped ends the connections first; they must not be there any more when it comes again.
+  // stop() has stopped the connections that there were; more may have come until now.
+  if (IsEndEventSignalled()) (void)StopChildren();
   (void)CleanDeadConnections();
   qm::logInfo(1, kRun, "Server is about to stop");
   if (!IsEndEventSignalled()) (void)Notify(NotListening);
@@ -103,7 +111,8 @@ QMErrors::QMErrorT CQMServerSocket::Open(unsigned& socket) {
 
 /// Tries until the socket listens; false when the thread is told to stop before.
 bool CQMServerSocket::Listen(unsigned socket) const {
-  while (!listenOnSocket(socket, kBacklog)) {
+  for (bool told = false; !listenOnSocket(socket, kBacklog); told = true) {
+    if (!told) (void)failStep("listen()");
     if (wait(GetEndEvent(), kIdleMs) != WAIT_TIMEOUT) return false;
   }
   return !IsEndEventSignalled();

@@ -10,14 +10,14 @@
 //    protected:
 //     QMErrors::QMErrorT ServerIdle() override { return QMErrors::NoError; }
 //     QMErrors::QMErrorT CreateNewConnection(unsigned socket) override {
-//       auto* const session = new SessionC(this, socket);
-//       return session->start();
+//       return Begin(new (std::nothrow) SessionC(this, socket));
 //     }
 //   };
 //
 // A client is taken as soon as it arrives. The idle call comes at least once a second, and at once
 // when the user event is signalled. Stopping the server stops all connections first. start() and
-// stop() may be called from any thread; the set of connections belongs to the server.
+// stop() may be called from any thread but those of the connections; the set of connections belongs
+// to the server.
 #pragma once
 
 #include "qmutils/concurrency/QMCriticalSectionC.h"
@@ -32,10 +32,10 @@ class QMUTILS_API CQMServerSocket : public CQMSocketCommon {
     NotListening = 0,  ///< before the server starts, and after it has ended by itself
   };
 
-  /// Port 0: the system chooses one, which GetPort() gives once the server listens, as GetSocket()
-  /// then gives the listening socket. `hUserEvent`
-  /// (may be null) wakes the server for an idle pass; the server closes it when destroyed. It
-  /// should be an auto-reset event: one that stays signalled leaves the server no rest.
+  /// Port 0: the system chooses one when the server is first started; GetPort() gives it from then
+  /// on. Once the server listens, GetSocket() gives its socket. `hUserEvent` (may be null) wakes
+  /// the server for an idle pass; it is closed with the server. It should be an auto-reset event:
+  /// one that stays signalled leaves the server no rest.
   CQMServerSocket(const char* name, unsigned short port, void* hUserEvent, int noDelay);
   ~CQMServerSocket() override;
 
@@ -45,6 +45,10 @@ class QMUTILS_API CQMServerSocket : public CQMSocketCommon {
 
  protected:
   QMErrors::QMErrorT run() override;
+
+  /// Starts the thread of a connection made with new; deletes it when that fails. 0, 2001 "Memory
+  /// allocation failed" for null, or what starting gives.
+  static QMErrors::QMErrorT Begin(CQMServerConnection* connection);
 
   /// Makes and starts the connection of a client. The socket is the callee's, also when this fails;
   /// a result other than 0 ends the server. This one makes a CQMServerConnection. 2001 "Memory

@@ -43,15 +43,20 @@ void closeConnection(SocketHandle socket) {
 
 }  // namespace
 
-/// A use of the socket, which is not closed meanwhile.
+/// A use of the socket, which is not closed meanwhile. Nobody begins one any more once the socket
+/// is about to be closed: whoever closes waits for those that have begun only.
 class CQMSocketCommon::UseC {
  public:
-  explicit UseC(CQMSocketCommon& owner) : m_Share(owner.m_InUse), m_nSocket(owner.m_nSocket) {}
+  explicit UseC(CQMSocketCommon& owner) : m_Share(owner.m_InUse, std::defer_lock) {
+    if (owner.m_nSocket == kNoSocket) return;
+    m_Share.lock();
+    m_nSocket = owner.m_nSocket;
+  }
   SocketHandle socket() const { return m_nSocket; }
 
  private:
   std::shared_lock<std::shared_mutex> m_Share;
-  SocketHandle m_nSocket;
+  SocketHandle m_nSocket = kNoSocket;
 };
 
 CQMSocketCommon::CQMSocketCommon(const char* name, unsigned short port, QMThreadC* const parent,
@@ -139,6 +144,10 @@ QMErrors::QMErrorT CQMSocketCommon::Send(const char* text) {
 QMErrors::QMErrorT CQMSocketCommon::Transfer(const char* text) {
   const UseC use(*this);
   std::size_t left = std::strlen(text);
+  // Behind a text that was cut nothing is sent: the peer would take the two for one.
+  if (left != 0 && use.socket() != kNoSocket && use.socket() == m_nCutSocket) {
+    return QMErrors::NoError;
+  }
   while (left != 0) {
     const long sent = sendBytes(use.socket(), text, left);
     if (sent >= 0) {
@@ -152,7 +161,10 @@ QMErrors::QMErrorT CQMSocketCommon::Transfer(const char* text) {
       // The end of the thread closes the connection: that is no failure of this send.
       return IsToldToStop() ? QMErrors::NoError : error;
     }
-    if (IsToldToStop()) break;
+    if (IsToldToStop()) {
+      m_nCutSocket = use.socket();
+      break;
+    }
   }
   return QMErrors::NoError;
 }
@@ -166,8 +178,9 @@ bool CQMSocketCommon::AwaitRoom(unsigned socket) const {
     return waitForSocket(socket, SocketEvent::Writable, &end, end != nullptr ? 1 : 0, INFINITE) !=
            WAIT_FAILED;
   }
-  if (reason == WSAENOTCONN && end != nullptr) return wait(end, kConnectPauseMs) != WAIT_FAILED;
-  return false;
+  // Unless somebody closes it.
+  const bool maybeLater = reason == WSAENOTCONN && end != nullptr && GetSocket() == socket;
+  return maybeLater && wait(end, kConnectPauseMs) != WAIT_FAILED;
 }
 
 QMErrors::QMErrorT CQMSocketCommon::Receive(char* buffer, DWORD size, DWORD& received,

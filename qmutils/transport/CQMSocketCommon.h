@@ -3,10 +3,11 @@
 // programs derive from those.
 //
 // Any thread may send, test the connection, and ask for or set socket and port. Sends exclude each
-// other for the whole of a text, so texts never mix. Only the object's own thread connects and
-// closes; closing ends a send that is stuck. The socket belongs to the object: what it still holds
-// is closed when it is destroyed. Sockets are non-blocking: code of derived classes that uses the
-// system's calls on GetSocket() sees 10035 when there is nothing to read; Receive() waits.
+// other for the whole of a text, so texts never mix. Connecting and closing are for the object's
+// own thread, or for whoever uses the object without one; closing ends a send that is stuck. The
+// socket belongs to the object: what it still holds is closed when it is destroyed. Sockets are
+// non-blocking: code of derived classes that uses the system's calls on GetSocket() sees 10035 when
+// there is nothing to read; Receive() waits.
 //
 // Results: 0 or the system's socket error (10035..11004) with bit 0x20000000 set. Nothing throws.
 #pragma once
@@ -40,7 +41,10 @@ class QMUTILS_API CQMSocketCommon : public QMThreadC {
 
   unsigned GetSocket() const { return m_nSocket; }
   /// Takes over a socket. One that the object had before is the caller's to close.
-  void SetSocket(unsigned socket) { m_nSocket = socket; }
+  void SetSocket(unsigned socket) {
+    m_nCutSocket = kNoSocket;
+    m_nSocket = socket;
+  }
   unsigned short GetPort() const { return m_nPort; }
   void SetPortID(unsigned short port) { m_nPort = port; }
 
@@ -72,7 +76,7 @@ class QMUTILS_API CQMSocketCommon : public QMThreadC {
   /// or the socket's error.
   QMErrors::QMErrorT Receive(char* buffer, DWORD size, DWORD& received, DWORD timeoutMs);
 
-  /// True once stop() was called; false for a thread that was never started.
+  /// True while stop() waits for the thread; false for one that was never started.
   bool IsToldToStop() const;
 
  private:
@@ -86,6 +90,7 @@ class QMUTILS_API CQMSocketCommon : public QMThreadC {
   // stuck only to learn the port.
   QMLockC m_Lock;
   std::atomic<unsigned> m_nSocket{kNoSocket};
+  std::atomic<unsigned> m_nCutSocket{kNoSocket};  // on which a text was cut short by the stop
   std::atomic<unsigned short> m_nPort;
   const int m_nNoDelay;
   const int m_nAutoDelete;

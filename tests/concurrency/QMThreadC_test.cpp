@@ -1,8 +1,11 @@
 #include "qmutils/concurrency/QMThreadC.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <functional>
 #include <new>
 #include <string>
@@ -318,6 +321,35 @@ TEST(QMThreadC, StopResumesASuspendedThread) {
   EXPECT_EQ(thread.stop(), NoError);
   EXPECT_TRUE(log.contains(" INFO: QMThreadC::NotifyEnd(): suspendCount for :body is: 3\n"));
   EXPECT_TRUE(log.contains(" INFO: QMThreadC::NotifyEnd(): suspendCount for :body is: 2\n"));
+}
+
+// start() does not wait for the thread, so all of these may come before the thread has begun.
+TEST(QMThreadC, AThreadThatWasJustStartedCanBeAskedAndHeld) {
+  const qmtest::LogCapture log(1);
+  for (int round = 0; round < 200; ++round) {
+    BodyThread thread(untilTold);
+    ASSERT_EQ(thread.start(), NoError);
+    ASSERT_EQ(thread.SuspendThread(), 0u);
+    EXPECT_NE(thread.GetThreadID(), 0u);
+    EXPECT_NE(thread.SetThreadPriority(THREAD_PRIORITY_BELOW_NORMAL), 0);
+    EXPECT_EQ(threadPriority(thread.GetThread()), THREAD_PRIORITY_BELOW_NORMAL);
+    EXPECT_TRUE(thread.IsAlive());
+    EXPECT_EQ(thread.stop(), NoError) << "resumed, signalled and waited for";
+  }
+  BodyThread thread(untilTold);
+  for (int round = 0; round < 20; ++round) {
+    ASSERT_EQ(thread.start(), NoError);
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(20);  // the copy has no such thread, and must not wait for it
+      (void)thread.GetThreadID();
+      std::_Exit(!thread.IsAlive() && thread.stop() == NoError ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(thread.stop(), NoError);
+  }
 }
 
 TEST(QMThreadC, StartsAndStopsFromSeveralThreadsLeaveTheLastWordToStop) {

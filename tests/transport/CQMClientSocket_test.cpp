@@ -268,6 +268,28 @@ TEST(CQMSocketCommon, OptionCopyAndText) {
   EXPECT_EQ(copy.InitialiseSocketUsage(), QMErrors::NoError);
 }
 
+TEST(CQMSocketCommon, ThoseWhoTestTheConnectionDoNotKeepItFromClosing) {
+  const PlainSocket listener = PlainSocket::listening();
+  Client client;
+  ASSERT_EQ(client.SetHost("127.0.0.1", listener.port()), QMErrors::NoError);
+  PlainSocket peer = listener.accept();
+  ASSERT_TRUE(eventually([&] { return client.isOnline(); }));
+  std::atomic<bool> enough{false};
+  std::vector<std::thread> pollers;
+  for (int i = 0; i < 8; ++i) {
+    pollers.emplace_back([&] {
+      while (!enough) (void)client.IsConnected(nullptr);
+    });
+  }
+  const auto start = steady_clock::now();
+  peer.close();
+  EXPECT_TRUE(eventually([&] { return client.states().size() > 3; }));
+  EXPECT_LT(steady_clock::now() - start, 5s);
+  EXPECT_EQ(client.stop(), QMErrors::NoError);
+  enough = true;
+  for (std::thread& poller : pollers) poller.join();
+}
+
 TEST(CQMSocketCommon, SendsOfSeveralThreadsDoNotMix) {
   const LogCapture log(1);
   const PlainSocket listener = PlainSocket::listening();

@@ -91,7 +91,7 @@ class EchoServer : public CQMServerSocket {
     }
     auto* const connection = new Connection(this, socket);
     newest = connection;
-    return connection->start();
+    return Begin(connection);
   }
   QMErrors::QMErrorT ServerIdle() override {
     ++idle;
@@ -236,6 +236,30 @@ TEST(CQMServerSocket, StopsWithManyIdleClientsAndStartsAgain) {
     EXPECT_EQ(server.living, 0);
     EXPECT_EQ(server.stop(), QMErrors::NoError) << "nothing is left to be stopped";
     for (const PlainSocket& client : clients) EXPECT_EQ(client.read(), "");
+  }
+}
+
+// A client that is dropped comes again at once; none may be served by a server that has stopped.
+TEST(CQMServerSocket, StopsWhileClientsKeepComing) {
+  const LogCapture log(1);
+  for (int round = 0; round < 10; ++round) {
+    EchoServer server;
+    ASSERT_TRUE(server.begin());
+    std::atomic<bool> enough{false};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 10; ++i) {
+      clients.emplace_back([&, port = server.GetPort()] {
+        while (!enough) {
+          const PlainSocket client;
+          if (client.connect(port) && client.write("hello\n")) (void)client.read();
+        }
+      });
+    }
+    ASSERT_TRUE(eventually([&] { return server.living >= 10; }));
+    EXPECT_EQ(server.stop(), QMErrors::NoError);
+    EXPECT_EQ(server.living, 0);
+    enough = true;
+    for (std::thread& client : clients) client.join();
   }
 }
 

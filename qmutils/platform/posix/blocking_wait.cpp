@@ -26,9 +26,9 @@ struct Readiness {
   bool ready = false;
 };
 
-/// The descriptor by which others wake the calling thread out of a poll. It stays with the thread's
-/// record, so that a late wake never meets another file under its number; a forked copy makes its
-/// own. Negative when the system has none left: the thread then looks by itself from time to time.
+/// The descriptor by which others wake the calling thread out of a poll; it is closed with the
+/// thread, and a forked copy makes its own. Negative when the system has none left: the thread then
+/// looks by itself from time to time.
 int wakeDescriptor(ThreadRecord& thread) noexcept {
   if (thread.wakeDescriptor >= 0 && thread.wakeProcess != processGeneration()) {
     close(thread.wakeDescriptor);
@@ -60,7 +60,7 @@ void pollOnce(Readiness& readiness, int wake, std::int64_t nanoseconds) noexcept
 }
 
 void pollUntilWoken(ThreadRecord& thread, Readiness& readiness, const Deadline& deadline) noexcept {
-  const int wake = thread.polled.load(std::memory_order_relaxed);
+  const int wake = thread.wakeDescriptor;
   while (thread.parking.load(std::memory_order_acquire) == 0) {
     std::int64_t slice = INT64_MAX;
     if (!deadline.never()) {
@@ -140,10 +140,10 @@ DWORD waitForObjects(const HANDLE* handles, std::size_t count, bool all, const D
     for (std::size_t i = 0; i < count; ++i) settle(entries[i].object);
   } else {
     block.thread->parking.store(0, std::memory_order_relaxed);
-    block.thread->polled.store(wake, std::memory_order_release);
+    block.thread->polled = wake;
     link(block);
     if (!park(block, deadline, readiness, lock)) unlink(block);
-    block.thread->polled.store(-1, std::memory_order_release);
+    block.thread->polled = -1;
   }
   if (block.done) noteTakenMutexes(block);
   if (!block.done && readiness != nullptr && readiness->ready) {

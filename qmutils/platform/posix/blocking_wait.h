@@ -21,7 +21,7 @@ DWORD blockingWait(const HANDLE* handles, std::size_t count, bool all,
 /// object wins over the descriptor; with a deadline that has passed both are looked at once.
 ///
 /// The thread sleeps in the system until one of them happens. The first such wait of a thread opens
-/// a descriptor, which stays for later ones.
+/// a descriptor, which is closed when the thread ends.
 DWORD waitReady(int descriptor, short events, const HANDLE* handles, std::size_t count,
                 const Deadline& deadline) noexcept;
 

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <new>
@@ -96,6 +95,7 @@ bool wasNeverConnected(SocketHandle socket) noexcept { return portOfSocket(socke
 bool concernsOneClient(int errnoValue) noexcept {
   switch (errnoValue) {
     case EINTR:
+    case EPERM:  // a firewall's
     case ECONNABORTED:
     case EPROTO:
     case ENOPROTOOPT:
@@ -109,6 +109,15 @@ bool concernsOneClient(int errnoValue) noexcept {
     default:
       return false;
   }
+}
+
+long receive(SocketHandle socket, char* buffer, std::size_t size, int flags) noexcept {
+  ssize_t received;
+  do {
+    received = recv(descriptorOf(socket), buffer, size, flags);
+  } while (received < 0 && errno == EINTR);
+  if (received < 0) failWithSocketError(errno);
+  return received;
 }
 
 DWORD lookUpError(int result, int errnoValue) noexcept {
@@ -282,19 +291,6 @@ long sendBytes(SocketHandle socket, const char* bytes, std::size_t count) noexce
   }
   return sent;
 }
-
-namespace {
-
-long receive(SocketHandle socket, char* buffer, std::size_t size, int flags) noexcept {
-  ssize_t received;
-  do {
-    received = recv(descriptorOf(socket), buffer, size, flags);
-  } while (received < 0 && errno == EINTR);
-  if (received < 0) failWithSocketError(errno);
-  return received;
-}
-
-}  // namespace
 
 long receiveBytes(SocketHandle socket, char* buffer, std::size_t size) noexcept {
   return receive(socket, buffer, size, 0);

@@ -46,9 +46,9 @@ void beginThread(ThreadRecord& record) noexcept {
   {
     DispatcherLock lock;
     record.begun = true;
+    const int priority = record.priority.load(std::memory_order_relaxed);
+    if (priority != THREAD_PRIORITY_NORMAL) applyPriority(record.threadId, priority);
   }
-  const int priority = record.priority.load(std::memory_order_relaxed);
-  if (priority != THREAD_PRIORITY_NORMAL) applyPriority(record.threadId, priority);
   parkWhileSuspended(record);
 }
 
@@ -80,6 +80,48 @@ int createDetached(StartRequest* request) noexcept {
   error = pthread_create(&thread, &attributes, threadMain, request);
   pthread_attr_destroy(&attributes);
   return error;
+}
+
+/// Creates a thread with its object and record; null with the last error set.
+HANDLE createThread(ThreadEntry entry, void* argument, ThreadPlace* place, FutexWord* id) noexcept {
+  if (!prepareSuspension()) {
+    setLastError(lastErrorFromErrno(errno));
+    return nullptr;
+  }
+  HANDLE handle = nullptr;
+  WaitObject* object = newObject(Kind::Thread, 0, &handle);
+  if (object == nullptr) return nullptr;
+  ThreadRecord* record = newThreadRecord();
+  auto* const request = new (std::nothrow) StartRequest{record, object, entry, argument, place, id};
+  int error = ENOMEM;
+  if (record != nullptr && request != nullptr) {
+    {
+      DispatcherLock lock;
+      object->thread = record;
+      ++object->pins;
+    }
+    if (place != nullptr) place->handle.store(handle, std::memory_order_release);
+    error = createDetached(request);
+    if (error == 0) return handle;
+    // Somebody may have found the handle in its place already, and wait for the thread.
+    DispatcherLock lock;
+    WakeList wakes;
+    object->thread = nullptr;
+    signalObject(object, lock, wakes);
+    unpin(object);
+    lock.unlockAndWake(wakes);
+  }
+  delete request;
+  if (record != nullptr) {
+    DispatcherLock lock;
+    record->gone = true;
+    ++record->pins;
+    unpinThreadRecord(record);
+  }
+  if (place != nullptr) place->handle.store(nullptr, std::memory_order_relaxed);
+  closeHandle(handle);
+  setLastError(lastErrorFromErrno(error));
+  return nullptr;
 }
 
 /// With the dispatcher's lock held: the running thread of a handle, or null with the last error 6
@@ -132,48 +174,6 @@ DWORD alertableSleep(const Deadline& deadline) noexcept {
   DispatcherLock lock;
   record.sleepingAlertable = false;
   return 0;
-}
-
-}  // namespace
-
-namespace {
-
-/// Creates a thread with its object and record; null with the last error set.
-HANDLE createThread(ThreadEntry entry, void* argument, ThreadPlace* place, FutexWord* id) noexcept {
-  if (!prepareSuspension()) {
-    setLastError(lastErrorFromErrno(errno));
-    return nullptr;
-  }
-  HANDLE handle = nullptr;
-  WaitObject* object = newObject(Kind::Thread, 0, &handle);
-  if (object == nullptr) return nullptr;
-  ThreadRecord* record = newThreadRecord();
-  auto* const request = new (std::nothrow) StartRequest{record, object, entry, argument, place, id};
-  int error = ENOMEM;
-  if (record != nullptr && request != nullptr) {
-    {
-      DispatcherLock lock;
-      object->thread = record;
-      ++object->pins;
-    }
-    if (place != nullptr) place->handle.store(handle, std::memory_order_release);
-    error = createDetached(request);
-    if (error == 0) return handle;
-    DispatcherLock lock;
-    object->thread = nullptr;
-    unpin(object);
-  }
-  delete request;
-  if (record != nullptr) {
-    DispatcherLock lock;
-    record->gone = true;
-    ++record->pins;
-    unpinThreadRecord(record);
-  }
-  if (place != nullptr) place->handle.store(nullptr, std::memory_order_relaxed);
-  closeHandle(handle);
-  setLastError(lastErrorFromErrno(error));
-  return nullptr;
 }
 
 }  // namespace

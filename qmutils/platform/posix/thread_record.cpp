@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "qmutils/platform/posix/suspension.h"
 #include "qmutils/platform/posix/wait_object.h"
@@ -67,6 +68,7 @@ void endCurrentThread(void* ending) noexcept {
   auto* record = static_cast<ThreadRecord*>(ending);
   WaitObject* const threadObject = record->object;
   abandonOwned(*record);
+  if (record->wakeDescriptor >= 0) close(std::exchange(record->wakeDescriptor, -1));
   // It must not park any more, as nobody could resume it.
   record->deferral.fetch_add(1, std::memory_order_relaxed);
   WakeList wakes;

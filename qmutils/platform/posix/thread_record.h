@@ -27,8 +27,6 @@ struct ThreadRecord {
   DWORD threadId = 0;
   /// 0 while the thread is to sleep; whoever ends the sleep stores 1 and wakes.
   FutexWord parking{0};
-  /// While the thread polls in its sleep: the descriptor to write to instead of waking the word.
-  std::atomic<int> polled{-1};
   /// Suspend count in the low bits, and the two bits of suspension.h.
   FutexWord suspension{0};
   /// Depth of pieces in which the thread must not stand still; read by its signal handler.
@@ -40,7 +38,7 @@ struct ThreadRecord {
   WaitObject* object = nullptr;
   DWORD exitCode = 0;
 
-  // Only the thread itself touches these two; they stay when the record is recycled.
+  // For sleeping in a poll; only the thread itself touches these two.
   int wakeDescriptor = -1;
   unsigned wakeProcess = 0;  ///< the process generation that has opened it
 
@@ -48,6 +46,7 @@ struct ThreadRecord {
   WaitObject* ownedMutexes = nullptr;
 
   // Guarded by the dispatcher's lock:
+  int polled = -1;  ///< while the thread sleeps in a poll: its wakeDescriptor, else negative
   QueuedCall* firstCall = nullptr;
   QueuedCall* lastCall = nullptr;
   bool sleepingAlertable = false;

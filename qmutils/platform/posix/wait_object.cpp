@@ -168,14 +168,7 @@ void DispatcherLock::lock() noexcept {
 }
 
 void WakeList::wakeAll() noexcept {
-  for (int i = 0; i < count_; ++i) {
-    const int polled = threads_[i]->polled.load(std::memory_order_acquire);
-    if (polled < 0) {
-      futexWake(&threads_[i]->parking, 1);
-    } else {
-      (void)eventfd_write(polled, 1);
-    }
-  }
+  for (int i = 0; i < count_; ++i) futexWake(&threads_[i]->parking, 1);
   count_ = 0;
 }
 
@@ -293,8 +286,13 @@ void dispatch(WaitObject* object, DispatcherLock& lock, WakeList& wakes) noexcep
     if (!satisfy(block)) continue;
     unlink(block);
     block.done = true;
-    wakes.add(block.thread);
     block.thread->parking.store(1, std::memory_order_release);
+    if (block.thread->polled >= 0) {
+      // Under the lock, so that the thread is still there and its descriptor its own.
+      (void)eventfd_write(block.thread->polled, 1);
+    } else {
+      wakes.add(block.thread);
+    }
     if (wakes.full()) {
       ++object->pins;
       lock.unlockAndWake(wakes);

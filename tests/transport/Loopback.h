@@ -50,12 +50,15 @@ class PlainSocket {
     close();
   }
 
-  /// A listener on a port of the system's choice.
-  static PlainSocket listening(int backlog = 100) {
-    PlainSocket listener;
+  /// On a port of the system's choice.
+  static PlainSocket bound() {
+    PlainSocket socket;
     const sockaddr_in address = loopback(0);
-    EXPECT_EQ(bind(listener.number_, reinterpret_cast<const sockaddr*>(&address), sizeof address),
-              0);
+    EXPECT_EQ(bind(socket.number_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return socket;
+  }
+  static PlainSocket listening(int backlog = 100) {
+    PlainSocket listener = bound();
     EXPECT_EQ(listen(listener.number_, backlog), 0);
     return listener;
   }

@@ -40,12 +40,15 @@ class QMUTILS_API QMCommObjectPtrC {
   /// 0x20000006 for an object that is gone.
   QMErrors::QMErrorT Detach();
 
-  /// The object that is held. Without one, or when it is gone, an error is logged and the result is
-  /// an object without a name that all such calls share; it is never destroyed.
+  /// The object that is held, also when no reference could be taken. Without one, when it is gone,
+  /// or when there was no memory to tell whether it is, an error is logged and the result is an
+  /// object without a name that all such calls share; it is never destroyed.
   QMCommObjectC& GetObject() const;
 
  private:
   QMCommObjectC* m_pObject = nullptr;
-  // The object's record while there is a reference to drop, else null.
+  // The object's record, by which a holder knows that the object is gone, whether it has a
+  // reference or not. Null for an object that had no memory for one.
   std::shared_ptr<QMCommObjectC::ControlC> m_pControl;
+  bool m_bHasReference = false;  // that Detach() drops
 };

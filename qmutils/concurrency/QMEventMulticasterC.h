@@ -44,8 +44,9 @@ class QMEventMulticasterC {
   ~QMEventMulticasterC();
 
   /// 0, also for a listener that is registered already (it stays where it is); 2001; or the lock's
-  /// code. The listener must stay until it is removed or the multicaster is gone.
-  QMErrors::QMErrorT AddListener(ListenerT& listener);
+  /// code. The listener must stay until it is removed or the multicaster is gone. `isNew`, which
+  /// may be null, tells whether this call has registered it.
+  QMErrors::QMErrorT AddListener(ListenerT& listener, bool* isNew = nullptr);
   /// 0, also for a listener that is not registered; or the lock's code.
   QMErrors::QMErrorT RemoveListener(ListenerT& listener);
   /// 0 when the event was delivered; or the lock's code.
@@ -99,7 +100,8 @@ QMEventMulticasterC<ListenerT>::~QMEventMulticasterC() {
 }
 
 template <class ListenerT>
-QMErrors::QMErrorT QMEventMulticasterC<ListenerT>::AddListener(ListenerT& listener) {
+QMErrors::QMErrorT QMEventMulticasterC<ListenerT>::AddListener(ListenerT& listener, bool* isNew) {
+  if (isNew != nullptr) *isNew = false;
   User user(&m_Section);
   const QMErrors::QMErrorT entered =
       user.EnterCriticalSection("QMEventMulticasterC::AddListener(): ", nullptr, INFINITE);
@@ -122,6 +124,7 @@ QMErrors::QMErrorT QMEventMulticasterC<ListenerT>::AddListener(ListenerT& listen
   }
   entry->m_pPrevious = last;
   (last != nullptr ? last->m_pNext : m_pFirst) = entry;
+  if (isNew != nullptr) *isNew = true;
   return QMErrors::NoError;
 }
 

@@ -37,8 +37,8 @@ struct ModemLines {
   DWORD errors;
 };
 
-/// Gives the lines in the place of the device; false with the last error set fails as the device
-/// would. Called by any thread, with an internal lock held.
+/// Gives the lines in the place of the device; false with the last error set (else 31) fails as the
+/// device would. Called by any thread, with an internal lock held.
 using ModemLineSource = bool (*)(ModemLines* lines);
 
 /// Installs a source for all devices (null: the devices' own lines) and returns the one in force
@@ -65,20 +65,27 @@ class SerialDevice {
 
   /// Gives the device free for others at once and ends the wait for an event with 995. Threads in
   /// waitReadable() and waitWritable() are for the caller to wake, through an object of theirs.
+  /// In a forked copy it only lets go of the copy: the device stays with the process that opened
+  /// it.
+  ///
+  /// The thread that lets go of the device last may then be held up by the system until the output
+  /// has left; with flow control stalled that is given up after a while, 30 s by default.
   virtual void close() noexcept = 0;
   virtual bool isClosed() const noexcept = 0;
 
   /// Bytes that the device should be able to hold; a wish. Fails with 1 for what is no serial line.
   virtual bool setQueueSizes(DWORD input, DWORD output) noexcept = 0;
   virtual bool lineState(DCB* state) noexcept = 0;
-  /// 87 for settings that the device cannot do, a speed over 3 % off included.
+  /// 87 for settings that the device cannot do, as far as its driver says what it uses: a speed
+  /// over 3 % off, or a frame or flow control that it has left out.
   virtual bool setLineState(const DCB& state) noexcept = 0;
-  /// From now on reads return with what is there.
+  /// From now on reads return with what is there. What has arrived before is dropped, as it came
+  /// under other settings.
   virtual bool setImmediateReads() noexcept = 0;
 
   virtual Transfer read(unsigned char* byte) noexcept = 0;
   virtual Transfer write(unsigned char byte) noexcept = 0;
-  /// Wait until one of `count` (0..63) objects is signalled, which is then taken: WAIT_OBJECT_0 +
+  /// Wait until one of `count` (0..64) objects is signalled, which is then taken: WAIT_OBJECT_0 +
   /// index or WAIT_ABANDONED_0 + index; or until reading or writing is worth a try: WAIT_OBJECT_0 +
   /// count; WAIT_TIMEOUT; WAIT_FAILED. An object wins over the device.
   virtual DWORD waitReadable(const HANDLE* objects, std::size_t count,
@@ -92,10 +99,12 @@ class SerialDevice {
   /// Which events (EV_CTS, ...) count from now on; ends an outstanding wait with no event.
   virtual bool setEventMask(DWORD mask) noexcept = 0;
   /// Sets `event` once one of the events has happened since the last wait, which may be now. One
-  /// wait at a time; `event` must stay until it is set or the mask is set.
+  /// wait at a time; `event` must stay until it is set or the mask is set. Fails with 6 in a forked
+  /// copy, as setting a mask does: the thread that watches stays behind.
   virtual bool startEventWait(HANDLE event) noexcept = 0;
-  /// What ended the latest wait; 996 while it goes on.
-  virtual bool eventResult(DWORD* events) noexcept = 0;
+  /// False when a failure has ended the latest wait, with the last error of that; 996 while the
+  /// wait goes on.
+  virtual bool eventResult() noexcept = 0;
 };
 
 }  // namespace qm::platform

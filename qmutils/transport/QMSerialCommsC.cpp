@@ -33,6 +33,10 @@ const char* flowOf(const DCB& dcb) {
   return !dcb.fOutxCtsFlow && dcb.fOutX && dcb.fInX ? "xon/xoff" : "undefined.";
 }
 
+const char* orUnknown(const qm::SharedText& name) {
+  return name.c_str() != nullptr ? name.c_str() : "unknown";
+}
+
 qm::SharedText portName(unsigned number) {
   char name[16];
   std::snprintf(name, sizeof name, "COM%u", number);
@@ -197,25 +201,23 @@ void QMSerialCommsC::GetComportDescriptor(std::ostream& os) {
     const ShortLock guard(m_PortLock);
     port = m_Descriptor;
   }
-  os << (port.c_str() != nullptr ? port.c_str() : "unknown") << '\0';
+  os << orUnknown(port) << '\0';
+}
+
+bool QMSerialCommsC::Print(char ch) {
+  int value = static_cast<unsigned char>(ch);
+  if (putTimed(value, m_dwOutputTimeout, m_hKillEvent) == QMErrors::NoError) return true;
+  clear(kFailAndBad);
+  return false;
 }
 
 QMSerialCommsC& operator<<(QMSerialCommsC& port, const char* text) {
-  for (; text != nullptr && *text != '\0'; ++text) {
-    int ch = static_cast<unsigned char>(*text);
-    if (port.putTimed(ch, port.m_dwOutputTimeout, port.m_hKillEvent) != QMErrors::NoError) {
-      port.clear(kFailAndBad);
-      break;
-    }
-  }
+  while (text != nullptr && *text != '\0' && port.Print(*text)) ++text;
   return port;
 }
 
 QMSerialCommsC& operator<<(QMSerialCommsC& port, const char& ch) {
-  int value = static_cast<unsigned char>(ch);
-  if (port.putTimed(value, port.m_dwOutputTimeout, port.m_hKillEvent) != QMErrors::NoError) {
-    port.clear(kFailAndBad);
-  }
+  (void)port.Print(ch);
   return port;
 }
 
@@ -237,7 +239,7 @@ std::ostream& operator<<(std::ostream& os, QMSerialCommsC& port) {
     name = port.m_Descriptor;
     device = port.m_pDevice;
   }
-  os << (name.c_str() != nullptr ? name.c_str() : "unknown") << ": ";
+  os << orUnknown(name) << ": ";
   DCB dcb{};
   if (device == nullptr || !device->lineState(&dcb)) return os << "could not get comm state.";
   return os << dcb;

@@ -38,8 +38,9 @@
 #include "qmutils/transport/IQMSerialCommsEventListener.h"
 
 namespace qm::platform {
+class Deadline;
 class SerialDevice;
-}
+}  // namespace qm::platform
 
 class QMUTILS_API QMSerialCommsC : public QMThreadC {
  public:
@@ -54,7 +55,9 @@ class QMUTILS_API QMSerialCommsC : public QMThreadC {
   /// serial comms"; 318 "Failed to set up serial comms", also when fail() was set before. After a
   /// failure no port is open.
   QMErrors::QMErrorT open(QMSerialCommSpecC& settings);
-  /// Reads and writes that wait end with 995, as does the worker.
+  /// Reads and writes that wait end with 995, as does the worker. The system may hold up the last
+  /// thread that was using the port until the output has left: with flow control stalled for 30 s,
+  /// unless the device is set otherwise.
   void close();
 
   /// Puts the settings into a device control block. 318 for stop bits other than 0, 1, 2;
@@ -90,8 +93,9 @@ class QMUTILS_API QMSerialCommsC : public QMThreadC {
   void GetComportDescriptor(std::ostream& os);
 
   /// Has the listener told of the modem lines; one that is registered already stays where it is.
-  /// All listeners are told the present state. Must stay until it is removed. 0; 2001; 1006 or 2011
-  /// when the worker cannot be started; an OS code; a lock's code.
+  /// All listeners are told the present state. Must stay until it is removed. 0; 2001; a lock's
+  /// code; 1006, 2011 or an OS code when the worker cannot be started, and then the listener is
+  /// registered all the same.
   QMErrors::QMErrorT AddCommsEventListener(IQMSerialCommsEventListener& listener);
   /// On return the listener is not being called any more, unless it removes itself. 0, also when
   /// it was not registered; a lock's code; a code of stop().
@@ -113,6 +117,7 @@ class QMUTILS_API QMSerialCommsC : public QMThreadC {
  private:
   using DevicePtr = std::shared_ptr<qm::platform::SerialDevice>;
   struct DirectionC;
+  struct OutcomeC;
   struct WatchC;
 
   static constexpr unsigned kBad = 1;
@@ -126,10 +131,11 @@ class QMUTILS_API QMSerialCommsC : public QMThreadC {
   QMErrors::QMErrorT FailOpen(QMErrors::QMErrorT code);
 
   QMErrors::QMErrorT Move(const DirectionC& direction, int& ch, DWORD timeout, void* killEvent);
-  static QMErrors::QMErrorT WaitAndMove(const DirectionC& direction,
-                                        qm::platform::SerialDevice& device,
-                                        qm::CancellableWaits& waits, int& ch, DWORD timeout,
-                                        void* killEvent);
+  QMErrors::QMErrorT WaitAndMove(const DirectionC& direction, qm::platform::SerialDevice& device,
+                                 int& ch, DWORD timeout, void* killEvent);
+  OutcomeC AwaitAndMove(const DirectionC& direction, qm::platform::SerialDevice& device, int& ch,
+                        const qm::platform::Deadline& deadline, void* killEvent);
+  bool Print(char ch);
 
   QMErrors::QMErrorT Watch();
   QMErrors::QMErrorT AwaitLines(WatchC& watch);
@@ -157,7 +163,9 @@ class QMUTILS_API QMSerialCommsC : public QMThreadC {
   std::atomic<DWORD> m_dwDebounceMs{0};
   // The worker that is alive will end by itself, so that starting needs to wait for its end.
   std::atomic<bool> m_bWorkerEnding{false};
-  bool m_bWatchAgain = false;  // the worker's own
+  // The worker's own.
+  const qm::platform::SerialDevice* m_pWatched = nullptr;
+  bool m_bWatchAgain = false;
 };
 
 /// A port and its line settings.
@@ -189,6 +197,7 @@ class QMUTILS_API QMSerialCommsC::QMSerialCommSpecC {
 // ends the text.
 QMUTILS_API QMSerialCommsC& operator<<(QMSerialCommsC& port, const char* text);
 QMUTILS_API QMSerialCommsC& operator<<(QMSerialCommsC& port, const char& ch);
+QMSerialCommsC& operator<<(QMSerialCommsC& port, int number) = delete;  // its text, or a character?
 QMUTILS_API QMSerialCommsC& operator>>(QMSerialCommsC& port, char& ch);
 
 /// The port's name, ": ", and its settings or "could not get comm state.".

@@ -27,6 +27,12 @@ using SectionUser = QMCriticalSectionC::QMCriticalSectionUserC;
 
 constexpr DWORD kAllEvents = 0x1FF;
 
+/// The code of what has failed, also when nobody has set the last error.
+QMErrors::QMErrorT osFailure() {
+  const QMErrors::QMErrorT code = QMErrors::lastOsError();
+  return code != QMErrors::NoError ? code : QMErrors::fromOsError(ERROR_GEN_FAILURE);
+}
+
 }  // namespace
 
 /// One time of watching one device.
@@ -55,12 +61,13 @@ struct QMSerialCommsC::WatchC {
 
 QMErrors::QMErrorT QMSerialCommsC::AddCommsEventListener(IQMSerialCommsEventListener& listener) {
   constexpr const char* kLocker = "QMSerialCommsC::AddCommsEventListener(): ";
-  const QMErrors::QMErrorT added = m_Listeners.AddListener(listener);
+  bool isNew;
+  const QMErrors::QMErrorT added = m_Listeners.AddListener(listener, &isNew);
   if (added != QMErrors::NoError) return added;
   SectionUser user(&m_RegistrationCS);
   const QMErrors::QMErrorT entered = user.EnterCriticalSection(kLocker, nullptr, INFINITE);
   if (entered == QMErrors::NoError) return StartWorker(user, kLocker);
-  (void)m_Listeners.RemoveListener(listener);
+  if (isNew) (void)m_Listeners.RemoveListener(listener);
   return entered;
 }
 
@@ -86,7 +93,9 @@ QMErrors::QMErrorT QMSerialCommsC::StartWorker(SectionUser& user, const char* lo
   if (result != QMErrors::NoError) return result;
   if (!m_bWorkerEnding) return start();
   if (GetThreadID() == currentThreadId() && IsAlive()) {
-    m_bWatchAgain = true;  // a listener has opened the port anew
+    // A listener that has opened the port anew. The flag alone may also come from an open() whose
+    // device the worker is watching already.
+    m_bWatchAgain = m_pWatched->isClosed();
     return QMErrors::NoError;
   }
   result = user.LeaveCriticalSection(locker);
@@ -119,6 +128,7 @@ QMErrors::QMErrorT QMSerialCommsC::run() {
 QMErrors::QMErrorT QMSerialCommsC::Watch() {
   m_bWorkerEnding = false;  // before the device is taken: whoever replaces it sets the flag after
   WatchC watch(Device());
+  m_pWatched = watch.device.get();
   QMErrors::QMErrorT failure = watch.prepare();
   bool unheard = false;
   while (failure == QMErrors::NoError && !unheard && !IsEndEventSignalled()) {
@@ -139,27 +149,23 @@ QMErrors::QMErrorT QMSerialCommsC::AwaitLines(WatchC& watch) {
   const HANDLE handles[] = {watch.lineEvent, m_hStatusCheckEvent};
   DWORD timeoutMs = INFINITE;
   while (!IsEndEventSignalled()) {
-    if (!watch.outstanding && !watch.device->startEventWait(watch.lineEvent)) {
-      return QMErrors::lastOsError();
-    }
+    if (!watch.outstanding && !watch.device->startEventWait(watch.lineEvent)) return osFailure();
     watch.outstanding = true;
     switch (WaitForMultipleObjects(2, handles, false, timeoutMs)) {
-      case kLineEvent: {
-        DWORD events = 0;
-        if (!watch.device->eventResult(&events)) return QMErrors::lastOsError();
+      case kLineEvent:
+        if (!watch.device->eventResult()) return osFailure();
         watch.outstanding = false;
         resetEvent(watch.lineEvent);
         timeoutMs = m_dwDebounceMs;
         if (timeoutMs == 0) return QMErrors::NoError;
         break;  // each change begins the interval anew
-      }
       case kStatusCheck:
       case WAIT_TIMEOUT:
         return QMErrors::NoError;
       case kEndEvent:
         return QMErrors::TheDeviceWasToldToDie;
       default:
-        return QMErrors::lastOsError();
+        return osFailure();
     }
   }
   return QMErrors::NoError;
@@ -167,7 +173,7 @@ QMErrors::QMErrorT QMSerialCommsC::AwaitLines(WatchC& watch) {
 
 QMErrors::QMErrorT QMSerialCommsC::DeliverLines(WatchC& watch) {
   DWORD status = 0;
-  if (!watch.device->modemStatus(&status)) return QMErrors::lastOsError();
+  if (!watch.device->modemStatus(&status)) return osFailure();
   watch.lines = status;
   return m_Listeners.FireEvent(watch.lines);
 }

@@ -45,6 +45,11 @@ struct QMSerialCommsC::DirectionC {
   DWORD (SerialDevice::*wait)(const HANDLE* objects, std::size_t count, const Deadline& deadline);
 };
 
+struct QMSerialCommsC::OutcomeC {
+  QMErrors::QMErrorT code;
+  const char* failed = nullptr;  ///< for the log; null when nothing has
+};
+
 QMErrors::QMErrorT QMSerialCommsC::getTimed(int& ch, DWORD timeout, void* killEvent) {
   static constexpr DirectionC kInput = {
       "QMSerialCommsC::getTimed(): ",
@@ -94,27 +99,39 @@ QMErrors::QMErrorT QMSerialCommsC::Move(const DirectionC& direction, int& ch, DW
     case Transfer::NotReady:
       break;
   }
-  return WaitAndMove(direction, *device, this->*direction.waits, ch, timeout, killEvent);
+  return WaitAndMove(direction, *device, ch, timeout, killEvent);
 }
 
 QMErrors::QMErrorT QMSerialCommsC::WaitAndMove(const DirectionC& direction, SerialDevice& device,
-                                               qm::CancellableWaits& waits, int& ch, DWORD timeout,
-                                               void* killEvent) {
-  constexpr const char* kResult = "GetOverlappedResult(): returned: ";
+                                               int& ch, DWORD timeout, void* killEvent) {
   // Read here and not at the very beginning: what need not wait does without the clock.
   const RealSecondsC began;
-  const Deadline deadline = Deadline::after(timeout);
+  const OutcomeC outcome = AwaitAndMove(direction, device, ch, Deadline::after(timeout), killEvent);
+  // Now that the wait is over: others that are cancelled do not wait for the log.
+  if (outcome.failed != nullptr) {
+    qm::logError(direction.label, outcome.failed, QMErrToStr(outcome.code));
+  } else if (outcome.code == QMErrors::CommandTimedOut) {
+    qm::logWarning(0, direction.label, direction.timedOut, began.Ago(), direction.timeUnit,
+                   direction.givesReason ? QMErrToStr(outcome.code) : "");
+  }
+  return outcome.code;
+}
+
+QMSerialCommsC::OutcomeC QMSerialCommsC::AwaitAndMove(const DirectionC& direction,
+                                                      SerialDevice& device, int& ch,
+                                                      const Deadline& deadline, void* killEvent) {
+  constexpr const char* kResult = "GetOverlappedResult(): returned: ";
+  qm::CancellableWaits& waits = this->*direction.waits;
   const qm::CancellableWaits::WaitC pending(waits);
   const HANDLE objects[] = {waits.event(), killEvent};
   const DWORD count = killEvent != nullptr ? 2 : 1;
   for (;;) {
     // close() marks the device before it cancels what waits, so one of the two is seen.
     if (pending.isCancelled() || device.isClosed()) {
-      setLastError(ERROR_OPERATION_ABORTED);
-      return failed(direction.label, kResult);
+      return {QMErrors::fromOsError(ERROR_OPERATION_ABORTED), kResult};
     }
     const DWORD woken = (device.*direction.wait)(objects, count, deadline);
-    if (woken == WAIT_FAILED) return failed(direction.label, direction.waitFailed);
+    if (woken == WAIT_FAILED) return {QMErrors::lastOsError(), direction.waitFailed};
     if (woken == WAIT_OBJECT_0) {
       pending.passOn();
       sleep(0, false);
@@ -123,23 +140,18 @@ QMErrors::QMErrorT QMSerialCommsC::WaitAndMove(const DirectionC& direction, Seri
     // Without another try: the event may be one that this wait has reset, and its setter would wait
     // for an answer in vain. A byte that came at the same moment stays for the next read.
     if (woken != WAIT_TIMEOUT && woken != WAIT_OBJECT_0 + count) {
-      return QMErrors::TheDeviceWasToldToDie;
+      return {QMErrors::TheDeviceWasToldToDie};
     }
     switch (direction.move(device, ch)) {
       case Transfer::Done:
-        return QMErrors::NoError;
+        return {QMErrors::NoError};
       case Transfer::Ended:
-        return QMErrors::EndOfFileError;
+        return {QMErrors::EndOfFileError};
       case Transfer::Failed:
         if (device.isClosed()) continue;
-        return failed(direction.label, kResult);
+        return {QMErrors::lastOsError(), kResult};
       case Transfer::NotReady:
-        break;
-    }
-    if (woken == WAIT_TIMEOUT) {
-      qm::logWarning(0, direction.label, direction.timedOut, began.Ago(), direction.timeUnit,
-                     direction.givesReason ? QMErrToStr(QMErrors::CommandTimedOut) : "");
-      return QMErrors::CommandTimedOut;
+        if (woken == WAIT_TIMEOUT) return {QMErrors::CommandTimedOut};
     }
   }
 }

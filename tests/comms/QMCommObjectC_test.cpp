@@ -118,35 +118,23 @@ TEST_F(SharedObject, TheLastReferenceDeletesAnObjectMadeSo) {
 
   EXPECT_EQ(first.Detach(), kOk) << "nothing is held";
   EXPECT_EQ(&copy.GetObject(), &first.GetObject()) << "the copy's object is gone";
-  EXPECT_TRUE(shows(copy.GetObject(), "QMCommObjectC(\"<unknown>\")"));
   EXPECT_EQ(QMCommObjectPtrC(copy).Detach(), kGone);
-  EXPECT_TRUE(log.contains("object: Queue" + kGoneText));
 
-  log.setDebugLevel(15);
-  log.clear();
   QMCommObjectC lasting;
   EXPECT_EQ(first.Attach(&lasting), kOk);
   EXPECT_EQ(first.Detach(), kOk);
   EXPECT_TRUE(shows(lasting, "m_nRefCount=0 "));
-  EXPECT_EQ(log.text(), "");
-}
-
-TEST_F(SharedObject, TheReferenceThatIsTooManyCountsAllTheSame) {
-  QMCommObjectC object;
-  QMCommObjectPtrC holder;
-  EXPECT_EQ(holder.Attach(&object), kOk);
-  for (int extra = 0; extra < 3; ++extra) EXPECT_EQ(QMCommObjectPtrC(holder).Detach(), kOk);
-  QMCommObjectPtrC last;
-  EXPECT_EQ(last.Attach(&object), QMErrors::TooManyObjectReferences);
+  // One that is too many, here by one dropped too often, counts all the same.
+  first.Attach(&lasting);
+  for (int extra = 0; extra < 3; ++extra) EXPECT_EQ(QMCommObjectPtrC(first).Detach(), kOk);
+  EXPECT_EQ(second.Attach(&lasting), QMErrors::TooManyObjectReferences);
   EXPECT_TRUE(
-      log.contains(" ERROR: QMCommObjectC::IncrementReference(): object: <unknown> too many "
-                   "references to object\n INFO: QMCommObjectC::IncrementReference(): " +
-                   textOf(object)));
-  EXPECT_TRUE(shows(object, "m_nRefCount=4294967295 "));
-  EXPECT_EQ(last.Detach(), kOk);
-  EXPECT_EQ(holder.Attach(nullptr), kOk);
-  EXPECT_EQ(holder.Detach(), kOk);
-  EXPECT_TRUE(shows(object, "m_nRefCount=4294967294 "));
+      log.contains(" ERROR: QMCommObjectC::IncrementReference(): object: <unknown> too "
+                   "many references to object\n"));
+  EXPECT_EQ(second.Detach(), kOk);
+  EXPECT_EQ(first.Attach(nullptr), kOk);
+  EXPECT_EQ(first.Detach(), kOk);
+  EXPECT_TRUE(shows(lasting, "m_nRefCount=4294967294 "));
 }
 
 /// Counts the threads that have begun to wait: each looks at the clock for its deadline.
@@ -166,7 +154,6 @@ TEST_F(SharedObject, WaitersLeaveWhenTheObjectGoes) {
     QMCommObjectPtrC holder;
     holder.Attach(object);
     for (int depth = 0; depth < 3; ++depth) object->Lock("owner", 0, nullptr);
-    log.clear();
     const HANDLE kill = event(true, false);
     WaitCount waiting;
     std::vector<std::thread> waiters;
@@ -177,37 +164,35 @@ TEST_F(SharedObject, WaitersLeaveWhenTheObjectGoes) {
     byReference ? void(holder.Detach()) : delete object;
     for (std::thread& waiter : waiters) waiter.join();
     EXPECT_EQ(SharedC::alive, 0);
-    EXPECT_TRUE(log.contains("Lock(a): object: Queue" + kGoneText));
   }
 }
 
-TEST_F(SharedObject, AThreadThatEndsWithTheLockCostsOneFailedLockAndNoReference) {
+TEST_F(SharedObject, AFailedLockCostsNoReference) {
   auto* const object = new SharedC("Queue");
   QMCommObjectPtrC holder, late;
   holder.Attach(object);
   const auto abandon = [&] { onAnotherThread([&] { object->Lock("ended", 0, nullptr); }); };
   abandon();
   EXPECT_EQ(object->Lock("next", kLong, nullptr), kFormerOwnerEnded);
-  EXPECT_TRUE(
-      log.contains("Lock(a): object: Queue waiting on mutex: Error: 105 (0x69) The former"));
   EXPECT_TRUE(shows(*object, "m_pCurrentOwnerName=<unknown>"));
   abandon();  // which proves that the lock was let go again
   EXPECT_EQ(late.Attach(object), kFormerOwnerEnded);
-  EXPECT_EQ(late.Detach(), kOk);
+  EXPECT_EQ(&late.GetObject(), object);
+  EXPECT_EQ(QMCommObjectPtrC(late).Detach(), kOk);
   EXPECT_TRUE(shows(*object, "m_nRefCount=1 ")) << "what was not taken is not dropped";
   abandon();
   EXPECT_EQ(holder.Detach(), kOk);
-}
+  EXPECT_NE(&late.GetObject(), object) << "which is gone";
 
-TEST_F(SharedObject, WithoutMemoryEveryLockFails) {
   qmtest::FailingAllocation next(1);
-  QMCommObjectC object("Queue", true);
+  QMCommObjectC poor("Poor", true);
   ASSERT_TRUE(next.hasFailed());
-  EXPECT_EQ(object.Lock("owner", kLong, nullptr), QMErrors::fromOsError(8));
-  EXPECT_EQ(log.text(), " ERROR: QMCommObjectC::Lock(a): object: QueueFailed to create mutex\n");
-  EXPECT_EQ(object.Unlock(), kGone);
-  EXPECT_EQ(QMCommObjectPtrC().Attach(&object), QMErrors::fromOsError(8));
-  EXPECT_TRUE(shows(object, "(\"Queue\") = { m_pCurrentOwnerName=<unknown>, m_nRefCount=0 "));
+  log.clear();
+  EXPECT_EQ(late.Attach(&poor), QMErrors::fromOsError(8));
+  EXPECT_EQ(log.text(), " ERROR: QMCommObjectC::Lock(a): object: PoorFailed to create mutex\n");
+  EXPECT_EQ(late.Attach(&poor), QMErrors::AlreadyAttachedToObject);
+  EXPECT_EQ(late.Detach(), kOk);
+  EXPECT_EQ(poor.Unlock(), kGone);
 }
 
 TEST_F(SharedObject, ThreadsAtRandomMeetOneLockAndOneDeletion) {

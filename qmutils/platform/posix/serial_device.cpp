@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +20,7 @@
 #include "qmutils/platform/posix/line_settings.h"
 #include "qmutils/platform/posix/line_watcher.h"
 #include "qmutils/platform/posix/native_path.h"
+#include "qmutils/platform/posix/process_generation.h"
 #include "qmutils/platform/posix/serial_name.h"
 #include "qmutils/platform/short_lock.h"
 
@@ -34,19 +37,26 @@ bool hasHungUp(int descriptor) noexcept {
   return poll(&entry, 1, 0) == 1 && (entry.revents & POLLHUP) != 0;
 }
 
-/// Raises or drops one line. A device without such lines, as a pseudo-terminal, is fine.
+/// Raises or drops one line. Fails for a device that is gone only: others are of use without, as a
+/// pseudo-terminal or an adapter that refuses the request.
 bool setModemLine(int descriptor, int line, bool raised) noexcept {
   if (ioctl(descriptor, raised ? TIOCMBIS : TIOCMBIC, &line) == 0) return true;
-  return errno == ENOTTY || errno == EINVAL || errno == EIO || failWithErrno(errno);
+  const int error = errno;
+  return !hasHungUp(descriptor) || failWithErrno(error);
+}
+
+bool isPseudoTerminal(int descriptor) noexcept {
+  constexpr unsigned kFirstMajor = 136, kLastMajor = 143;
+  struct stat status;
+  if (fstat(descriptor, &status) != 0) return false;
+  const unsigned number = major(status.st_rdev);
+  return number >= kFirstMajor && number <= kLastMajor;
 }
 
 class PosixSerialDevice final : public SerialDevice {
  public:
   explicit PosixSerialDevice(Descriptor descriptor) noexcept
-      : descriptor_(std::move(descriptor)), watcher_(descriptor_.get(), traffic_) {
-    lines_.fDtrControl = DTR_CONTROL_ENABLE;
-    lines_.fRtsControl = RTS_CONTROL_ENABLE;
-  }
+      : descriptor_(std::move(descriptor)), watcher_(descriptor_.get(), traffic_) {}
   ~PosixSerialDevice() override { PosixSerialDevice::close(); }
 
   void close() noexcept override;
@@ -71,7 +81,7 @@ class PosixSerialDevice final : public SerialDevice {
   bool modemStatus(DWORD* status) noexcept override;
   bool setEventMask(DWORD mask) noexcept override { return watcher_.setMask(mask); }
   bool startEventWait(HANDLE event) noexcept override { return watcher_.startWait(event); }
-  bool eventResult(DWORD* events) noexcept override { return watcher_.result(events); }
+  bool eventResult() noexcept override { return watcher_.result(); }
 
  private:
   bool isUsable() const noexcept { return !isClosed() || failWith(ERROR_INVALID_HANDLE); }
@@ -81,18 +91,34 @@ class PosixSerialDevice final : public SerialDevice {
   bool set(const termios2& settings) const noexcept {
     return ioctl(descriptor_.get(), TCSETS2, &settings) == 0 || failWithErrno(errno);
   }
+  template <class Call>
+  Transfer transfer(std::mutex& mutex, std::atomic<std::uint64_t>& traffic, Call call) noexcept;
   Transfer outcome(ssize_t result, std::atomic<std::uint64_t>& traffic) const noexcept;
 
+  const unsigned generation_ = processGeneration();
   const Descriptor descriptor_;  // closed by the destructor, when nobody can be using it
   LineTraffic traffic_;
   LineWatcher watcher_;
-  std::atomic<bool> closed_{false};
-  std::mutex settingsMutex_;
-  DCB lines_{};  // under settingsMutex_; what the kernel does not remember of the settings
+  // One for each direction. Held from the look at closed_ to the end of the system call, which
+  // never blocks, so that none meets a device that others have opened since. It also keeps writers
+  // apart, of which the kernel would send one away as if there were no room.
+  std::mutex readMutex_;
+  std::mutex writeMutex_;
+  std::atomic<bool> closed_{false};  // set under both
 };
 
 void PosixSerialDevice::close() noexcept {
-  if (closed_.exchange(true)) return;
+  // A forked copy shares the lock and the exclusion with the process that opened the device, and
+  // has mutexes that threads may hold which it does not have.
+  if (generation_ != processGeneration()) {
+    closed_ = true;
+    return;
+  }
+  {
+    const ShortLock reads(readMutex_);
+    const ShortLock writes(writeMutex_);
+    if (closed_.exchange(true)) return;
+  }
   watcher_.close();
   // Both explicitly, as the descriptor may last, with its users or in a forked copy; in this order,
   // as the next one to lock then forbids other opens.
@@ -109,27 +135,23 @@ bool PosixSerialDevice::setQueueSizes(DWORD, DWORD) noexcept {
 bool PosixSerialDevice::lineState(DCB* state) noexcept {
   termios2 settings;
   if (!isUsable() || !get(&settings)) return false;
-  const ShortLock guard(settingsMutex_);
-  *state = lines_;
   readLineState(settings, state);
   return true;
 }
 
 bool PosixSerialDevice::setLineState(const DCB& state) noexcept {
-  termios2 settings;
-  if (!isUsable() || !get(&settings)) return false;
-  if (!applyLineState(state, &settings) || !set(settings) || !get(&settings)) return false;
-  // The driver takes the nearest speed that it has. What else it cannot do it leaves out, too, but
-  // a pseudo-terminal has no frames and is of use all the same.
-  if (!isSpeedUsable(state.BaudRate, settings.c_ospeed)) return failWith(ERROR_INVALID_PARAMETER);
   const int descriptor = descriptor_.get();
-  if (!setModemLine(descriptor, TIOCM_DTR, state.fDtrControl != DTR_CONTROL_DISABLE) ||
-      !setModemLine(descriptor, TIOCM_RTS, state.fRtsControl != RTS_CONTROL_DISABLE)) {
-    return false;
+  termios2 asked, actual;
+  if (!isUsable() || !get(&asked)) return false;
+  if (!applyLineState(state, &asked) || !set(asked) || !get(&actual)) return false;
+  // The driver takes the nearest speed that it has, and leaves out what else it cannot do. A
+  // pseudo-terminal has no frames and is of use all the same.
+  if (!isSpeedUsable(state.BaudRate, actual.c_ospeed) ||
+      (!hasTakenFrameAndFlow(asked, actual) && !isPseudoTerminal(descriptor))) {
+    return failWith(ERROR_INVALID_PARAMETER);
   }
-  const ShortLock guard(settingsMutex_);
-  lines_ = state;
-  return true;
+  return setModemLine(descriptor, TIOCM_DTR, state.fDtrControl != DTR_CONTROL_DISABLE) &&
+         setModemLine(descriptor, TIOCM_RTS, state.fRtsControl != RTS_CONTROL_DISABLE);
 }
 
 bool PosixSerialDevice::setImmediateReads() noexcept {
@@ -139,7 +161,9 @@ bool PosixSerialDevice::setImmediateReads() noexcept {
   // line that is gone.
   settings.c_cc[VMIN] = 1;
   settings.c_cc[VTIME] = 0;
-  return set(settings);
+  if (!set(settings)) return false;
+  (void)ioctl(descriptor_.get(), TCFLSH, TCIFLUSH);
+  return true;
 }
 
 SerialDevice::Transfer PosixSerialDevice::outcome(
@@ -156,20 +180,25 @@ SerialDevice::Transfer PosixSerialDevice::outcome(
   return Transfer::Failed;
 }
 
-SerialDevice::Transfer PosixSerialDevice::read(unsigned char* byte) noexcept {
+template <class Call>
+SerialDevice::Transfer PosixSerialDevice::transfer(std::mutex& mutex,
+                                                   std::atomic<std::uint64_t>& traffic,
+                                                   Call call) noexcept {
+  const ShortLock guard(mutex);
   if (!isUsable()) return Transfer::Failed;
   ssize_t result;
-  do result = ::read(descriptor_.get(), byte, 1);
+  do result = call(descriptor_.get());
   while (isInterrupted(result));
-  return outcome(result, traffic_.read);
+  return outcome(result, traffic);
+}
+
+SerialDevice::Transfer PosixSerialDevice::read(unsigned char* byte) noexcept {
+  return transfer(readMutex_, traffic_.read, [=](int device) { return ::read(device, byte, 1); });
 }
 
 SerialDevice::Transfer PosixSerialDevice::write(unsigned char byte) noexcept {
-  if (!isUsable()) return Transfer::Failed;
-  ssize_t result;
-  do result = ::write(descriptor_.get(), &byte, 1);
-  while (isInterrupted(result));
-  return outcome(result, traffic_.written);
+  return transfer(writeMutex_, traffic_.written,
+                  [&](int device) { return ::write(device, &byte, 1); });
 }
 
 bool PosixSerialDevice::modemStatus(DWORD* status) noexcept {

@@ -2,6 +2,7 @@
 // qmutils/platform/types.h instead of this file.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 using BYTE = std::uint8_t;
@@ -113,7 +114,8 @@ struct DCB {
   char EvtChar;
   WORD wReserved1;
 };
-static_assert(sizeof(DCB) == 28);
+static_assert(sizeof(DCB) == 28 && offsetof(DCB, XonLim) == 14 && offsetof(DCB, ByteSize) == 18 &&
+              offsetof(DCB, XonChar) == 21 && offsetof(DCB, wReserved1) == 26);
 
 using WNDPROC = LRESULT (*)(HWND, UINT, WPARAM, LPARAM);
 
@@ -195,7 +197,6 @@ inline constexpr DWORD ERROR_NOT_OWNER = 288;
 inline constexpr DWORD ERROR_TOO_MANY_POSTS = 298;
 inline constexpr DWORD ERROR_OPERATION_ABORTED = 995;
 inline constexpr DWORD ERROR_IO_INCOMPLETE = 996;
-inline constexpr DWORD ERROR_IO_PENDING = 997;
 inline constexpr DWORD ERROR_BADDB = 1009;
 inline constexpr DWORD ERROR_REGISTRY_IO_FAILED = 1016;
 inline constexpr DWORD ERROR_KEY_DELETED = 1018;
@@ -290,15 +291,12 @@ inline constexpr BYTE ONE5STOPBITS = 1;
 inline constexpr BYTE TWOSTOPBITS = 2;
 inline constexpr DWORD DTR_CONTROL_DISABLE = 0;
 inline constexpr DWORD DTR_CONTROL_ENABLE = 1;
-inline constexpr DWORD DTR_CONTROL_HANDSHAKE = 2;
 inline constexpr DWORD RTS_CONTROL_DISABLE = 0;
 inline constexpr DWORD RTS_CONTROL_ENABLE = 1;
 inline constexpr DWORD RTS_CONTROL_HANDSHAKE = 2;
-inline constexpr DWORD RTS_CONTROL_TOGGLE = 3;
 
 // What can happen on a serial line.
 inline constexpr DWORD EV_RXCHAR = 0x1;
-inline constexpr DWORD EV_RXFLAG = 0x2;
 inline constexpr DWORD EV_TXEMPTY = 0x4;
 inline constexpr DWORD EV_CTS = 0x8;
 inline constexpr DWORD EV_DSR = 0x10;

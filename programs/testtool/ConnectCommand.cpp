@@ -1,23 +1,16 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "programs/testtool/Command.h"
 #include "programs/testtool/LineExchange.h"
 #include "qmutils/platform/program.h"
-#include "qmutils/platform/standard_input.h"
 #include "qmutils/transport/CQMClientSocket.h"
 
 namespace programs {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-constexpr DWORD kListenMs = 20;  // between two looks at what there is to send
-constexpr DWORD kInputMs = 50;
 
 struct Options {
   std::string host;
@@ -30,13 +23,13 @@ struct Options {
 /// Prints the lines that arrive and sends what it is given.
 class LineClientC : public CQMClientSocket {
  public:
-  LineClientC() : CQMClientSocket("testtool connect") {}
+  explicit LineClientC(Console& console)
+      : CQMClientSocket("testtool connect"), link(console, "", false), m_Console(console) {}
   ~LineClientC() override { (void)stop(); }
 
-  TextQueue outgoing;
+  LineLink link;
   std::atomic<bool> wasConnected{false};
   std::atomic<bool> lost{false};  ///< a connection that there was
-  std::atomic<bool> sending{false};
   std::atomic<Clock::time_point> lastArrival{Clock::now()};
 
  protected:
@@ -45,102 +38,93 @@ class LineClientC : public CQMClientSocket {
       wasConnected = true;
       m_bConnected = true;
       lastArrival = Clock::now();
-      std::fputs("connected\n", stderr);
+      link.begin();
+      m_Console.note("connected");
     } else if (m_bConnected) {
       m_bConnected = false;
+      link.end();
+      if (!IsToldToStop()) m_Console.note("the connection has ended");
       lost = true;
-      const std::string rest = m_Lines.rest();
-      if (!rest.empty()) printLine("", rest);
-      if (!IsToldToStop()) std::fputs("the connection has ended\n", stderr);
     }
     return QMErrors::NoError;
   }
 
   QMErrors::QMErrorT ServerListen() override {
-    sending = true;
-    const std::string text = outgoing.take();
-    const QMErrors::QMErrorT sent = Send(text.c_str());
-    sending = false;
-    if (sent != QMErrors::NoError) return sent;
-    char piece[4096];
-    DWORD count = 0;
-    const QMErrors::QMErrorT received = Receive(piece, sizeof piece, count, kListenMs);
-    if (count != 0) lastArrival = Clock::now();
-    for (const std::string& line : m_Lines.add({piece, count})) printLine("", line);
-    return received == QMErrors::CommandTimedOut ? QMErrors::NoError : received;
+    return link.step(*this, [this](char* buffer, DWORD size, DWORD& count, DWORD ms) {
+      const QMErrors::QMErrorT received = Receive(buffer, size, count, ms);
+      if (count != 0) lastArrival = Clock::now();
+      return received;
+    });
   }
 
  private:
-  LineCollector m_Lines;
+  Console& m_Console;
   bool m_bConnected = false;
 };
 
 /// Hands on what the user writes until there is a reason to leave.
-void converse(LineClientC& client, const Options& options) {
-  bool inputEnded = false;
-  Clock::time_point end;
-  while (!qm::platform::interrupted() && !outputHasFailed() && !(options.once && client.lost)) {
-    if (inputEnded || client.outgoing.size() > kFullQueue) {
-      (void)client.SleepEx(kInputMs, false);
-    } else {
-      char text[4096];
-      const long count = qm::platform::readStandardInput(text, sizeof text, kInputMs);
-      if (count > 0) {
-        // A text ends at a NUL, so none is sent.
-        std::replace(text, text + count, '\0', '?');
-        client.outgoing.add({text, static_cast<std::size_t>(count)});
-      }
-      inputEnded = count == 0;
-      end = Clock::now();
-    }
-    const bool allSent = client.outgoing.size() == 0 && !client.sending && client.wasConnected;
-    if (!allSent) end = Clock::now();
+void converse(LineClientC& client, Console& console, const Options& options) {
+  Clock::time_point end = Clock::now();
+  while (console.goesOn() && !(options.once && client.lost)) {
+    client.link.outgoing.add(sendable(console.step(!client.link.outgoing.isFull())));
+    const bool allDone = console.inputHasEnded() && client.wasConnected && client.link.isIdle() &&
+                         console.hasWrittenAll();
+    if (!allDone) end = Clock::now();
     const Clock::time_point quiet = std::max(end, client.lastArrival.load());
-    if (inputEnded && Clock::now() - quiet > std::chrono::milliseconds(options.lingerMs)) return;
+    if (allDone && Clock::now() - quiet > std::chrono::milliseconds(options.lingerMs)) return;
   }
 }
 
-int run(const Arguments& arguments) {
-  Options options;
+/// Takes the arguments; what is wrong with them, or an empty text.
+std::string takeArguments(const Arguments& arguments, Options& options) {
+  std::vector<std::string> given;
   std::string value;
   long long number = 0;
-  std::vector<std::string> given;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     if (arguments[i] == "--once") {
       options.once = true;
     } else if (arguments[i] == "--linger") {
       if (!takeValue(arguments, i, value) || !parseNumber(value, 0LL, 86'400'000LL, number)) {
-        return usageError(kConnectCommand, "--linger wants a time in milliseconds");
+        return "--linger wants a time in milliseconds";
       }
       options.lingerMs = static_cast<unsigned>(number);
     } else if (arguments[i] == "--log") {
-      if (!takeValue(arguments, i, value) || !parseNumber(value, 0LL, 99LL, number)) {
-        return usageError(kConnectCommand, "--log wants a level, 0 to 99");
+      if (!takeValue(arguments, i, value) || !parseLogLevel(value, options.level)) {
+        return kLogLevelWanted;
       }
-      options.level = static_cast<unsigned>(number);
     } else if (arguments[i].starts_with("-")) {
-      return usageError(kConnectCommand, "unknown argument '" + arguments[i] + "'");
+      return "unknown argument '" + arguments[i] + "'";
     } else {
       given.push_back(arguments[i]);
     }
   }
-  if (given.size() != 2) return usageError(kConnectCommand, "give a host and a port");
-  if (!parseNumber(given[1], 1LL, 65535LL, number)) {
-    return usageError(kConnectCommand, "a port is 1 to 65535");
-  }
+  if (given.size() != 2) return "give a host and a port";
+  if (!parseNumber(given[1], 1LL, 65535LL, number)) return "a port is 1 to 65535";
+  options.host = given[0];
+  options.port = static_cast<unsigned>(number);
+  return {};
+}
+
+int run(const Arguments& arguments) {
+  Options options;
+  const std::string complaint = takeArguments(arguments, options);
+  if (!complaint.empty()) return usageError(kConnectCommand, complaint);
   showLogLines(options.level);
   qm::platform::noteInterrupts();
-  LineClientC client;
-  if (client.SetHost(given[0].c_str(), static_cast<unsigned>(number)) != QMErrors::NoError) {
-    return kFailure;
+  Console console;
+  int status;
+  {
+    LineClientC client(console);
+    if (client.SetHost(options.host.c_str(), options.port) != QMErrors::NoError) return kFailure;
+    converse(client, console, options);
+    console.close();
+    endThread(client);
+    const bool allSent = client.link.isIdle() && !client.link.hasLost();
+    if (!allSent) console.note("testtool connect: not all was sent");
+    status = allSent && client.wasConnected ? kSuccess : kFailure;
   }
-  converse(client, options);
-  (void)client.stop();
-  if (client.outgoing.size() != 0) {
-    std::fputs("testtool connect: not all was sent\n", stderr);
-    return kFailure;
-  }
-  return client.wasConnected ? kSuccess : kFailure;
+  console.finish();
+  return status;
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -10,7 +9,7 @@
 #include "programs/testtool/Command.h"
 #include "programs/testtool/LineExchange.h"
 #include "qmutils/platform/program.h"
-#include "qmutils/platform/standard_input.h"
+#include "qmutils/platform/standard_streams.h"
 #include "qmutils/platform/waitable.h"
 #include "qmutils/transport/QMSerialCommsC.h"
 #include "qmutils/transport/QMSerialCommsEventC.h"
@@ -18,12 +17,11 @@
 namespace programs {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Settings = QMSerialCommsC::QMSerialCommSpecC;
 
-constexpr DWORD kInputMs = 50;
 constexpr DWORD kWriterPauseMs = 5;
 constexpr unsigned kQueueSize = 4096;
+constexpr std::size_t kWrittenAtOnce = 4096;
 
 // The numbers of these words are their places.
 constexpr const char* kParities[] = {"none", "odd", "even", "mark", "space"};
@@ -40,7 +38,8 @@ struct Options {
   bool watch = false;
   long long debounceMs = 0;
   long long lingerMs = 1000;
-  long long level = 0;
+  unsigned level = 0;
+  bool hasPort = false;
 };
 
 template <std::size_t count>
@@ -70,8 +69,9 @@ class PortC : public QMSerialCommsC {
 /// Bytes between standard streams and the line, each direction on a thread of its own.
 class Terminal {
  public:
-  explicit Terminal(QMSerialCommsC& port)
-      : port_(port), reader_([this] { read(); }), writer_([this] { write(); }) {}
+  Terminal(QMSerialCommsC& port, Console& console)
+      : port_(port), console_(console), reader_([this] { read(); }), writer_([this] { write(); }) {}
+  /// The console must be closed, as the reader may wait to print.
   ~Terminal() {
     qm::platform::setEvent(leave_);
     reader_.join();
@@ -83,20 +83,12 @@ class Terminal {
 
   /// Until an interrupt, a failure, or a quiet while after the end of the input.
   void run(long long lingerMs) {
-    bool inputEnded = false;
-    while (!qm::platform::interrupted() && failure() == QMErrors::NoError &&
-           std::ferror(stdout) == 0) {
-      if (inputEnded || outgoing_.size() > kFullQueue) {
-        (void)qm::platform::wait(leave_, kInputMs);
-      } else {
-        char text[4096];
-        const long count = qm::platform::readStandardInput(text, sizeof text, kInputMs);
-        if (count > 0) outgoing_.add({text, static_cast<std::size_t>(count)});
-        inputEnded = count == 0;
-      }
-      if (!inputEnded || outgoing_.size() != 0 || writing_) lastMove_ = Clock::now();
+    while (console_.goesOn() && failure() == QMErrors::NoError) {
+      outgoing_.add(console_.step(!outgoing_.isFull()));
+      const bool allDone = console_.inputHasEnded() && isAllWritten() && console_.hasWrittenAll();
+      if (!allDone) lastMove_ = Clock::now();
       const auto quiet = Clock::now() - lastMove_.load();
-      if (inputEnded && quiet > std::chrono::milliseconds(lingerMs)) return;
+      if (allDone && quiet > std::chrono::milliseconds(lingerMs)) return;
     }
   }
 
@@ -109,8 +101,8 @@ class Terminal {
     QMErrors::QMErrorT result;
     while ((result = port_.getTimed(byte, INFINITE, leave_)) == QMErrors::NoError) {
       lastMove_ = Clock::now();
-      std::fputc(byte, stdout);
-      std::fflush(stdout);
+      const char c = static_cast<char>(byte);
+      console_.print({&c, 1});
     }
     end(result);
   }
@@ -119,7 +111,7 @@ class Terminal {
     QMErrors::QMErrorT result = QMErrors::NoError;
     while (result == QMErrors::NoError && qm::platform::wait(leave_, 0) == WAIT_TIMEOUT) {
       writing_ = true;
-      const std::string text = outgoing_.take();
+      const std::string text = outgoing_.take(kWrittenAtOnce);
       for (std::size_t i = 0; i < text.size() && result == QMErrors::NoError; ++i) {
         int byte = text[i];
         result = port_.putTimed(byte, INFINITE, leave_);
@@ -137,6 +129,7 @@ class Terminal {
   }
 
   QMSerialCommsC& port_;
+  Console& console_;
   const HANDLE leave_ = qm::platform::createEvent(true, false);
   TextQueue outgoing_;
   std::atomic<bool> writing_{false};
@@ -146,40 +139,47 @@ class Terminal {
   std::thread writer_;
 };
 
-int exchange(QMSerialCommsC& port, long long lingerMs) {
+int exchange(QMSerialCommsC& port, Console& console, long long lingerMs) {
   const qm::platform::KeyByKey keys;
-  Terminal terminal(port);
+  Terminal terminal(port, console);
   terminal.run(lingerMs);
+  console.close();
   if (terminal.failure() == QMErrors::EndOfFileError) {
-    std::fputs("testtool serial: the device has gone\n", stderr);
+    console.note("testtool serial: the device has gone");
   }
-  if (!terminal.isAllWritten()) std::fputs("testtool serial: not all was written\n", stderr);
+  if (!terminal.isAllWritten()) console.note("testtool serial: not all was written");
   return terminal.failure() == QMErrors::NoError && terminal.isAllWritten() ? kSuccess : kFailure;
 }
 
 /// Prints what the lines of the modem say.
 class LinePrinter : public IQMSerialCommsEventListener {
  public:
+  explicit LinePrinter(Console& console) : console_(console) {}
   void OnEvent(IQMEventBase& event) override {
     if (auto* const lines = dynamic_cast<QMSerialCommsEventBaseC*>(&event)) {
       std::ostringstream text;
       text << *lines;
-      printLine("", text.str());
+      console_.printLine("", text.str());
     }
   }
+
+ private:
+  Console& console_;
 };
 
-int watch(PortC& port, long long debounceMs) {
-  LinePrinter printer;
+int watch(PortC& port, Console& console, long long debounceMs) {
+  LinePrinter printer(console);
   port.SetComEventDebounceTimeOutMS(static_cast<DWORD>(debounceMs));
   QMErrors::QMErrorT failure = port.AddCommsEventListener(printer);
-  while (failure == QMErrors::NoError && !qm::platform::interrupted() && !outputHasFailed()) {
-    (void)qm::platform::wait(port.GetThread(), kInputMs);
+  while (failure == QMErrors::NoError && console.goesOn()) {
+    (void)console.step(false);
     failure = port.workerResult();
   }
   if (failure != QMErrors::NoError) {
-    std::fprintf(stderr, "testtool serial: the lines cannot be watched: %s\n", QMErrToStr(failure));
+    console.note("testtool serial: the lines cannot be watched: " +
+                 std::string(QMErrToStr(failure)));
   }
+  console.close();
   (void)port.RemoveCommsEventListener(printer);
   return failure == QMErrors::NoError ? kSuccess : kFailure;
 }
@@ -191,8 +191,9 @@ std::string takeOption(const Arguments& arguments, std::size_t& i, Options& opti
     options.watch = true;
     return {};
   }
-  if (!name.starts_with("-") && options.port.empty()) {
+  if (!name.starts_with("-") && !options.hasPort) {
     options.port = name;
+    options.hasPort = true;
     return {};
   }
   std::string value;
@@ -214,7 +215,7 @@ std::string takeOption(const Arguments& arguments, std::size_t& i, Options& opti
   } else if (name == "--linger") {
     fits = parseNumber(value, 0LL, 86'400'000LL, options.lingerMs);
   } else if (name == "--log") {
-    fits = parseNumber(value, 0LL, 99LL, options.level);
+    fits = parseLogLevel(value, options.level);
   } else {
     return "unknown argument '" + name + "'";
   }
@@ -228,7 +229,7 @@ int run(const Arguments& arguments) {
     if (!complaint.empty()) return usageError(kSerialCommand, complaint);
   }
   if (options.port.empty()) return usageError(kSerialCommand, "no port given");
-  showLogLines(static_cast<unsigned>(options.level));
+  showLogLines(options.level);
   qm::platform::noteInterrupts();
   PortC port;
   Settings settings(options.port.c_str(), static_cast<unsigned>(options.baud),
@@ -238,8 +239,13 @@ int run(const Arguments& arguments) {
   if (opened != QMErrors::NoError) return kFailure;  // the reason is in the log
   std::ostringstream text;
   text << port;
-  std::fprintf(stderr, "%s, Ctrl-C ends\n", text.str().c_str());
-  return options.watch ? watch(port, options.debounceMs) : exchange(port, options.lingerMs);
+  Console console;
+  console.note(text.str() + ", Ctrl-C ends");
+  const int status = options.watch ? watch(port, console, options.debounceMs)
+                                   : exchange(port, console, options.lingerMs);
+  endThread(port);
+  console.finish();
+  return status;
 }
 
 }  // namespace

@@ -1,43 +1,32 @@
-#include <algorithm>
-#include <atomic>
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "programs/testtool/Command.h"
 #include "programs/testtool/LineExchange.h"
 #include "qmutils/platform/program.h"
-#include "qmutils/platform/standard_input.h"
 #include "qmutils/transport/CQMServerConnection.h"
 #include "qmutils/transport/CQMServerSocket.h"
 
 namespace programs {
 namespace {
 
-constexpr DWORD kListenMs = 20;  // between two looks at what there is to send
-constexpr DWORD kInputMs = 50;
+constexpr DWORD kOpenMs = 10;          // between two looks whether the server listens
+constexpr DWORD kStandstillMs = 2000;  // after which a client that reads nothing is dropped
 
 /// Prints the lines of its clients, each with the number of the client.
 class LineServerC : public CQMServerSocket {
  public:
-  LineServerC(unsigned short port, bool echo)
-      : CQMServerSocket("testtool serve", port, nullptr, 0), m_bEcho(echo) {}
+  LineServerC(unsigned short port, bool echo, Console& console)
+      : CQMServerSocket("testtool serve", port, nullptr, 0), m_Console(console), m_bEcho(echo) {}
   ~LineServerC() override { (void)stop(); }
 
-  /// What the connections are to send, by the number of the client.
-  void sendToAll(std::string_view text) {
-    const std::lock_guard lock(m_Mutex);
-    for (auto& [number, queue] : m_Outgoing) queue->add(text);
-  }
-  /// The longest of the texts that wait to be sent.
-  std::size_t waiting() {
-    const std::lock_guard lock(m_Mutex);
-    std::size_t most = 0;
-    for (auto& [number, queue] : m_Outgoing) most = std::max(most, queue->size());
-    return most;
-  }
+  void sendToAll(const std::string& text);
+  /// True when all clients have room for more. One that stands still is dropped before it keeps the
+  /// others waiting for long.
+  bool hasRoom();
 
  protected:
   QMErrors::QMErrorT Notify(ServerStateT) override { return QMErrors::NoError; }
@@ -47,56 +36,53 @@ class LineServerC : public CQMServerSocket {
  private:
   class ConnectionC;
 
+  Console& m_Console;
   const bool m_bEcho;
   int m_nClients = 0;  // the server's thread only
   std::mutex m_Mutex;
-  std::map<int, std::shared_ptr<TextQueue>> m_Outgoing;  // under the mutex
+  std::map<int, ConnectionC*> m_Clients;  // by number, while their threads run; under the mutex
 };
 
 class LineServerC::ConnectionC : public CQMServerConnection {
  public:
   ConnectionC(LineServerC* server, unsigned socket, int number)
       : CQMServerConnection(server, socket, 0),
+        m_Link(server->m_Console, std::to_string(number) + ": ", server->m_bEcho),
         m_Server(*server),
-        m_nNumber(number),
-        m_pOutgoing(std::make_shared<TextQueue>()) {
-    const std::lock_guard lock(m_Server.m_Mutex);
-    m_Server.m_Outgoing[m_nNumber] = m_pOutgoing;
-  }
+        m_nNumber(number) {}
   ~ConnectionC() override { (void)stop(); }
+
+  TextQueue& outgoing() { return m_Link.outgoing; }
+  void leave() { (void)NotifyEnd(); }
 
  protected:
   QMErrors::QMErrorT run() override {
-    const std::string prefix = std::to_string(m_nNumber) + ": ";
-    std::fprintf(stderr, "client %d has come\n", m_nNumber);
+    const std::string name = "client " + std::to_string(m_nNumber);
+    {
+      const std::lock_guard lock(m_Server.m_Mutex);
+      m_Server.m_Clients[m_nNumber] = this;
+    }
+    m_Server.m_Console.note(name + " has come");
     const QMErrors::QMErrorT result = CQMServerConnection::run();
-    const std::string rest = m_Lines.rest();
-    if (!rest.empty()) printLine(prefix, rest);
-    std::fprintf(stderr, "client %d has gone\n", m_nNumber);
-    const std::lock_guard lock(m_Server.m_Mutex);
-    m_Server.m_Outgoing.erase(m_nNumber);
+    {
+      const std::lock_guard lock(m_Server.m_Mutex);
+      m_Server.m_Clients.erase(m_nNumber);
+    }
+    m_Link.end();
+    m_Server.m_Console.note(name + " has gone");
     return result;
   }
 
   QMErrors::QMErrorT ClientListen() override {
-    const std::string text = m_pOutgoing->take();
-    const QMErrors::QMErrorT sent = Send(text.c_str());
-    if (sent != QMErrors::NoError) return sent;
-    char piece[4096];
-    DWORD count = 0;
-    const QMErrors::QMErrorT received = Receive(piece, sizeof piece, count, kListenMs);
-    for (const std::string& line : m_Lines.add({piece, count})) {
-      printLine(std::to_string(m_nNumber) + ": ", line);
-      if (m_Server.m_bEcho) m_pOutgoing->add(line.substr(0, line.find('\0')) + "\n");
-    }
-    return received == QMErrors::CommandTimedOut ? QMErrors::NoError : received;
+    return m_Link.step(*this, [this](char* buffer, DWORD size, DWORD& count, DWORD ms) {
+      return Receive(buffer, size, count, ms);
+    });
   }
 
  private:
+  LineLink m_Link;
   LineServerC& m_Server;
   const int m_nNumber;
-  const std::shared_ptr<TextQueue> m_pOutgoing;
-  LineCollector m_Lines;
 };
 
 QMErrors::QMErrorT LineServerC::CreateNewConnection(unsigned socket) {
@@ -106,61 +92,92 @@ QMErrors::QMErrorT LineServerC::CreateNewConnection(unsigned socket) {
   return started;
 }
 
-/// Hands on what the user writes, until an interrupt or the end of the server.
-void converse(LineServerC& server) {
-  bool inputEnded = false;
-  while (!qm::platform::interrupted() && !outputHasFailed() && server.IsAlive()) {
-    if (inputEnded || server.waiting() > kFullQueue) {
-      (void)server.SleepEx(kInputMs, false);
-      continue;
-    }
-    char text[4096];
-    const long count = qm::platform::readStandardInput(text, sizeof text, kInputMs);
-    if (count > 0) {
-      // A text ends at a NUL, so none is sent.
-      std::replace(text, text + count, '\0', '?');
-      server.sendToAll({text, static_cast<std::size_t>(count)});
-    }
-    inputEnded = count == 0;
+void LineServerC::sendToAll(const std::string& text) {
+  const std::lock_guard lock(m_Mutex);
+  for (auto& [number, client] : m_Clients) {
+    if (!client->IsEndEventSignalled()) client->outgoing().add(text);
   }
 }
 
-int run(const Arguments& arguments) {
-  bool echo = false;
-  unsigned level = 0;
-  std::string port;
-  std::string value;
-  long long number = 0;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    if (arguments[i] == "--echo") {
-      echo = true;
-    } else if (arguments[i] == "--log") {
-      if (!takeValue(arguments, i, value) || !parseNumber(value, 0LL, 99LL, number)) {
-        return usageError(kServeCommand, "--log wants a level, 0 to 99");
-      }
-      level = static_cast<unsigned>(number);
-    } else if (port.empty() && !arguments[i].starts_with("-")) {
-      port = arguments[i];
+bool LineServerC::hasRoom() {
+  // Clients that wait for somebody to read what we print do not take anything either.
+  if (m_Console.isFull()) return false;
+  const std::lock_guard lock(m_Mutex);
+  bool allHaveRoom = true;
+  for (auto& [number, client] : m_Clients) {
+    if (!client->outgoing().isFull() || client->IsEndEventSignalled()) continue;
+    if (client->outgoing().hasStoodStill(kStandstillMs)) {
+      m_Console.note("client " + std::to_string(number) + " does not read and is dropped");
+      client->leave();
     } else {
-      return usageError(kServeCommand, "unknown argument '" + arguments[i] + "'");
+      allHaveRoom = false;
     }
   }
-  if (!parseNumber(port, 0LL, 65535LL, number)) {
-    return usageError(kServeCommand, "a port is 1 to 65535, or 0 for any that is free");
+  return allHaveRoom;
+}
+
+struct Options {
+  unsigned short port = 0;
+  unsigned level = 0;
+  bool echo = false;
+};
+
+/// Takes the arguments; what is wrong with them, or an empty text.
+std::string takeArguments(const Arguments& arguments, Options& options) {
+  std::vector<std::string> given;
+  std::string value;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    if (arguments[i] == "--echo") {
+      options.echo = true;
+    } else if (arguments[i] == "--log") {
+      if (!takeValue(arguments, i, value) || !parseLogLevel(value, options.level)) {
+        return kLogLevelWanted;
+      }
+    } else if (arguments[i].starts_with("-")) {
+      return "unknown argument '" + arguments[i] + "'";
+    } else {
+      given.push_back(arguments[i]);
+    }
   }
-  showLogLines(level);
-  qm::platform::noteInterrupts();
-  LineServerC server(static_cast<unsigned short>(number), echo);
+  long long number = 0;
+  if (given.size() != 1 || !parseNumber(given[0], 0LL, 65535LL, number)) {
+    return "give one port, 1 to 65535, or 0 for any that is free";
+  }
+  options.port = static_cast<unsigned short>(number);
+  return {};
+}
+
+/// Serves until an interrupt or the end of the server.
+int serve(LineServerC& server, Console& console) {
   if (server.start() != QMErrors::NoError) return kFailure;
-  while (server.IsAlive() && server.GetSocket() == LineServerC::kNoSocket) {
-    (void)server.SleepEx(1, false);
+  while (console.goesOn() && server.IsAlive() && server.GetSocket() == LineServerC::kNoSocket) {
+    (void)server.SleepEx(kOpenMs, false);
   }
-  if (!server.IsAlive()) return kFailure;
-  std::fprintf(stderr, "listening on port %u, Ctrl-C ends\n", unsigned{server.GetPort()});
-  converse(server);
-  const bool failed = !server.IsAlive();
-  (void)server.stop();
-  return failed ? kFailure : kSuccess;
+  if (server.GetSocket() != LineServerC::kNoSocket) {
+    console.note("listening on port " + std::to_string(server.GetPort()) + ", Ctrl-C ends");
+  }
+  while (console.goesOn() && server.IsAlive()) {
+    server.sendToAll(sendable(console.step(server.hasRoom())));
+  }
+  return server.IsAlive() ? kSuccess : kFailure;
+}
+
+int run(const Arguments& arguments) {
+  Options options;
+  const std::string complaint = takeArguments(arguments, options);
+  if (!complaint.empty()) return usageError(kServeCommand, complaint);
+  showLogLines(options.level);
+  qm::platform::noteInterrupts();
+  Console console;
+  int status;
+  {
+    LineServerC server(options.port, options.echo, console);
+    status = serve(server, console);
+    console.close();
+    endThread(server);
+  }
+  console.finish();
+  return status;
 }
 
 }  // namespace

@@ -11,17 +11,15 @@
 #include "qmutils/platform/posix/suspension.h"
 
 namespace qm::platform::posix {
+
+constinit std::atomic<WaitObject*> chunks[kChunkCount] = {};
+
 namespace {
 
 static_assert(sizeof(void*) == 8, "handles carry a generation beside the index");
 
-constexpr std::uint32_t kChunkSize = 256;
-constexpr std::uint32_t kChunkCount = 4096;
-constexpr int kIndexShift = 3;  // handles look aligned, as programs expect of a pointer-sized value
-
-// Constant-initialised and trivially destroyed: threads may outlive main().
+// Constant-initialised and trivially destroyed, as all here: threads may outlive main().
 constinit std::mutex dispatcherMutex;
-constinit std::atomic<WaitObject*> chunks[kChunkCount] = {};
 
 // Guarded by the dispatcher's lock. First in, first out, so that a slot rests as long as possible
 // before it is used again.
@@ -170,24 +168,6 @@ void DispatcherLock::lock() noexcept {
 void WakeList::wakeAll() noexcept {
   for (int i = 0; i < count_; ++i) futexWake(&threads_[i]->parking, 1);
   count_ = 0;
-}
-
-std::uint32_t handleGeneration(HANDLE handle) noexcept {
-  return static_cast<std::uint32_t>(reinterpret_cast<std::uint64_t>(handle) >> 32);
-}
-
-WaitObject* locate(HANDLE handle) noexcept {
-  const auto low = static_cast<std::uint32_t>(reinterpret_cast<std::uint64_t>(handle));
-  const std::uint32_t place = low >> kIndexShift;
-  if ((low & ((1u << kIndexShift) - 1)) != 0 || place == 0 || place > kChunkCount * kChunkSize) {
-    return nullptr;
-  }
-  WaitObject* chunk = chunks[(place - 1) / kChunkSize].load(std::memory_order_acquire);
-  return chunk == nullptr ? nullptr : &chunk[(place - 1) % kChunkSize];
-}
-
-bool names(HANDLE handle, std::uint64_t word) noexcept {
-  return generationOf(word) == handleGeneration(handle) && kindOf(word) != Kind::Free;
 }
 
 WaitObject* resolve(HANDLE handle) noexcept {

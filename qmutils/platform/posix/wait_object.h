@@ -136,12 +136,31 @@ void unlockDispatcherAfterFork() noexcept;
 /// in the parent, 0 without a record.
 void forgetOtherThreads(const ThreadRecord* self, DWORD former) noexcept;
 
+// The table. What follows is part of every operation that need not wait, so it is inline.
+inline constexpr std::uint32_t kChunkSize = 256;
+inline constexpr std::uint32_t kChunkCount = 4096;
+/// Handles look aligned, as programs expect of a pointer-sized value.
+inline constexpr int kIndexShift = 3;
+extern std::atomic<WaitObject*> chunks[kChunkCount];
+
 /// The object a handle may name: its slot in the table, or null for a value that is no handle. The
 /// caller compares the generation in the object's word with handleGeneration().
-WaitObject* locate(HANDLE handle) noexcept;
-std::uint32_t handleGeneration(HANDLE handle) noexcept;
+inline WaitObject* locate(HANDLE handle) noexcept {
+  const auto low = static_cast<std::uint32_t>(reinterpret_cast<std::uint64_t>(handle));
+  const std::uint32_t place = low >> kIndexShift;
+  if ((low & ((1u << kIndexShift) - 1)) != 0 || place == 0 || place > kChunkCount * kChunkSize) {
+    return nullptr;
+  }
+  WaitObject* chunk = chunks[(place - 1) / kChunkSize].load(std::memory_order_acquire);
+  return chunk == nullptr ? nullptr : &chunk[(place - 1) % kChunkSize];
+}
+inline std::uint32_t handleGeneration(HANDLE handle) noexcept {
+  return static_cast<std::uint32_t>(reinterpret_cast<std::uint64_t>(handle) >> 32);
+}
 /// True when `word` belongs to the object that the handle names.
-bool names(HANDLE handle, std::uint64_t word) noexcept;
+inline bool names(HANDLE handle, std::uint64_t word) noexcept {
+  return generationOf(word) == handleGeneration(handle) && kindOf(word) != Kind::Free;
+}
 
 /// The object of a handle, with the dispatcher's lock held; null (last error 6) for any other.
 WaitObject* resolve(HANDLE handle) noexcept;

@@ -1,5 +1,4 @@
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -86,10 +85,7 @@ class LineServerC::ConnectionC : public CQMServerConnection {
 };
 
 QMErrors::QMErrorT LineServerC::CreateNewConnection(unsigned socket) {
-  auto connection = std::make_unique<ConnectionC>(this, socket, ++m_nClients);
-  const QMErrors::QMErrorT started = connection->start();
-  if (started == QMErrors::NoError) (void)connection.release();  // the server's from here on
-  return started;
+  return Begin(new ConnectionC(this, socket, ++m_nClients));
 }
 
 void LineServerC::sendToAll(const std::string& text) {

@@ -3,8 +3,9 @@
 # Each step includes the ones before it, except that bench and fuzz stand side by side.
 set -euo pipefail
 
-build=(g++ cmake ninja-build pkg-config libsqlite3-dev libtiff-dev libpng-dev)
-test=("${build[@]}" libgtest-dev locales)
+build=(g++ cmake ninja-build pkg-config libsqlite3-dev libasound2-dev libsndfile1-dev libcairo2-dev
+  libpango1.0-dev libcups2-dev libtiff-dev libpng-dev)
+test=("${build[@]}" libgtest-dev locales poppler-utils fonts-dejavu-core cups-daemon cups-client)
 bench=("${test[@]}" libbenchmark-dev libspdlog-dev libboost-dev libtinyxml2-dev uuid-dev libserialport-dev)
 fuzz=("${test[@]}" clang libclang-rt-dev)
 

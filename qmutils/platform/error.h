@@ -7,14 +7,16 @@
 
 #include <string_view>
 
+#include "qmutils/platform/export.h"
 #include "qmutils/platform/types.h"
 
 namespace qm::platform {
 
 /// The number set last by a failing platform function on this thread; 0 when there was none.
 /// Successful calls need not reset it.
-DWORD lastError() noexcept;
-void setLastError(DWORD number) noexcept;
+QMUTILS_API DWORD lastError() noexcept;
+/// Also for hosts whose implementations of the library's interfaces fail.
+QMUTILS_API void setLastError(DWORD number) noexcept;
 
 /// The system's one-line sentence for a number ("Access is denied."), without a line end; empty
 /// for a number that the system does not know. The text is a constant.

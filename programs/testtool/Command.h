@@ -38,6 +38,7 @@ extern const Command kIniCommand;
 extern const Command kLogCommand;
 extern const Command kPoolCommand;
 extern const Command kPrefsCommand;
+extern const Command kPrintCommand;
 extern const Command kSerialCommand;
 extern const Command kServeCommand;
 extern const Command kValueCommand;

@@ -16,11 +16,12 @@
 #include <cstdio>
 #include <string>
 
+#include "qmutils/platform/export.h"
 #include "qmutils/platform/file.h"
 
 namespace qm::platform {
 
-class ReplacementFile {
+class QMUTILS_API ReplacementFile {
  public:
   /// Waits up to ten seconds for others who are replacing the target (then error 32), and removes
   /// what a killed one has left, unless another user has and we may not open it. Error 5 for a

@@ -1,8 +1,10 @@
 // A device context: a screen or printer that text is drawn on. The library only draws through this
 // interface; a host implements it over its window or printer.
 //
-// Rectangles are in device units, y grows downwards. A context belongs to one thread at a time. No
-// function throws; one that fails sets the system's last error.
+// Rectangles are in device units, counted from the upper left corner of the paper or the window; y
+// grows downwards. Of a printer, the printable area begins at PHYSICALOFFSETX and PHYSICALOFFSETY
+// and is HORZRES by VERTRES large. A context belongs to one thread at a time. No function throws;
+// one that fails sets the system's last error (qmutils/platform/error.h).
 #pragma once
 
 #include "qmutils/platform/export.h"
@@ -18,7 +20,7 @@ class QMUTILS_API CDC {
   virtual int GetDeviceCaps(int index) const = 0;
   /// The measures of the selected font; false on failure.
   virtual BOOL GetTextMetrics(TEXTMETRIC* metrics) const = 0;
-  /// Draws text inside a rectangle as the DT_ bits of `format` tell, and gives the height of what
+  /// Draws text, UTF-8, inside a rectangle as the DT_ bits of `format` tell, and gives the height of what
   /// was drawn; 0 on failure. With DT_CALCRECT nothing is drawn: the rectangle is made to fit the
   /// text instead, its left and top edges staying.
   virtual int DrawText(const char* text, CRect* rect, UINT format) = 0;

@@ -4,6 +4,7 @@
 #include <cups/pwg.h>
 
 #include <cmath>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -34,25 +35,37 @@ DWORD reasonOf(ipp_status_t status) {
   }
 }
 
-/// Logs what the printing system says about its last call.
-int fail(const std::string& printer) {
-  const DWORD reason = reasonOf(cupsLastError());
-  const char* const words = cupsLastErrorString();
+constexpr int kConnectMs = 30'000;
+using ConnectionPtr = std::unique_ptr<http_t, decltype(&httpClose)>;
+
+/// To the printing system that the user has chosen, or this machine's.
+ConnectionPtr connect() {
+  return {httpConnect2(cupsServer(), ippPort(), nullptr, AF_UNSPEC, cupsEncryption(), 1, kConnectMs,
+                       nullptr),
+          &httpClose};
+}
+
+int fail(const std::string& printer, DWORD reason, const char* words) {
   logError(kLabel, printer.empty() ? "default printer" : "printer ", printer, ": ",
            words != nullptr ? words : "");
   platform::setLastError(reason);
   return 0;
 }
 
+/// With what the printing system says about its last call.
+int fail(const std::string& printer) {
+  return fail(printer, reasonOf(cupsLastError()), cupsLastErrorString());
+}
+
 /// A print queue with the options that its user has set for it.
 class Destination {
  public:
   /// "name" or "name/instance"; empty for the default.
-  explicit Destination(const std::string& printer) {
+  Destination(http_t* server, const std::string& printer) : server_(server) {
     const std::size_t slash = printer.find('/');
     const std::string name = printer.substr(0, slash);
     const std::string instance = slash != std::string::npos ? printer.substr(slash + 1) : "";
-    dest_ = cupsGetNamedDest(CUPS_HTTP_DEFAULT, name.empty() ? nullptr : name.c_str(),
+    dest_ = cupsGetNamedDest(server, name.empty() ? nullptr : name.c_str(),
                              instance.empty() ? nullptr : instance.c_str());
   }
   Destination(const Destination&) = delete;
@@ -62,28 +75,28 @@ class Destination {
   }
 
   bool isKnown() const { return dest_ != nullptr; }
-  const char* name() const { return dest_->name; }
   void setOption(const char* name, const std::string& value) {
     dest_->num_options = cupsAddOption(name, value.c_str(), dest_->num_options, &dest_->options);
   }
   /// The job's number, or 0.
   int createJob(const char* title) const {
-    return cupsCreateJob(CUPS_HTTP_DEFAULT, dest_->name, title, dest_->num_options, dest_->options);
+    return cupsCreateJob(server_, dest_->name, title, dest_->num_options, dest_->options);
   }
+  /// The only document of the job.
+  bool send(int job, const std::string& name, const std::string& document) const {
+    constexpr int kIsLast = 1;
+    return cupsStartDocument(server_, dest_->name, job, name.c_str(), CUPS_FORMAT_PDF, kIsLast) ==
+               HTTP_STATUS_CONTINUE &&
+           cupsWriteRequestData(server_, document.data(), document.size()) ==
+               HTTP_STATUS_CONTINUE &&
+           cupsFinishDocument(server_, dest_->name) <= IPP_STATUS_OK_CONFLICTING;
+  }
+  void cancelJob(int job) const { cupsCancelJob2(server_, dest_->name, job, 1); }
 
  private:
+  http_t* const server_;
   cups_dest_t* dest_;
 };
-
-bool send(const Destination& printer, int job, const std::string& name, const std::string& data) {
-  constexpr int kLast = 1;
-  if (cupsStartDocument(CUPS_HTTP_DEFAULT, printer.name(), job, name.c_str(), CUPS_FORMAT_PDF,
-                        kLast) != HTTP_STATUS_CONTINUE ||
-      cupsWriteRequestData(CUPS_HTTP_DEFAULT, data.data(), data.size()) != HTTP_STATUS_CONTINUE) {
-    return false;
-  }
-  return cupsFinishDocument(CUPS_HTTP_DEFAULT, printer.name()) <= IPP_STATUS_OK_CONFLICTING;
-}
 
 /// The sheet as printers name it.
 std::string mediaName(const PageSetup& setup) {
@@ -115,15 +128,21 @@ bool PrintQueue::Write(const void* data, std::size_t size) try {
 int PrintQueue::Close() try {
   const std::string document = std::move(document_);
   document_.clear();
-  Destination printer(printer_);
+  const ConnectionPtr server = connect();
+  if (server == nullptr) {
+    return fail(printer_, RPC_S_SERVER_UNAVAILABLE, "the printing system does not answer");
+  }
+  Destination printer(server.get(), printer_);
   if (!printer.isKnown()) return fail(printer_);
   const std::string media = mediaName(setup_);
   if (!media.empty()) printer.setOption(CUPS_MEDIA, media);
   const int job = printer.createJob(name_.c_str());
   if (job == 0) return fail(printer_);
-  if (send(printer, job, name_, document)) return job;
+  if (printer.send(job, name_, document)) return job;
   const int failed = fail(printer_);
-  cupsCancelJob2(CUPS_HTTP_DEFAULT, printer.name(), job, 1);
+  const DWORD reason = platform::lastError();
+  printer.cancelJob(job);
+  platform::setLastError(reason);
   return failed;
 } catch (const std::bad_alloc&) {
   platform::setLastError(ERROR_NOT_ENOUGH_MEMORY);

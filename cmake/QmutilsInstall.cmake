@@ -1,9 +1,10 @@
-# `cmake --install`: the library, its headers under include/qmutils/, a CMake package
-# (find_package(qmutils), target qmutils::qmutils), a pkg-config file, and the programs.
+# `cmake --install`: the libraries, their headers under include/qmutils/ and include/qmutils_print/, a
+# CMake package (find_package(qmutils), targets qmutils::qmutils and qmutils::qmutils_print),
+# pkg-config files, and the programs.
 
 include(CMakePackageConfigHelpers)
 
-install(TARGETS qmutils EXPORT qmutilsTargets
+install(TARGETS qmutils qmutils_print EXPORT qmutilsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -20,6 +21,10 @@ else()
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qmutils/platform/posix)
 endif()
 
+install(FILES ${PROJECT_SOURCE_DIR}/qmutils_print/PageSetup.h
+  ${PROJECT_SOURCE_DIR}/qmutils_print/CPdfDC.h ${PROJECT_SOURCE_DIR}/qmutils_print/CPrinterDC.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qmutils_print)
+
 set(qmutils_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qmutils)
 install(EXPORT qmutilsTargets NAMESPACE qmutils:: DESTINATION ${qmutils_package_dir})
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/qmutilsConfig.cmake.in
@@ -30,5 +35,7 @@ install(FILES ${PROJECT_BINARY_DIR}/qmutilsConfig.cmake
   ${PROJECT_BINARY_DIR}/qmutilsConfigVersion.cmake
   ${PROJECT_SOURCE_DIR}/cmake/QmutilsVersionInfo.cmake DESTINATION ${qmutils_package_dir})
 
-configure_file(${PROJECT_SOURCE_DIR}/cmake/qmutils.pc.in ${PROJECT_BINARY_DIR}/qmutils.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/qmutils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(name qmutils qmutils_print)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

@@ -120,7 +120,7 @@ TEST(QMPrintTextC, ContinuesALineThatIsHigherThanAPage) {
   // Cut between words where there are any, and never inside of a character.
   std::string words, letters;
   for (int i = 0; i < 2000; ++i) words += std::to_string(1'000'000 + i) + " ";
-  for (int i = 0; i < 40'000; ++i) letters += i % 79 == 78 ? " " : "\xE2\x82\xAC";
+  for (int i = 0; i < 79 * 500; ++i) letters += i % 79 == 78 ? " " : "\xE2\x82\xAC";
   for (const std::string& line : {words, letters}) {
     RecordingDC dc;
     ASSERT_EQ(QMPrintTextC().PrintText2(("before\n" + line + "\nafter").c_str(), &dc, "", ""),
@@ -131,7 +131,7 @@ TEST(QMPrintTextC, ContinuesALineThatIsHigherThanAPage) {
       printed += drawn.text;
       EXPECT_LE(drawn.rect.top + 20 * static_cast<LONG>(drawn.lines.size()), kBottom);
       EXPECT_NE(drawn.text[0] & 0xC0, 0x80);
-      if (drawn.text.size() > 10) EXPECT_EQ(drawn.text.back(), ' ');
+      EXPECT_TRUE(drawn.text.size() < 10 || drawn.text.back() == ' ');
     }
     EXPECT_EQ(printed, "before" + line + "after");
     EXPECT_EQ(dc.drawn[0].page, 1);

@@ -24,11 +24,11 @@ must(${CMAKE_COMMAND} -S ${SOURCE} -B ${WORK}/package -G Ninja -DCMAKE_CXX_COMPI
 must(${CMAKE_COMMAND} --build ${WORK}/package)
 must(${WORK}/package/consumer)
 
-file(GLOB_RECURSE pc ${prefix}/*/qmutils.pc)
+file(GLOB_RECURSE pc ${prefix}/*/qmutils_print.pc)
 get_filename_component(pc_dir ${pc} DIRECTORY)
 get_filename_component(lib_dir ${pc_dir} DIRECTORY)
 must(${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${pc_dir}
-  pkg-config --define-variable=prefix=${prefix} --cflags --libs qmutils)
+  pkg-config --define-variable=prefix=${prefix} --cflags --libs qmutils_print)
 separate_arguments(flags UNIX_COMMAND "${output}")
 must(${CXX} ${SOURCE}/consumer.cpp -o ${WORK}/consumer ${flags})
 must(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${lib_dir} ${WORK}/consumer)

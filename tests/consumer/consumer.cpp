@@ -8,6 +8,7 @@
 
 #include "qmutils/app/CQMAppUtils.h"
 #include "qmutils/app/QMBrowseC.h"
+#include "qmutils/app/QMPrintTextC.h"
 #include "qmutils/comms/QMCommMsgC.h"
 #include "qmutils/comms/QMCommObjectC.h"
 #include "qmutils/comms/QMCommObjectPtrC.h"
@@ -38,6 +39,7 @@
 #include "qmutils/imager/EngineClipDataC.h"
 #include "qmutils/imager/MachineTransformC.h"
 #include "qmutils/imager/QMPlateC.h"
+#include "qmutils/platform/error.h"
 #include "qmutils/platform/waitable.h"
 #include "qmutils/transport/CQMClientSocket.h"
 #include "qmutils/transport/CQMServerConnection.h"
@@ -47,6 +49,7 @@
 #include "qmutils/transport/QMSerialCommsEventC.h"
 #include "qmutils/windowing/CDC.h"
 #include "qmutils/windowing/CString.h"
+#include "qmutils_print/CPrinterDC.h"
 
 namespace {
 
@@ -189,6 +192,13 @@ int main() {
   check(QMPlateC().IsPositivePlate() == 0 && MachineTransformC().GetResolution(1) == 0 &&
             EngineClipDataC().m_bClipColor == 0,
         "plates");
+  CPdfDC pages("consumer.pdf");
+  check(QMPrintTextC().PrintText2("a", &pages, "", "") == QMErrors::NoError &&
+            pages.GetPageCount() == 1,
+        "printing");
+  std::remove("consumer.pdf");
+  CPrinterDC printer("no such printer");
+  check(printer.StartPage() == 0 && qm::platform::lastError() == ERROR_INVALID_HANDLE, "printer");
   check(CQMAppUtils::GetModulePath(folder, true) == QMErrors::NoError, "module path");
 #ifdef CONSUMER_VERSION
   check(CQMAppUtils::GetVersion() == CONSUMER_VERSION, "version data");

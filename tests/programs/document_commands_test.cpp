@@ -4,7 +4,7 @@
 #include <string>
 #include <tuple>
 
-#include "tests/programs/Program.h"
+#include "tests/support/Program.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "qmutils/comms/SvComms.h"
 #include "qmutils/imager/ICFC.h"
 #include "tests/programs/Pages.h"
-#include "tests/programs/Program.h"
+#include "tests/support/Program.h"
 #include "tests/support/TempFolder.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <string>
 
-#include "tests/programs/Program.h"
+#include "tests/support/Program.h"
 #include "tests/support/Registries.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "tests/programs/Program.h"
+#include "tests/support/Program.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "programs/testtool/LineExchange.h"
-#include "tests/programs/Program.h"
+#include "tests/support/Program.h"
 #include "tests/support/TempFolder.h"
 #include "tests/transport/Loopback.h"
 #include "tests/transport/PseudoTerminal.h"

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tests/print/Document.h"
-#include "tests/programs/Program.h"
+#include "tests/support/Program.h"
 #include "tests/support/TempFolder.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "tests/programs/Program.h"
+#include "tests/support/Program.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the benchmarks and runs them with their peers interleaved, once free and once pinned to one
 # processor, and prints the medians. Machines are noisy: judge by the ratio to the peer in the same run.
-# Arguments name benchmarks (concurrency multicaster pool message log xml mixed_data guid encrypt ini registry history socket serial print); without any, all run.
+# Arguments name benchmarks (concurrency multicaster pool message log xml mixed_data guid encrypt ini registry history socket serial print sound); without any, all run.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh" bench

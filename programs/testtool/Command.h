@@ -26,6 +26,7 @@ struct Command {
   int (*run)(const Arguments& arguments);
 };
 
+extern const Command kBeepCommand;
 extern const Command kConfigCommand;
 extern const Command kConnectCommand;
 extern const Command kDecodeCommand;
@@ -36,6 +37,7 @@ extern const Command kGuidCommand;
 extern const Command kHistoryCommand;
 extern const Command kIniCommand;
 extern const Command kLogCommand;
+extern const Command kPlayCommand;
 extern const Command kPoolCommand;
 extern const Command kPrefsCommand;
 extern const Command kPrintCommand;

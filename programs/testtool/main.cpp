@@ -15,7 +15,7 @@ const Command* const kCommands[] = {
     &kExposeCommand, &kErrorCommand,   &kPoolCommand,    &kLogCommand,     &kValueCommand,
     &kXmlCommand,    &kGuidCommand,    &kEncodeCommand,  &kDecodeCommand,  &kPrefsCommand,
     &kIniCommand,    &kConfigCommand,  &kHistoryCommand, &kVersionCommand, &kSerialCommand,
-    &kServeCommand,  &kConnectCommand, &kPrintCommand,
+    &kServeCommand,  &kConnectCommand, &kPrintCommand,   &kPlayCommand,    &kBeepCommand,
 };
 
 void printUsage(std::FILE* out) {

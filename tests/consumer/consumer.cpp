@@ -6,8 +6,10 @@
 #include <sstream>
 #include <string>
 
+#include "qmutils/app/BeepC.h"
 #include "qmutils/app/CQMAppUtils.h"
 #include "qmutils/app/QMBrowseC.h"
+#include "qmutils/app/QMPlaySoundC.h"
 #include "qmutils/app/QMPrintTextC.h"
 #include "qmutils/comms/QMCommMsgC.h"
 #include "qmutils/comms/QMCommObjectC.h"
@@ -40,6 +42,7 @@
 #include "qmutils/imager/MachineTransformC.h"
 #include "qmutils/imager/QMPlateC.h"
 #include "qmutils/platform/error.h"
+#include "qmutils/platform/sound.h"
 #include "qmutils/platform/waitable.h"
 #include "qmutils/transport/CQMClientSocket.h"
 #include "qmutils/transport/CQMServerConnection.h"
@@ -86,6 +89,15 @@ class History : public QMHistoryC {
     const QMErrors::QMErrorT result = Create("history.txt", "text", 1);
     return result == QMErrors::NoError ? LogIt("line") : result;
   }
+};
+
+class QuietDevice : public qm::platform::SoundDevice {
+ public:
+  bool play(const char*) noexcept override { return false; }
+  bool isPlaying() noexcept override { return false; }
+  bool purge() noexcept override { return true; }
+  bool tone(DWORD, DWORD, HANDLE) noexcept override { return ++tones > 0; }
+  int tones = 0;
 };
 
 class IdleImager : public CTPImagerUserC {
@@ -222,6 +234,17 @@ int main() {
                 QMErrors::NoError &&
             chosen == "chosen",
         "browsing");
+  QuietDevice quiet;
+  qm::platform::replaceSoundDevice(&quiet);
+  QMPlaySoundC sound("no such file.wav", 1, 1000, 300, 0, 0);
+  BeepC beep;
+  QMXmlC sounds("Sounds", 0, nullptr);
+  check(sound.ToXML(sounds) == QMErrors::NoError &&
+            sound.FromXML(*sounds.GetFirstChild()) == QMErrors::NoError &&
+            beep.Start(sound) == QMErrors::NoError && beep.SignalKbHit() == QMErrors::NoError &&
+            qm::platform::wait(beep.GetThread(), INFINITE) == WAIT_OBJECT_0 &&
+            beep.StopCurrentSound() == QMErrors::NoError && quiet.tones == 1,
+        "sounds");
   IdleImager imager;
   check(imager.StopImager() == QMErrors::NoError, "imager");
   return failures == 0 ? 0 : 1;

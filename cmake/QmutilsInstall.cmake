@@ -1,5 +1,5 @@
-# `cmake --install`: the libraries, their headers under include/qmutils/ and include/qmutils_print/, a
-# CMake package (find_package(qmutils), targets qmutils::qmutils and qmutils::qmutils_print),
+# `cmake --install`: the libraries, their headers under include/qmutils/ and include/qmutils_print/,
+# a CMake package (find_package(qmutils), targets qmutils::qmutils and qmutils::qmutils_print),
 # pkg-config files, and the programs.
 
 include(CMakePackageConfigHelpers)

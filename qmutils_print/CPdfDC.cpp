@@ -2,8 +2,8 @@
 
 #include <cairo-pdf.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <new>
 #include <optional>
 #include <string_view>
@@ -19,9 +19,6 @@ namespace {
 using qm::kUnitsPerInch;
 
 constexpr double kMmPerInch = 25.4;
-constexpr int kPointsPerInch = 72;
-/// Beyond this, lengths of a layout no longer fit their type.
-constexpr std::size_t kLongestText = 1 << 20;
 
 /// What the functions of a device context give when they fail.
 int fail(DWORD reason) {
@@ -30,13 +27,14 @@ int fail(DWORD reason) {
 }
 
 int toUnits(double mm) { return static_cast<int>(std::lround(mm / kMmPerInch * kUnitsPerInch)); }
-double toPoints(double mm) { return mm / kMmPerInch * kPointsPerInch; }
+double toPoints(double mm) { return mm / kMmPerInch * qm::kPointsPerInch; }
 
 /// Also false for what is no number.
 bool isUsable(const qm::PageSetup& setup) {
   constexpr double kLargestMm = 5'080;  // of a PDF page
   const auto fits = [&](double mm) { return mm > 2 * setup.marginMm && mm <= kLargestMm; };
-  return setup.marginMm >= 0 && fits(setup.pageWidthMm()) && fits(setup.pageHeightMm());
+  return setup.marginMm >= 0 && setup.marginMm <= kLargestMm && fits(setup.pageWidthMm()) &&
+         fits(setup.pageHeightMm());
 }
 
 }  // namespace
@@ -44,16 +42,15 @@ bool isUsable(const qm::PageSetup& setup) {
 /// The document that is being made. It goes to the output as it grows.
 class CPdfDC::DocumentC {
  public:
-  DocumentC(OutputC& output, const qm::PageSetup& setup, const char* name) : output_(&output) {
+  DocumentC(OutputC& output, const qm::PageSetup& setup, const std::string& title)
+      : output_(&output) {
     surface_ = cairo_pdf_surface_create_for_stream(
         &DocumentC::write, this, toPoints(setup.pageWidthMm()), toPoints(setup.pageHeightMm()));
     cairo_pdf_surface_set_metadata(surface_, CAIRO_PDF_METADATA_CREATOR, "qmutils");
-    if (name != nullptr && *name != '\0') {
-      cairo_pdf_surface_set_metadata(surface_, CAIRO_PDF_METADATA_TITLE,
-                                     qm::documentText(name).c_str());
+    if (!title.empty()) {
+      cairo_pdf_surface_set_metadata(surface_, CAIRO_PDF_METADATA_TITLE, title.c_str());
     }
     cr_ = cairo_create(surface_);
-    qm::TextLayout::scaleToUnits(cr_);
   }
   DocumentC(const DocumentC&) = delete;
   DocumentC& operator=(const DocumentC&) = delete;
@@ -111,14 +108,17 @@ class CPdfDC::DocumentC {
 class CPdfDC::ImplC {
  public:
   ImplC(std::unique_ptr<OutputC> output, const qm::PageSetup& setup)
-      : setup_(setup), output_(std::move(output)) {
-    isUsable_ = isUsable(setup_) && layout_.setFont(setup_.font.c_str());
-    if (!isUsable_) (void)layout_.setFont("");
+      : setup_(setup), output_(std::move(output)), hasPaper_(isUsable(setup)) {
+    hasFont_ = layout_.setFont(setup_.font.c_str());
+    if (!hasFont_) (void)layout_.setFont("");
   }
+
+  bool isReady() const { return hasPaper_ && hasFont_; }
 
   const qm::PageSetup setup_;
   const std::unique_ptr<OutputC> output_;
-  bool isUsable_;
+  const bool hasPaper_;
+  bool hasFont_ = false;
   qm::TextLayout layout_;
   std::optional<DocumentC> document_;
   bool onPage_ = false;
@@ -145,20 +145,33 @@ CPdfDC::CPdfDC(std::unique_ptr<OutputC> output, const qm::PageSetup& setup) {
 
 CPdfDC::~CPdfDC() = default;
 
-bool CPdfDC::SetFont(const char* description) {
+bool CPdfDC::SetFont(const char* description) try {
   if (m_pImpl == nullptr) return fail(ERROR_NOT_ENOUGH_MEMORY) != 0;
-  if (description != nullptr && m_pImpl->layout_.setFont(description)) return true;
-  return fail(ERROR_INVALID_PARAMETER) != 0;
+  if (description == nullptr || !m_pImpl->layout_.setFont(description)) {
+    return fail(ERROR_INVALID_PARAMETER) != 0;
+  }
+  m_pImpl->hasFont_ = true;
+  return true;
+} catch (const std::bad_alloc&) {
+  return fail(ERROR_NOT_ENOUGH_MEMORY) != 0;
 }
 
-std::string CPdfDC::GetFontFamily() const {
+std::string CPdfDC::GetFontFamily() const try {
   return m_pImpl != nullptr ? m_pImpl->layout_.fontFamily() : std::string();
+} catch (const std::bad_alloc&) {
+  return {};
+}
+
+bool CPdfDC::IsFontInstalled() const try {
+  return m_pImpl != nullptr && m_pImpl->layout_.isFontInstalled();
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 unsigned CPdfDC::GetPageCount() const { return m_pImpl != nullptr ? m_pImpl->pages_ : 0; }
 
 int CPdfDC::GetDeviceCaps(int index) const {
-  if (m_pImpl == nullptr) return fail(ERROR_NOT_ENOUGH_MEMORY);
+  if (m_pImpl == nullptr || !m_pImpl->hasPaper_) return 0;
   const qm::PageSetup& setup = m_pImpl->setup_;
   const int width = toUnits(setup.pageWidthMm());
   const int height = toUnits(setup.pageHeightMm());
@@ -185,7 +198,7 @@ int CPdfDC::GetDeviceCaps(int index) const {
 
 BOOL CPdfDC::GetTextMetrics(TEXTMETRIC* metrics) const {
   if (m_pImpl == nullptr) return fail(ERROR_NOT_ENOUGH_MEMORY);
-  if (metrics == nullptr) return fail(ERROR_INVALID_PARAMETER);
+  if (metrics == nullptr || !m_pImpl->isReady()) return fail(ERROR_INVALID_PARAMETER);
   const qm::TextLayout::Metrics& font = m_pImpl->layout_.metrics();
   *metrics = TEXTMETRIC{};
   metrics->tmHeight = font.height;
@@ -204,23 +217,28 @@ int CPdfDC::DrawText(const char* text, CRect* rect, UINT format) try {
   if (m_pImpl == nullptr) return fail(ERROR_NOT_ENOUGH_MEMORY);
   if (text == nullptr || rect == nullptr) return fail(ERROR_INVALID_PARAMETER);
   const std::string_view shown = text;
-  if (shown.size() > kLongestText) return fail(ERROR_INVALID_PARAMETER);
+  const bool isCut = (format & DT_SINGLELINE) != 0 && (format & DT_PATH_ELLIPSIS) != 0;
+  if (!m_pImpl->isReady() || (!isCut && !m_pImpl->layout_.canLayOut(shown))) {
+    return fail(ERROR_INVALID_PARAMETER);
+  }
   if ((format & DT_CALCRECT) != 0) {
     const auto size = m_pImpl->layout_.measure(shown, rect->Width(), format);
-    rect->right = rect->left + size.width;
-    rect->bottom = rect->top + size.height;
+    rect->right = qm::coordinateSum(rect->left, size.width);
+    rect->bottom = qm::coordinateSum(rect->top, size.height);
     return size.height;
   }
   if (!m_pImpl->onPage_) return fail(ERROR_INVALID_HANDLE);
   cairo_t* const cr = m_pImpl->document_->cr();
   cairo_save(cr);
   if ((format & DT_NOCLIP) == 0) {
-    cairo_rectangle(cr, rect->left, rect->top, rect->Width(), rect->Height());
+    cairo_rectangle(cr, rect->left * qm::kPointsPerUnit, rect->top * qm::kPointsPerUnit,
+                    rect->Width() * qm::kPointsPerUnit, rect->Height() * qm::kPointsPerUnit);
     cairo_clip(cr);
   }
   const auto size = m_pImpl->layout_.draw(cr, shown, *rect, format);
   cairo_restore(cr);
-  return m_pImpl->document_->isSound() ? size.height : 0;
+  // Also above the rectangle something has been drawn.
+  return m_pImpl->document_->isSound() ? std::max<LONG>(size.height, 1) : 0;
 } catch (const std::bad_alloc&) {
   return fail(ERROR_NOT_ENOUGH_MEMORY);
 }
@@ -228,15 +246,15 @@ int CPdfDC::DrawText(const char* text, CRect* rect, UINT format) try {
 int CPdfDC::StartDoc(const char* name) try {
   if (m_pImpl == nullptr) return fail(ERROR_NOT_ENOUGH_MEMORY);
   if (m_pImpl->document_) return fail(ERROR_INVALID_HANDLE);
-  if (!m_pImpl->isUsable_) return fail(ERROR_INVALID_PARAMETER);
+  if (!m_pImpl->isReady()) return fail(ERROR_INVALID_PARAMETER);
+  const std::string title = qm::documentText(name != nullptr ? name : "");
   if (!m_pImpl->output_->Open(name)) return 0;
   m_pImpl->pages_ = 0;
-  m_pImpl->document_.emplace(*m_pImpl->output_, m_pImpl->setup_, name);
+  m_pImpl->document_.emplace(*m_pImpl->output_, m_pImpl->setup_, title);
   if (m_pImpl->document_->isSound()) return 1;
   m_pImpl->document_.reset();
   return 0;
 } catch (const std::bad_alloc&) {
-  m_pImpl->output_->Discard();
   return fail(ERROR_NOT_ENOUGH_MEMORY);
 }
 

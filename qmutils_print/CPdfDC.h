@@ -4,14 +4,16 @@
 //   QMPrintTextC().PrintText("imager.log", &dc, "Log of the imager");
 //
 // Text is laid out by Pango and drawn by Cairo: any installed font, any script, and the text can be
-// found and copied in the document. 600 units are an inch. Bytes that are no UTF-8 stand for the
-// character of their own number, so logs of older programs stay readable.
+// found and copied in the document. 600 units are an inch. Bytes that are no UTF-8 are taken for
+// Windows-1252, so logs of older programs stay readable; control characters become blanks.
 //
 // The document appears under its name when EndDoc() succeeds; until then, and after a failure, what
 // was there stays. Measuring needs no document, drawing an open page. A context belongs to one
 // thread at a time. Functions that fail give 0 or false and set the last error: 6 called at the
-// wrong time, 8 no memory, 87 an unusable setup or font, else why the file could not be written (3,
-// 5, 112 ...).
+// wrong time, 8 no memory, 87 an unusable setup or font, a null argument, or a text so long that it
+// cannot be measured (beyond 100 kB at 10 points), else why the file could not be written (3, 5,
+// 112
+// ...).
 #pragma once
 
 #include <memory>
@@ -35,8 +37,11 @@ class QMUTILS_PRINT_API CPdfDC : public CDC {
   /// Selects another font for what follows; a description as in the setup. On failure the former
   /// one stays.
   bool SetFont(const char* description);
-  /// The family that is really used: another one than was asked for when that is not installed.
+  /// The family that is really used: another one than was asked for when that is not installed;
+  /// empty when no font is.
   std::string GetFontFamily() const;
+  /// Also true for names that stand for a kind of font ("Monospace").
+  bool IsFontInstalled() const;
   /// Of this document, or the last one.
   unsigned GetPageCount() const;
 

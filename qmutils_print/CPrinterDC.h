@@ -5,8 +5,9 @@
 //
 // Everything is as with CPdfDC; the document is handed over by EndDoc(), which gives the number of
 // the print job. The printing system's own words for a failure go to the log. The last error is
-// 1801 for a printer that is not known, 1722 when the printing system does not answer, 5 when it
-// refuses us, else 31.
+// 1801 for a printer that is not known, 1722 when the printing system does not answer for
+// half a minute, 5 when it refuses us, else 31. The printing system's library makes the process
+// ignore SIGPIPE.
 #pragma once
 
 #include "qmutils_print/CPdfDC.h"

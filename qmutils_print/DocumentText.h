@@ -6,8 +6,8 @@
 
 namespace qm {
 
-/// The text itself when it is UTF-8. Else each byte that is not stands for the character of its own
-/// number, as in single-byte text of older files.
+/// The text itself when it is UTF-8. Each byte that is not stands for its character in
+/// Windows-1252, as in single-byte text of older files.
 std::string documentText(std::string_view text);
 
 }  // namespace qm

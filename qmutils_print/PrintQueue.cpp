@@ -4,7 +4,6 @@
 #include <cups/pwg.h>
 
 #include <cmath>
-#include <memory>
 #include <new>
 #include <utility>
 
@@ -35,15 +34,30 @@ DWORD reasonOf(ipp_status_t status) {
   }
 }
 
-constexpr int kConnectMs = 30'000;
-using ConnectionPtr = std::unique_ptr<http_t, decltype(&httpClose)>;
+/// A connection to the printing system that the user has chosen, or this machine's.
+class Server {
+ public:
+  explicit Server(unsigned patienceMs)
+      : http_(httpConnect2(cupsServer(), ippPort(), nullptr, AF_UNSPEC, cupsEncryption(), 1,
+                           static_cast<int>(patienceMs), nullptr)) {
+    if (http_ != nullptr) httpSetTimeout(http_, patienceMs / 1000.0, &Server::giveUp, this);
+  }
+  ~Server() { httpClose(http_); }
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
 
-/// To the printing system that the user has chosen, or this machine's.
-ConnectionPtr connect() {
-  return {httpConnect2(cupsServer(), ippPort(), nullptr, AF_UNSPEC, cupsEncryption(), 1, kConnectMs,
-                       nullptr),
-          &httpClose};
-}
+  http_t* get() const { return http_; }
+  bool hasAnswered() const { return http_ != nullptr && !silent_; }
+
+ private:
+  static int giveUp(http_t*, void* self) {
+    static_cast<Server*>(self)->silent_ = true;
+    return 0;
+  }
+
+  http_t* const http_;
+  bool silent_ = false;
+};
 
 int fail(const std::string& printer, DWORD reason, const char* words) {
   logError(kLabel, printer.empty() ? "default printer" : "printer ", printer, ": ",
@@ -53,8 +67,9 @@ int fail(const std::string& printer, DWORD reason, const char* words) {
 }
 
 /// With what the printing system says about its last call.
-int fail(const std::string& printer) {
-  return fail(printer, reasonOf(cupsLastError()), cupsLastErrorString());
+int fail(const std::string& printer, const Server& server) {
+  if (server.hasAnswered()) return fail(printer, reasonOf(cupsLastError()), cupsLastErrorString());
+  return fail(printer, RPC_S_SERVER_UNAVAILABLE, "the printing system does not answer");
 }
 
 /// A print queue with the options that its user has set for it.
@@ -75,6 +90,7 @@ class Destination {
   }
 
   bool isKnown() const { return dest_ != nullptr; }
+  const char* name() const { return dest_->name; }
   void setOption(const char* name, const std::string& value) {
     dest_->num_options = cupsAddOption(name, value.c_str(), dest_->num_options, &dest_->options);
   }
@@ -91,7 +107,6 @@ class Destination {
                HTTP_STATUS_CONTINUE &&
            cupsFinishDocument(server_, dest_->name) <= IPP_STATUS_OK_CONFLICTING;
   }
-  void cancelJob(int job) const { cupsCancelJob2(server_, dest_->name, job, 1); }
 
  private:
   http_t* const server_;
@@ -106,11 +121,34 @@ std::string mediaName(const PageSetup& setup) {
   return media != nullptr && media->pwg != nullptr ? media->pwg : "";
 }
 
+/// A job without its document would wait in the queue. The connection that has failed may stand in
+/// the middle of a request, so this is another one.
+void cancelJob(const std::string& printer, const char* queue, int job, unsigned patienceMs) {
+  const Server server(patienceMs);
+  if (server.get() == nullptr ||
+      cupsCancelJob2(server.get(), queue, job, 1) > IPP_STATUS_OK_CONFLICTING) {
+    (void)fail(printer, server);
+  }
+}
+
+/// As print queues take it: one line of 255 bytes; of a path the end says most.
+std::string jobName(const char* name) {
+  constexpr std::size_t kLongest = 255;
+  std::string text = documentText(name != nullptr && *name != '\0' ? name : kUntitled);
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < ' ' || c == 0x7F) c = ' ';
+  }
+  if (text.size() <= kLongest) return text;
+  std::size_t begin = text.size() - kLongest;
+  while ((text[begin] & 0xC0) == 0x80) ++begin;
+  return text.substr(begin);
+}
+
 }  // namespace
 
 bool PrintQueue::Open(const char* name) try {
   document_.clear();
-  name_ = documentText(name != nullptr && *name != '\0' ? name : kUntitled);
+  name_ = jobName(name);
   return true;
 } catch (const std::bad_alloc&) {
   platform::setLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -128,20 +166,20 @@ bool PrintQueue::Write(const void* data, std::size_t size) try {
 int PrintQueue::Close() try {
   const std::string document = std::move(document_);
   document_.clear();
-  const ConnectionPtr server = connect();
-  if (server == nullptr) {
-    return fail(printer_, RPC_S_SERVER_UNAVAILABLE, "the printing system does not answer");
-  }
+  const Server server(patienceMs_);
+  // Looking up a printer takes several questions; one that says nothing is asked a single one.
+  if (server.get() != nullptr) (void)cupsGetDefault2(server.get());
+  if (!server.hasAnswered()) return fail(printer_, server);
   Destination printer(server.get(), printer_);
-  if (!printer.isKnown()) return fail(printer_);
+  if (!printer.isKnown()) return fail(printer_, server);
   const std::string media = mediaName(setup_);
   if (!media.empty()) printer.setOption(CUPS_MEDIA, media);
   const int job = printer.createJob(name_.c_str());
-  if (job == 0) return fail(printer_);
+  if (job == 0) return fail(printer_, server);
   if (printer.send(job, name_, document)) return job;
-  const int failed = fail(printer_);
+  const int failed = fail(printer_, server);
   const DWORD reason = platform::lastError();
-  printer.cancelJob(job);
+  cancelJob(printer_, printer.name(), job, patienceMs_);
   platform::setLastError(reason);
   return failed;
 } catch (const std::bad_alloc&) {

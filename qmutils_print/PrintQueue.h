@@ -9,8 +9,11 @@ namespace qm {
 
 class PrintQueue : public CPdfDC::OutputC {
  public:
-  PrintQueue(const char* printer, const PageSetup& setup)
-      : printer_(printer != nullptr ? printer : ""), setup_(setup) {}
+  static constexpr unsigned kPatienceMs = 30'000;
+
+  /// The printing system has so long for each of its answers; whole seconds, 1 at least.
+  PrintQueue(const char* printer, const PageSetup& setup, unsigned patienceMs = kPatienceMs)
+      : printer_(printer != nullptr ? printer : ""), setup_(setup), patienceMs_(patienceMs) {}
 
   bool Open(const char* name) override;
   bool Write(const void* data, std::size_t size) override;
@@ -20,6 +23,7 @@ class PrintQueue : public CPdfDC::OutputC {
  private:
   const std::string printer_;
   const PageSetup setup_;
+  const unsigned patienceMs_;
   std::string name_;
   std::string document_;  // a job is made when it is complete: an aborted one never shows
 };

@@ -3,8 +3,11 @@
 #include <cairo-pdf.h>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <new>
 
+#include "qmutils/platform/ascii_case.h"
 #include "qmutils/platform/types.h"
 #include "qmutils_print/DocumentText.h"
 
@@ -12,7 +15,6 @@ namespace qm {
 
 namespace {
 
-constexpr int kPointsPerInch = 72;
 constexpr int kPixelsPerInch = 96;  // of a description's "px", as style sheets count them
 constexpr int kDefaultPoints = 10;
 constexpr int kLargestPoints = 10'000;
@@ -31,9 +33,12 @@ bool isEllipsized(UINT format) {
   return has(format, DT_PATH_ELLIPSIS) && has(format, DT_SINGLELINE);
 }
 
-int toUnits(int pango) { return PANGO_PIXELS(pango); }
+LONG toUnits(int pango) {
+  return static_cast<LONG>(std::lround(pango / (kPointsPerUnit * PANGO_SCALE)));
+}
 int toPango(LONG units) {
-  return static_cast<int>(std::clamp<LONG>(units, 0, PANGO_SCALE * kUnitsPerInch)) * PANGO_SCALE;
+  constexpr double kLongest = std::numeric_limits<int>::max() / 2;
+  return static_cast<int>(std::clamp(units * kPointsPerUnit * PANGO_SCALE, 0.0, kLongest));
 }
 
 FontDescriptionPtr parseFont(const char* text) {
@@ -48,6 +53,34 @@ FontDescriptionPtr parseFont(const char* text) {
   if (!(points > 0 && points <= kLargestPoints)) return {nullptr, &pango_font_description_free};
   pango_font_description_set_size(raw, static_cast<int>(points * PANGO_SCALE));
   return font;
+}
+
+/// Characters that control devices become blanks, as fonts have nothing to show for them; so do
+/// line ends and tabs where they have no effect.
+std::string printable(std::string text, UINT format) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const bool isLineEnd = byte == '\n' || byte == '\r';
+    const bool acts = isLineEnd      ? !has(format, DT_SINGLELINE)
+                      : byte == '\t' ? has(format, DT_EXPANDTABS)
+                                     : false;
+    if ((byte < ' ' && !acts) || byte == 0x7F) text[i] = ' ';
+    // U+0080 to U+009F
+    if (byte == 0xC2 && static_cast<unsigned char>(text[i + 1]) < 0xA0) text.replace(i, 2, " ");
+  }
+  return text;
+}
+
+/// The ends of a text whose middle will not be seen.
+std::string withoutMiddle(std::string_view text) {
+  constexpr std::size_t kEnd = 1000;
+  if (text.size() <= 3 * kEnd) return std::string(text);
+  std::size_t tail = text.size() - kEnd;
+  std::size_t head = kEnd;
+  const auto isInside = [&](std::size_t at) { return (text[at] & 0xC0) == 0x80; };
+  while (head > kEnd - 4 && isInside(head)) --head;
+  while (tail > text.size() - kEnd - 4 && isInside(tail)) --tail;
+  return std::string(text.substr(0, head)) + "\xE2\x80\xA6" + std::string(text.substr(tail));
 }
 
 /// Takes the '&' signs out and underlines what stands behind them.
@@ -68,22 +101,18 @@ std::string withMnemonics(std::string_view text, PangoAttrList* attributes) {
 }  // namespace
 
 TextLayout::TextLayout() : fonts_(pango_cairo_font_map_new()) {
-  pango_cairo_font_map_set_resolution(PANGO_CAIRO_FONT_MAP(fonts_.get()), kUnitsPerInch);
+  // Points, as in the page: in device units long lines would not fit the layout's type.
+  pango_cairo_font_map_set_resolution(PANGO_CAIRO_FONT_MAP(fonts_.get()), kPointsPerInch);
   context_.reset(pango_font_map_create_context(fonts_.get()));
   pango_context_set_round_glyph_positions(context_.get(), FALSE);
   // Fonts are loaded as a document's pages want them, so that nothing is laid out anew for those.
   cairo_surface_t* const surface = cairo_pdf_surface_create_for_stream(nullptr, nullptr, 1, 1);
   cairo_t* const cr = cairo_create(surface);
-  scaleToUnits(cr);
   pango_cairo_update_context(cr, context_.get());
   cairo_destroy(cr);
   cairo_surface_destroy(surface);
   layout_.reset(pango_layout_new(context_.get()));
   pango_layout_set_wrap(layout_.get(), PANGO_WRAP_WORD_CHAR);
-}
-
-void TextLayout::scaleToUnits(cairo_t* cr) {
-  cairo_scale(cr, 1.0 * kPointsPerInch / kUnitsPerInch, 1.0 * kPointsPerInch / kUnitsPerInch);
 }
 
 bool TextLayout::setFont(const char* description) {
@@ -92,10 +121,6 @@ bool TextLayout::setFont(const char* description) {
   pango_layout_set_font_description(layout_.get(), font.get());
   valid_ = false;
   measureFont();
-  PangoTabArray* const tabs = pango_tab_array_new_with_positions(
-      1, FALSE, PANGO_TAB_LEFT, metrics_.averageWidth * kCharactersPerTab * PANGO_SCALE);
-  pango_layout_set_tabs(layout_.get(), tabs);
-  pango_tab_array_free(tabs);
   return true;
 }
 
@@ -107,9 +132,27 @@ void TextLayout::measureFont() {
   metrics_.weight = static_cast<int>(pango_font_description_get_weight(font));
   metrics_.italic = pango_font_description_get_style(font) != PANGO_STYLE_NORMAL;
   PangoFontMetrics* const metrics = pango_context_get_metrics(context_.get(), font, nullptr);
-  metrics_.averageWidth =
-      std::max(toUnits(pango_font_metrics_get_approximate_char_width(metrics)), 1);
+  const int average = pango_font_metrics_get_approximate_char_width(metrics);
   pango_font_metrics_unref(metrics);
+  metrics_.averageWidth = std::max<LONG>(toUnits(average), 1);
+  PangoTabArray* const tabs =
+      pango_tab_array_new_with_positions(1, FALSE, PANGO_TAB_LEFT, average * kCharactersPerTab);
+  pango_layout_set_tabs(layout_.get(), tabs);
+  pango_tab_array_free(tabs);
+}
+
+bool TextLayout::canLayOut(std::string_view text) const {
+  constexpr double kEmsPerByte = 2;
+  constexpr double kEmsPerTab = kCharactersPerTab;
+  constexpr double kEmsPerRow = 4;  // of line feeds
+  const auto count = [&](char c) {
+    return static_cast<double>(std::count(text.begin(), text.end(), c));
+  };
+  const double ems = kEmsPerByte * static_cast<double>(text.size()) + kEmsPerTab * count('\t') +
+                     kEmsPerRow * count('\n');
+  const double em =
+      pango_font_description_get_size(pango_layout_get_font_description(layout_.get()));
+  return ems * em < std::numeric_limits<int>::max();
 }
 
 std::string TextLayout::fontFamily() const {
@@ -119,6 +162,19 @@ std::string TextLayout::fontFamily() const {
   const FontDescriptionPtr used(pango_font_describe(font.get()), &pango_font_description_free);
   const char* const family = pango_font_description_get_family(used.get());
   return family != nullptr ? family : "";
+}
+
+bool TextLayout::isFontInstalled() const {
+  // Which the system maps to a font of its choice.
+  constexpr const char* kGeneric[] = {"Monospace",  "Mono",  "Sans",
+                                      "Sans-serif", "Serif", "System-ui"};
+  const char* const family =
+      pango_font_description_get_family(pango_layout_get_font_description(layout_.get()));
+  if (family == nullptr) return true;
+  for (const char* generic : kGeneric) {
+    if (platform::isSameName(family, generic)) return true;
+  }
+  return platform::isSameName(family, fontFamily());
 }
 
 TextLayout::Size TextLayout::measure(std::string_view text, LONG width, UINT format) {
@@ -131,18 +187,19 @@ TextLayout::Size TextLayout::draw(cairo_t* cr, std::string_view text, const CRec
                                   UINT format) {
   const Size size = measure(text, rect.Width(), format);
   double x = rect.left;
-  double y = rect.top;
+  double y = 0;  // from the top
   // Broken lines lie in the whole width, others beside each other only.
-  const double gap = isBroken(format) ? 0 : static_cast<double>(rect.Width()) - size.width;
+  const double gap = isBroken(format) ? 0.0 : static_cast<double>(rect.Width()) - size.width;
   if (has(format, DT_CENTER)) x += gap / 2;
   if (has(format, DT_RIGHT)) x += gap;
-  const double below =
-      has(format, DT_SINGLELINE) ? static_cast<double>(rect.Height()) - size.height : 0;
-  if (has(format, DT_VCENTER)) y += below / 2;
-  if (has(format, DT_BOTTOM)) y += below;
-  cairo_move_to(cr, x, y);
+  if (has(format, DT_SINGLELINE)) {
+    const double below = static_cast<double>(rect.Height()) - size.height;
+    if (has(format, DT_VCENTER)) y = below / 2;
+    if (has(format, DT_BOTTOM)) y = below;
+  }
+  cairo_move_to(cr, x * kPointsPerUnit, (rect.top + y) * kPointsPerUnit);
   pango_cairo_show_layout(cr, layout_.get());
-  return {size.width, static_cast<LONG>(y) - rect.top + size.height};
+  return {size.width, qm::coordinateSum(std::llround(y), size.height)};
 }
 
 PangoRectangle TextLayout::extents() const {
@@ -151,8 +208,10 @@ PangoRectangle TextLayout::extents() const {
   return logical;
 }
 
-void TextLayout::layOut(std::string_view text, LONG width, UINT format) {
+void TextLayout::layOut(std::string_view whole, LONG width, UINT format) {
   format &= kLayoutBits;
+  const std::string shortened = isEllipsized(format) ? withoutMiddle(whole) : std::string();
+  const std::string_view text = isEllipsized(format) ? shortened : whole;
   if (!isBroken(format) && !isEllipsized(format)) width = 0;
   if (valid_ && text == text_ && width == width_ && format == format_) return;
   valid_ = false;
@@ -175,20 +234,13 @@ void TextLayout::layOut(std::string_view text, LONG width, UINT format) {
 }
 
 void TextLayout::setText(std::string_view text, UINT format) {
-  std::string shown = documentText(text);
-  const auto toBlank = [&](char c) { std::replace(shown.begin(), shown.end(), c, ' '); };
-  if (has(format, DT_SINGLELINE)) {
-    toBlank('\r');
-    toBlank('\n');
-  }
-  if (!has(format, DT_EXPANDTABS)) toBlank('\t');
-  PangoAttrList* attributes = nullptr;
-  if (!has(format, DT_NOPREFIX)) {
-    attributes = pango_attr_list_new();
-    shown = withMnemonics(shown, attributes);
-  }
+  std::string shown = printable(documentText(text), format);
+  PangoAttrList* const attributes = pango_attr_list_new();
+  // A word is broken without a hyphen: paths and numbers would read wrong.
+  pango_attr_list_insert(attributes, pango_attr_insert_hyphens_new(FALSE));
+  if (!has(format, DT_NOPREFIX)) shown = withMnemonics(shown, attributes);
   pango_layout_set_attributes(layout_.get(), attributes);
-  if (attributes != nullptr) pango_attr_list_unref(attributes);
+  pango_attr_list_unref(attributes);
   pango_layout_set_text(layout_.get(), shown.data(), static_cast<int>(shown.size()));
 }
 

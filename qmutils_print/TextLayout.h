@@ -1,5 +1,6 @@
-// Text as it lies in a rectangle: fonts, line breaks, tabs, ellipsis, alignment. Internal to the
-// library. One thread at a time; may throw std::bad_alloc.
+// Text as it lies in a rectangle: fonts, line breaks, tabs, ellipsis, alignment. Rectangles and
+// sizes are in device units. Internal to the library. One thread at a time; may throw
+// std::bad_alloc.
 #pragma once
 
 #include <cairo.h>
@@ -14,6 +15,8 @@
 namespace qm {
 
 inline constexpr int kUnitsPerInch = 600;
+inline constexpr int kPointsPerInch = 72;
+inline constexpr double kPointsPerUnit = 1.0 * kPointsPerInch / kUnitsPerInch;
 
 struct GObjectRelease {
   void operator()(void* object) const noexcept { g_object_unref(object); }
@@ -27,7 +30,10 @@ class TextLayout {
 
   /// False, and the former font stays, for a description without a usable size.
   bool setFont(const char* description);
+  /// The family that is really used; empty when no font is installed.
   std::string fontFamily() const;
+  /// True when that is the one asked for.
+  bool isFontInstalled() const;
   /// Of the font, in device units.
   struct Metrics {
     int height = 1;
@@ -38,9 +44,8 @@ class TextLayout {
   };
   const Metrics& metrics() const { return metrics_; }
 
-  /// Makes device units the units of a page.
-  static void scaleToUnits(cairo_t* cr);
-
+  /// False for a text whose lengths would not fit the layout's type.
+  bool canLayOut(std::string_view text) const;
   /// The size of a text in a rectangle of that width, by the DT_ bits of `format`. What was laid
   /// out last is remembered, so that drawing what was just measured costs no second layout.
   struct Size {
@@ -48,7 +53,7 @@ class TextLayout {
     LONG height;
   };
   Size measure(std::string_view text, LONG width, UINT format);
-  /// Draws it; the height counts from the rectangle's top.
+  /// Draws it on a page in points; the height counts from the rectangle's top.
   Size draw(cairo_t* cr, std::string_view text, const CRect& rect, UINT format);
 
  private:

@@ -1,14 +1,17 @@
+#include <algorithm>
 #include <cstdio>
-#include <iostream>
+#include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 
 #include "programs/testtool/Command.h"
 #include "programs/testtool/LineExchange.h"
 #include "qmutils/app/QMPrintTextC.h"
-#include "qmutils/platform/ascii_case.h"
+#include "qmutils/platform/error.h"
+#include "qmutils/platform/file.h"
 #include "qmutils/platform/program.h"
+#include "qmutils/platform/standard_streams.h"
+#include "qmutils/platform/temporary_file.h"
 #include "qmutils/platform/waitable.h"
 #include "qmutils_print/CPrinterDC.h"
 
@@ -29,9 +32,11 @@ struct Options {
 /// Hands everything on to another device, tells of each page, and aborts on an interrupt.
 class WatchedDC : public CDC {
  public:
-  WatchedDC(CDC& device, HANDLE abortEvent) : device_(device), abortEvent_(abortEvent) {}
+  WatchedDC(CDC& device, const std::string& name, HANDLE abortEvent)
+      : device_(device), name_(name), abortEvent_(abortEvent) {}
 
   unsigned pages() const { return pages_; }
+  bool isAborted() const { return aborted_; }
   /// What EndDoc() gave.
   int job() const { return job_; }
 
@@ -40,10 +45,13 @@ class WatchedDC : public CDC {
     return device_.GetTextMetrics(metrics);
   }
   int DrawText(const char* text, CRect* rect, UINT format) override {
-    if (qm::platform::interrupted()) qm::platform::setEvent(abortEvent_);
+    if (qm::platform::interrupted()) {
+      aborted_ = true;
+      qm::platform::setEvent(abortEvent_);
+    }
     return device_.DrawText(text, rect, format);
   }
-  int StartDoc(const char* name) override { return device_.StartDoc(name); }
+  int StartDoc(const char*) override { return device_.StartDoc(name_.c_str()); }
   int StartPage() override { return device_.StartPage(); }
   int EndPage() override {
     const int result = device_.EndPage();
@@ -58,8 +66,10 @@ class WatchedDC : public CDC {
 
  private:
   CDC& device_;
+  const std::string name_;  // of the document
   const HANDLE abortEvent_;
   unsigned pages_ = 0;
+  bool aborted_ = false;
   int job_ = 0;
 };
 
@@ -74,10 +84,16 @@ std::string takeOption(const Arguments& arguments, std::size_t& i, Options& opti
     options.file = name;
     return {};
   }
+  constexpr const char* kWithValue[] = {"-o",     "--output", "--printer", "--title",
+                                        "--font", "--paper",  "--log"};
+  if (std::find(std::begin(kWithValue), std::end(kWithValue), name) == std::end(kWithValue)) {
+    return "unknown argument '" + name + "'";
+  }
   std::string value;
-  if (!takeValue(arguments, i, value)) return "unknown argument '" + name + "'";
+  if (!takeValue(arguments, i, value)) return name + " wants a value";
   if (name == "-o" || name == "--output") {
     options.output = value;
+    if (value.empty() || value == "-") return name + " wants a file";
   } else if (name == "--printer") {
     options.printer = value == "default" ? "" : value;
     options.prints = true;
@@ -89,11 +105,12 @@ std::string takeOption(const Arguments& arguments, std::size_t& i, Options& opti
   } else if (name == "--paper") {
     const auto paper = qm::findPaper(value);
     if (!paper) return "'" + value + "' is no paper";
+    if (std::min(paper->widthMm, paper->heightMm) <= 2 * options.setup.marginMm) {
+      return "'" + value + "' is smaller than its margins";
+    }
     options.setup.paper = *paper;
-  } else if (name == "--log") {
-    if (!parseLogLevel(value, options.level)) return kLogLevelWanted;
-  } else {
-    return "unknown argument '" + name + "'";
+  } else if (!parseLogLevel(value, options.level)) {
+    return kLogLevelWanted;
   }
   return {};
 }
@@ -105,24 +122,67 @@ std::unique_ptr<CPdfDC> makeDevice(const Options& options) {
   return std::make_unique<CPdfDC>(options.output.c_str(), options.setup);
 }
 
-/// Says so when the text will look other than the user thinks.
-void tellSubstitute(const CPdfDC& device, const std::string& font) {
-  constexpr const char* kGeneric[] = {"Monospace", "Sans", "Serif", "System-ui"};
+/// False, with a complaint, when nothing can be printed in that font. Says so when the text will
+/// look other than the user thinks.
+bool checkFont(CPdfDC& device, const std::string& font) {
+  const bool isUsable = device.SetFont(font.c_str());
   const std::string used = device.GetFontFamily();
-  if (qm::platform::isSameName(font.substr(0, used.size()), used)) return;
-  for (const std::string generic : kGeneric) {
-    if (qm::platform::isSameName(font.substr(0, generic.size()), generic)) return;
+  if (!isUsable || used.empty()) {
+    std::fprintf(stderr, "testtool print: %s\n",
+                 used.empty() ? "no font is installed" : ("'" + font + "' is no font").c_str());
+    return false;
   }
-  std::fprintf(stderr, "testtool print: there is no font '%s'; '%s' stands in\n", font.c_str(),
-               used.c_str());
+  if (!device.IsFontInstalled()) {
+    std::fprintf(stderr, "testtool print: there is no font '%s'; '%s' stands in\n", font.c_str(),
+                 used.c_str());
+  }
+  return true;
 }
 
-QMErrors::QMErrorT print(const Options& options, QMPrintTextC& printer, CDC& device) {
-  const char* const title = options.hasTitle ? options.title.c_str() : options.file.c_str();
-  if (options.file != "-") return printer.PrintText(options.file.c_str(), &device, title);
-  std::ostringstream text;
-  text << std::cin.rdbuf();
-  return printer.PrintText2(text.str().c_str(), &device, title, title);
+/// Standard input as a file, so that each kind of text is read as from one. False when it cannot be
+/// read or stored, or the user has interrupted.
+bool storeInput(std::FILE* file) {
+  constexpr DWORD kLookMs = 200;
+  char buffer[64 * 1024];
+  while (!qm::platform::interrupted()) {
+    const long count = qm::platform::readStandardInput(buffer, sizeof buffer, kLookMs);
+    if (count == 0) return qm::platform::lastError() == ERROR_SUCCESS && std::fflush(file) == 0;
+    if (count < 0) continue;
+    const auto size = static_cast<std::size_t>(count);
+    if (std::fwrite(buffer, 1, size, file) != size) return false;
+  }
+  return false;
+}
+
+int tellEnd(const Options& options, const WatchedDC& watched) {
+  const char* const stopped = watched.isAborted() ? "stopped, " : "";
+  const char* const pages = watched.pages() == 1 ? "page" : "pages";
+  if (options.prints) {
+    std::printf("%s%u %s, print job %d\n", stopped, watched.pages(), pages, watched.job());
+  } else {
+    std::printf("%s%u %s in %s\n", stopped, watched.pages(), pages, options.output.c_str());
+  }
+  return watched.isAborted() ? kInterrupted : kSuccess;
+}
+
+int print(const Options& options) {
+  const std::unique_ptr<CPdfDC> device = makeDevice(options);
+  if (!checkFont(*device, options.setup.font)) return kFailure;
+  const qm::platform::TemporaryFile input;
+  const bool isInput = options.file == "-";
+  if (isInput && (input.get() == nullptr || !storeInput(input.get()))) {
+    if (qm::platform::interrupted()) return kInterrupted;
+    std::fputs("testtool print: standard input cannot be read\n", stderr);
+    return kFailure;
+  }
+  const std::string title = options.hasTitle ? options.title : options.file;
+  QMPrintTextC printer;
+  WatchedDC watched(*device, isInput ? title : options.file, printer.m_hAbortEvent);
+  const QMErrors::QMErrorT result =
+      printer.PrintText(isInput ? input.path() : options.file.c_str(), &watched, title.c_str());
+  if (result == QMErrors::NoError) return tellEnd(options, watched);
+  std::fprintf(stderr, "testtool print: %s: %s\n", options.file.c_str(), QMErrToStr(result));
+  return kFailure;
 }
 
 int run(const Arguments& arguments) {
@@ -135,28 +195,12 @@ int run(const Arguments& arguments) {
   if (options.output.empty() != options.prints) {
     return usageError(kPrintCommand, "give either -o FILE or --printer NAME");
   }
+  if (!options.prints && qm::platform::isSameFile(options.file.c_str(), options.output.c_str())) {
+    return usageError(kPrintCommand, "the document would replace the text");
+  }
   showLogLines(options.level);
   qm::platform::noteInterrupts();
-  const std::unique_ptr<CPdfDC> device = makeDevice(options);
-  if (!device->SetFont(options.setup.font.c_str())) {
-    return usageError(kPrintCommand, "'" + options.setup.font + "' is no font");
-  }
-  tellSubstitute(*device, options.setup.font);
-  QMPrintTextC printer;
-  WatchedDC watched(*device, printer.m_hAbortEvent);
-  const QMErrors::QMErrorT result = print(options, printer, watched);
-  if (result != QMErrors::NoError) {
-    std::fprintf(stderr, "testtool print: %s: %s\n", options.file.c_str(), QMErrToStr(result));
-    return kFailure;
-  }
-  const char* const stopped = qm::platform::interrupted() ? "stopped, " : "";
-  const char* const pages = watched.pages() == 1 ? "page" : "pages";
-  if (options.prints) {
-    std::printf("%s%u %s, print job %d\n", stopped, watched.pages(), pages, watched.job());
-  } else {
-    std::printf("%s%u %s in %s\n", stopped, watched.pages(), pages, options.output.c_str());
-  }
-  return qm::platform::interrupted() ? kInterrupted : kSuccess;
+  return print(options);
 }
 
 }  // namespace
@@ -166,7 +210,7 @@ const Command kPrintCommand = {
     "usage: testtool print FILE -o OUT.pdf | --printer NAME [OPTIONS]\n"
     "Prints a text file (- for standard input) with the title above and the page's number below,\n"
     "and says when a page is done. Ctrl-C ends the document with the page that was begun.\n"
-    "  -o FILE          the document, which is replaced when it is complete\n"
+    "  -o FILE          the document; a file of that name is replaced when it is complete\n"
     "  --printer NAME   a print queue, or 'default'\n"
     "  --title TEXT     (the file's name)\n"
     "  --paper PAPER    A0 to A10, B0 to B10, Letter, Legal, Executive, Ledger, Tabloid, or a "

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <limits>
 #include <new>
 #include <string>
 
@@ -24,19 +23,14 @@ constexpr double kMarginMm = 10;
 constexpr double kInchesPerMm = 0.03937007874015748;
 /// A page with less room than this, in device units, is finished.
 constexpr LONG kLeastRoom = 20;
-/// Beyond this a line is printed in pieces, so that nobody measures megabytes at a time.
-constexpr std::size_t kLongestPiece = 32 * 1024;
+/// A line is measured in pieces of so many times what a page takes of average characters, which
+/// more than fills it; but not in pieces beyond the second number, which devices could not measure.
+constexpr std::size_t kPagesPerPiece = 4;
+constexpr std::size_t kLongestPiece = 16 * 1024;
 
 constexpr UINT kTitleFormat =
     DT_CENTER | DT_SINGLELINE | DT_EXPANDTABS | DT_NOCLIP | DT_NOPREFIX | DT_PATH_ELLIPSIS;
 constexpr UINT kLineFormat = DT_WORDBREAK | DT_EXPANDTABS | DT_NOCLIP | DT_NOPREFIX;
-
-/// Devices may say anything: what does not fit is cut.
-LONG sum(LONG a, LONG b) {
-  using Limits = std::numeric_limits<LONG>;
-  return static_cast<LONG>(
-      std::clamp<long long>(static_cast<long long>(a) + b, Limits::min(), Limits::max()));
-}
 
 /// Calls the device, which gives 0 or less when it fails. `what` tells the log what it was to do.
 template <class Call, class... Parts>
@@ -49,11 +43,13 @@ QMErrorT onDevice(Call call, const Parts&... what) {
   return code;
 }
 
-QMErrorT getLineHeight(CDC& dc, LONG& height) {
-  TEXTMETRIC metrics{};
+QMErrorT getTextMetrics(CDC& dc, TEXTMETRIC& metrics) {
+  metrics = {};
   const QMErrorT result =
       onDevice([&] { return dc.GetTextMetrics(&metrics); }, "failed to measure the font: ");
-  height = std::max<LONG>(metrics.tmHeight, 1);  // printing ends also with a broken font
+  // Printing ends also with a broken font.
+  metrics.tmHeight = std::max<LONG>(metrics.tmHeight, 1);
+  metrics.tmAveCharWidth = std::max<LONG>(metrics.tmAveCharWidth, 1);
   return result;
 }
 
@@ -112,6 +108,14 @@ std::string_view beginning(std::string_view text, std::size_t size) {
   return text.substr(0, isInside(end) ? size : end);  // bytes that are no UTF-8 end anywhere
 }
 
+/// A shorter beginning, if possible one that ends behind a blank.
+std::string_view untilBlank(std::string_view text, std::size_t size) {
+  const std::string_view cut = beginning(text, size);
+  const std::size_t blank = cut.find_last_of(" \t");
+  const bool isFar = blank == std::string_view::npos || blank < cut.size() / 2;
+  return isFar || cut.size() == text.size() ? cut : cut.substr(0, blank + 1);
+}
+
 }  // namespace
 
 /// One document on its way to the paper.
@@ -141,6 +145,7 @@ class QMPrintTextC::JobC {
   CRect page_;
   CRect remaining_;  // of the page, between what is printed and the footer
   LONG lineHeight_ = 1;
+  std::size_t longestPiece_ = kLongestPiece;
   unsigned pageNumber_ = 0;
   bool onPage_ = false;   // a page is started
   bool hasTop_ = false;   // and its header printed
@@ -162,19 +167,28 @@ QMErrorT QMPrintTextC::JobC::Run(std::string_view text, const char* name) {
   if (result == NoError) {
     result = onDevice([&] { return dc_.EndDoc(); }, "failed to end the document: ");
   }
-  if (result != NoError) (void)dc_.AbortDoc();  // the failure is told already
+  if (result != NoError) {
+    const DWORD reason = qm::platform::lastError();
+    (void)dc_.AbortDoc();  // the failure is told already
+    qm::platform::setLastError(reason);
+  }
   return result;
 }
 
 QMErrorT QMPrintTextC::JobC::MeasurePage() {
   printer_.CalcPageRect(&dc_, page_);
-  const QMErrorT result = getLineHeight(dc_, lineHeight_);
+  TEXTMETRIC metrics;
+  const QMErrorT result = getTextMetrics(dc_, metrics);
   if (result != NoError) return result;
+  lineHeight_ = metrics.tmHeight;
   if (page_.Height() < lineHeight_) {
     qm::logError(kLabel, "the font is too big");
     return QMErrors::SelectedFontIsTooLarge;
   }
-  page_.bottom = page_.top + page_.Height() / lineHeight_ * lineHeight_;
+  const auto rows = static_cast<std::size_t>(page_.Height() / lineHeight_);
+  const auto columns = std::max<std::size_t>(page_.Width(), 0) / metrics.tmAveCharWidth + 1;
+  longestPiece_ = std::min(kPagesPerPiece * rows * columns, kLongestPiece);
+  page_.bottom = page_.top + static_cast<LONG>(rows) * lineHeight_;
   return NoError;
 }
 
@@ -197,7 +211,7 @@ QMErrorT QMPrintTextC::JobC::PrintLine(std::string_view line) {
 
 /// Prints as much of the line as a page takes, and removes it from the line.
 QMErrorT QMPrintTextC::JobC::PrintPiece(std::string_view& line) {
-  std::string_view piece = beginning(line, kLongestPiece);
+  std::string_view piece = untilBlank(line, longestPiece_);
   LONG height = lineHeight_;
   QMErrorT result = PrintTop();
   if (result == NoError) result = MeasureHeight(piece, height);
@@ -212,7 +226,7 @@ QMErrorT QMPrintTextC::JobC::PrintPiece(std::string_view& line) {
   }
   if (result != NoError) return result;
   line.remove_prefix(piece.size());
-  remaining_.top = sum(remaining_.top, height);
+  remaining_.top = qm::coordinateSum(remaining_.top, height);
   isFresh_ = false;
   return remaining_.Height() < kLeastRoom ? FinishPage() : NoError;
 }
@@ -243,13 +257,7 @@ QMErrorT QMPrintTextC::JobC::FindFitting(std::string_view& text, LONG& height) {
   }
   // A single character that is too high is printed as it is.
   while (fits < text.size() && beginning(text, fits).empty()) ++fits;
-  std::string_view fitting = beginning(text, fits);
-  const std::size_t blank = fitting.find_last_of(" \t");
-  if (blank != std::string_view::npos && blank > fitting.size() / 2 &&
-      fitting.size() < text.size()) {
-    fitting = fitting.substr(0, blank + 1);
-  }
-  text = fitting;
+  text = untilBlank(text, fits);
   return MeasureHeight(text, height);
 }
 
@@ -292,9 +300,10 @@ QMPrintTextC::~QMPrintTextC() {
 }
 
 QMErrorT QMPrintTextC::PrintText(const char* file, CDC* dc, const char* title) try {
+  QMErrorT result = ResetAbortEvent();  // whoever sets it while the file is read means this print
   std::string text;
-  const QMErrorT result = readFile(file, text);
-  return result != NoError ? result : Print(text, dc, file, title);
+  if (result == NoError) result = readFile(file, text);
+  return result == NoError ? Print(text, dc, file, title) : result;
 } catch (const std::bad_alloc&) {
   return qm::logNoMemory(kLabel);
 }
@@ -302,46 +311,49 @@ QMErrorT QMPrintTextC::PrintText(const char* file, CDC* dc, const char* title) t
 QMErrorT QMPrintTextC::PrintText2(const char* text, CDC* dc, const char* name,
                                   const char* title) try {
   if (text == nullptr) return QMErrors::NullObjectProvided;
-  return Print(text, dc, name, title);
+  const QMErrorT result = ResetAbortEvent();
+  return result == NoError ? Print(text, dc, name, title) : result;
 } catch (const std::bad_alloc&) {
   return qm::logNoMemory(kLabel);
 }
 
+QMErrorT QMPrintTextC::ResetAbortEvent() {
+  if (qm::platform::resetEvent(m_hAbortEvent)) return NoError;
+  const QMErrorT code = QMErrors::lastOsError();
+  qm::logError(kLabel, "failed to reset m_hAbortEvent: ", QMErrToStr(code));
+  return code;
+}
+
 QMErrorT QMPrintTextC::Print(std::string_view text, CDC* dc, const char* name, const char* title) {
   if (dc == nullptr) return QMErrors::NullObjectProvided;
-  if (!qm::platform::resetEvent(m_hAbortEvent)) {
-    const QMErrorT code = QMErrors::lastOsError();
-    qm::logError(kLabel, "failed to reset m_hAbortEvent: ", QMErrToStr(code));
-    return code;
-  }
   return JobC(*this, *dc, title).Run(text, name);
 }
 
 void QMPrintTextC::CalcPageRect(CDC* dc, CRect& page) {
   page.left = dc->GetDeviceCaps(PHYSICALOFFSETX);
   page.top = dc->GetDeviceCaps(PHYSICALOFFSETY);
-  page.right = sum(page.left, dc->GetDeviceCaps(HORZRES));
-  page.bottom = sum(page.top, dc->GetDeviceCaps(VERTRES));
+  page.right = qm::coordinateSum(page.left, dc->GetDeviceCaps(HORZRES));
+  page.bottom = qm::coordinateSum(page.top, dc->GetDeviceCaps(VERTRES));
   const auto margin = static_cast<LONG>(dc->GetDeviceCaps(LOGPIXELSY) * kMarginMm * kInchesPerMm);
-  page.top = sum(page.top, margin);
-  page.bottom = sum(page.bottom, -margin);
+  page.top = qm::coordinateSum(page.top, margin);
+  page.bottom = qm::coordinateSum(page.bottom, -margin);
 }
 
 QMErrorT QMPrintTextC::PrintHeader(CDC* dc, CRect& page, CRect& remaining, const char* title) {
-  LONG lineHeight = 0;
-  const QMErrorT result = getLineHeight(*dc, lineHeight);
+  TEXTMETRIC metrics;
+  const QMErrorT result = getTextMetrics(*dc, metrics);
   if (result != NoError) return result;
-  remaining.top = sum(page.top, lineHeight);
+  remaining.top = qm::coordinateSum(page.top, metrics.tmHeight);
   if (title == nullptr || *title == '\0') return NoError;
   return drawText(*dc, title, CRect(page.left, page.top, page.right, remaining.top), kTitleFormat);
 }
 
 QMErrorT QMPrintTextC::PrintFooter(CDC* dc, CRect& page, CRect& remaining,
                                    unsigned int pageNumber) {
-  LONG lineHeight = 0;
-  const QMErrorT result = getLineHeight(*dc, lineHeight);
+  TEXTMETRIC metrics;
+  const QMErrorT result = getTextMetrics(*dc, metrics);
   if (result != NoError) return result;
-  remaining.bottom = sum(page.bottom, -lineHeight);
+  remaining.bottom = qm::coordinateSum(page.bottom, -metrics.tmHeight);
   char text[32];
   std::snprintf(text, sizeof text, "%s %d", "Page:", static_cast<int>(pageNumber));
   return drawText(*dc, text, CRect(page.left, remaining.bottom, page.right, page.bottom),

@@ -56,5 +56,6 @@ class QMUTILS_API QMPrintTextC {
  private:
   class JobC;
 
+  QMErrors::QMErrorT ResetAbortEvent();
   QMErrors::QMErrorT Print(std::string_view text, CDC* dc, const char* name, const char* title);
 };

@@ -30,7 +30,7 @@ std::FILE* openFile(const char* path, const char* mode) noexcept;
 bool isRegularFile(std::FILE* file) noexcept;
 /// True when both paths lead to the same file, by whatever names. False also when one cannot be
 /// found.
-bool isSameFile(const char* path, const char* other) noexcept;
+QMUTILS_API bool isSameFile(const char* path, const char* other) noexcept;
 /// Creates a file for writing that must not exist yet (error 80 when it does).
 QMUTILS_API std::FILE* createFileExclusively(const char* path) noexcept;
 

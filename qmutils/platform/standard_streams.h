@@ -11,9 +11,9 @@
 namespace qm::platform {
 
 /// Takes what is there, at most `size` bytes, waiting up to `timeoutMs` for the first: the number
-/// of bytes; 0 at the end of the input, or when it cannot be read; -1 when nothing came. The wait
-/// ends early when `wake` (may be null) is signalled, which it then takes. One thread at a time,
-/// and nobody else may read standard input through a stream.
+/// of bytes; 0 at the end of the input (last error 0), or when it cannot be read (last error set);
+/// -1 when nothing came. The wait ends early when `wake` (may be null) is signalled, which it then
+/// takes. One thread at a time, and nobody else may read standard input through a stream.
 QMUTILS_API long readStandardInput(char* buffer, std::size_t size, DWORD timeoutMs,
                                    HANDLE wake = nullptr) noexcept;
 

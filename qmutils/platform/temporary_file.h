@@ -6,11 +6,12 @@
 
 #include <cstdio>
 
+#include "qmutils/platform/export.h"
 #include "qmutils/platform/file.h"
 
 namespace qm::platform {
 
-class TemporaryFile {
+class QMUTILS_API TemporaryFile {
  public:
   /// Empty, for reading and writing. get() is null when it could not be made; the last error tells
   /// why.

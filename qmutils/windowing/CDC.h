@@ -20,9 +20,9 @@ class QMUTILS_API CDC {
   virtual int GetDeviceCaps(int index) const = 0;
   /// The measures of the selected font; false on failure.
   virtual BOOL GetTextMetrics(TEXTMETRIC* metrics) const = 0;
-  /// Draws text, UTF-8, inside a rectangle as the DT_ bits of `format` tell, and gives the height of what
-  /// was drawn; 0 on failure. With DT_CALCRECT nothing is drawn: the rectangle is made to fit the
-  /// text instead, its left and top edges staying.
+  /// Draws text, UTF-8, inside a rectangle as the DT_ bits of `format` tell, and gives the height
+  /// of what was drawn; 0 on failure. With DT_CALCRECT nothing is drawn: the rectangle is made to
+  /// fit the text instead, its left and top edges staying.
   virtual int DrawText(const char* text, CRect* rect, UINT format) = 0;
 
   // A print job: StartDoc, for each page StartPage and EndPage, then EndDoc. AbortDoc discards it.

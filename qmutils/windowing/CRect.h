@@ -7,19 +7,21 @@
 
 #include "qmutils/platform/types.h"
 
+namespace qm {
+
+/// Of two coordinates; what does not fit is cut.
+inline LONG coordinateSum(long long a, long long b) {
+  using Limits = std::numeric_limits<LONG>;
+  return static_cast<LONG>(std::clamp<long long>(a + b, Limits::min(), Limits::max()));
+}
+
+}  // namespace qm
+
 class CRect : public RECT {
  public:
   CRect() : RECT{0, 0, 0, 0} {}
   CRect(LONG l, LONG t, LONG r, LONG b) : RECT{l, t, r, b} {}
 
-  LONG Width() const { return distance(left, right); }
-  LONG Height() const { return distance(top, bottom); }
-
- private:
-  /// What does not fit is cut.
-  static LONG distance(LONG from, LONG to) {
-    using Limits = std::numeric_limits<LONG>;
-    const long long wide = static_cast<long long>(to) - from;
-    return static_cast<LONG>(std::clamp<long long>(wide, Limits::min(), Limits::max()));
-  }
+  LONG Width() const { return qm::coordinateSum(right, -static_cast<long long>(left)); }
+  LONG Height() const { return qm::coordinateSum(bottom, -static_cast<long long>(top)); }
 };

@@ -91,7 +91,7 @@ TEST_F(CPdfDC_, HoldsEveryWordOfALongLogInItsOrder) {
 }
 
 TEST_F(CPdfDC_, WrapsWordsAndExpandsTabs) {
-  CRect measured(500, 500, 1'100, 600);
+  CRect measured(500, 500, 1'110, 600);
   const std::string longWord(100, 'm');
   TEXTMETRIC font{};
   const std::vector<Word> words = drawn("DejaVu Sans Mono 10", [&](CPdfDC& dc) {
@@ -99,19 +99,21 @@ TEST_F(CPdfDC_, WrapsWordsAndExpandsTabs) {
     const std::string text = "a\tb\n1234567\tc\none two three four " + longWord;
     const int height = dc.DrawText(text.c_str(), &measured, 0xD50);
     EXPECT_EQ(height, measured.Height());
-    CRect rect(500, 500, 1'100, 600);
+    CRect rect(500, 500, 1'110, 600);
     EXPECT_EQ(dc.DrawText(text.c_str(), &rect, 0x950), measured.Height());
   });
   EXPECT_EQ(measured.left, 500);
-  EXPECT_LE(measured.right, 1'100);
+  EXPECT_LE(measured.right, 1'110);
   EXPECT_EQ(font.tmHeight, 97) << "10 points of this font at 600 dpi";
   EXPECT_EQ(font.tmAveCharWidth, 50);
   ASSERT_GT(words.size(), 10u);
   std::string letters;
   for (const Word& word : words) {
     EXPECT_GE(word.left, 500 * kPointsPerUnit - 0.1);
-    EXPECT_LE(word.right, 1'100 * kPointsPerUnit + 0.1);
-    if (word.text.starts_with("mm")) letters += word.text;
+    EXPECT_LE(word.right, 1'110 * kPointsPerUnit + 0.1);
+    if (!word.text.starts_with("m")) continue;
+    letters += word.text;
+    EXPECT_TRUE(word.text.size() == 12 || letters.size() == 100) << "no room for a hyphen";
   }
   EXPECT_EQ(letters, longWord) << "a word longer than a row is broken, and nothing of it lost";
   EXPECT_NEAR(words[1].left, (500 + 8 * 50) * kPointsPerUnit, 0.2);
@@ -183,18 +185,19 @@ TEST_F(CPdfDC_, TakesAnyFontPaperAndText) {
   EXPECT_EQ(dc.GetDeviceCaps(HORZRES), 5'100 - 2 * 150);
   EXPECT_EQ(dc.GetDeviceCaps(PHYSICALOFFSETY), 150);
   EXPECT_EQ(dc.GetDeviceCaps(-1), 0);
-  const std::string text = "caf\xC3\xA9 \xD0\x94\xD0\xB0 \xE2\x82\xAC latin\xE9";
+  const std::string text = "caf\xC3\xA9 \xD0\x94\xD0\xB0 \xE2\x82\xAC latin\xE9 \x93q\x94";
   ASSERT_EQ(QMPrintTextC().PrintText2(text.c_str(), &dc, "Tit\xE9l", "t"), NoError);
   const Document document(path);
   EXPECT_TRUE(document.info("Page size").starts_with("612 x 396 pts"));
   EXPECT_EQ(document.info("Title"), "Tit\xC3\xA9l");
   EXPECT_NE(document.fonts().find("DejaVuSerif-BoldItalic"), std::string::npos);
   const std::vector<Word> words = document.words();
-  ASSERT_GE(words.size(), 5u);
+  ASSERT_GE(words.size(), 6u);
   EXPECT_EQ(words[1].text, "caf\xC3\xA9");
   EXPECT_EQ(words[2].text, "\xD0\x94\xD0\xB0");
   EXPECT_EQ(words[3].text, "\xE2\x82\xAC");
-  EXPECT_EQ(words[4].text, "latin\xC3\xA9") << "a byte that is no UTF-8 is a Latin-1 character";
+  EXPECT_EQ(words[4].text, "latin\xC3\xA9") << "a byte that is no UTF-8 is of Windows-1252";
+  EXPECT_EQ(words[5].text, "\xE2\x80\x9Cq\xE2\x80\x9D");
 
   for (const char* bad : {"Sans 0", "Sans 20000"}) EXPECT_FALSE(dc.SetFont(bad)) << bad;
   EXPECT_FALSE(dc.SetFont(nullptr));
@@ -206,6 +209,78 @@ TEST_F(CPdfDC_, TakesAnyFontPaperAndText) {
   EXPECT_TRUE(dc.SetFont("DejaVu Sans 12") && dc.GetTextMetrics(&points));
   EXPECT_TRUE(dc.SetFont("DejaVu Sans 16px") && dc.GetTextMetrics(&pixels));
   EXPECT_EQ(points.tmHeight, pixels.tmHeight);
+}
+
+TEST_F(CPdfDC_, LosesNoCharacterOfALongLine) {
+  std::string line;
+  while (line.size() < 15'000) line += "word" + std::to_string(line.size()) + "; ";
+  std::string solid;
+  while (solid.size() < 15'000) solid += std::to_string(solid.size());
+  for (const char* font : {"DejaVu Sans Mono 12", "DejaVu Sans 24", "DejaVu Sans Mono 60"}) {
+    for (const std::string& text : {line, solid}) {
+      CPdfDC dc(path.c_str(), setup(font));
+      ASSERT_EQ(QMPrintTextC().PrintText2(text.c_str(), &dc, "", ""), NoError) << font;
+      std::string printed, expected;
+      const std::vector<Word> words = Document(path).words();
+      for (std::size_t i = 0; i < words.size(); ++i) {
+        if (words[i].text == "Page:" || words[i].text.starts_with("Page:")) {
+          i += words[i].text == "Page:";
+        } else {
+          printed += words[i].text;
+        }
+      }
+      for (const char c : text) expected += c != ' ' ? std::string(1, c) : "";
+      EXPECT_TRUE(printed == expected) << font << ": " << printed.size() << " characters";
+    }
+  }
+}
+
+TEST_F(CPdfDC_, GivesEachRowItsHeight) {
+  CPdfDC dc(path.c_str(), setup("DejaVu Sans Mono 10"));
+  const struct {
+    const char* text;
+    int rows;
+  } texts[] = {{"", 1}, {"a\n\nb", 3}, {"a\n", 2}, {"\x07\x1B\x0C", 1}, {"\xC2\x80\x93", 1}};
+  for (const auto& text : texts) {
+    CRect rect(0, 0, 1'000, 1'000);
+    EXPECT_EQ(dc.DrawText(text.text, &rect, 0xD50), text.rows * 97) << text.text;
+  }
+  CRect rect(0, 0, 1'000, 1'000);
+  EXPECT_LT(dc.DrawText("\xCD\xB8", &rect, 0xD50), 2 * 97) << "a character that no font has";
+}
+
+TEST_F(CPdfDC_, RefusesWhatCannotBe) {
+  const auto refused = [](int result) {
+    return result == 0 && qm::platform::lastError() == ERROR_INVALID_PARAMETER;
+  };
+  for (const double bad : {-1e9, -1.0, 105.0, 1e300, std::nan("")}) {
+    qm::PageSetup unusable;
+    unusable.marginMm = bad;
+    CPdfDC margin(path.c_str(), unusable);
+    EXPECT_EQ(margin.GetDeviceCaps(HORZRES), 0);
+    unusable = {};
+    unusable.paper.widthMm = bad == 105 ? 0 : bad;
+    CPdfDC paper(path.c_str(), unusable);
+    for (CPdfDC* dc : {&margin, &paper}) {
+      EXPECT_TRUE(refused(dc->StartDoc("")));
+      EXPECT_EQ(QMPrintTextC().PrintText2("x", dc, "", ""),
+                QMErrors::fromOsError(ERROR_INVALID_PARAMETER));
+    }
+  }
+  CPdfDC dc(path.c_str(), setup("Sans 0"));
+  EXPECT_TRUE(refused(dc.StartDoc("")));
+  EXPECT_TRUE(dc.SetFont("DejaVu Sans 10"));
+  const std::string huge(1 << 20, 'm');
+  EXPECT_EQ(QMPrintTextC().PrintText2("x", &dc, "", huge.c_str()), NoError) << "title with dots";
+  CRect rect(0, 0, 100, 100);
+  EXPECT_TRUE(refused(dc.DrawText(huge.c_str(), &rect, DT_CALCRECT)));
+  EXPECT_GT(dc.StartDoc("") + dc.StartPage(), 1);
+  constexpr LONG kFar = 0x7FFFFFFF;
+  CRect far(kFar, kFar, kFar, kFar), wide(-kFar, -kFar, kFar, kFar), above(0, 500, 1'000, 500);
+  for (CRect* place : {&far, &wide, &above}) {
+    EXPECT_GT(dc.DrawText("x", place, DT_SINGLELINE | DT_BOTTOM), 0);
+    EXPECT_GT(dc.DrawText("x", place, DT_CALCRECT), 0);
+  }
 }
 
 TEST(FindPaper, KnowsNamesAndSizes) {
@@ -258,11 +333,6 @@ TEST_F(CPdfDC_, ReplacesAFileOnlyWithAWholeDocument) {
   CPdfDC nowhere(folder.file("none/out.pdf").c_str());
   EXPECT_EQ(QMPrintTextC().PrintText2("x", &nowhere, "", ""),
             QMErrors::fromOsError(ERROR_PATH_NOT_FOUND));
-  qm::PageSetup unusable;
-  unusable.marginMm = 105;
-  CPdfDC noRoom(path.c_str(), unusable);
-  EXPECT_EQ(noRoom.StartDoc(""), 0);
-  EXPECT_EQ(qm::platform::lastError(), ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(CPdfDC_, RefusesCallsAtTheWrongTime) {

@@ -3,6 +3,8 @@
 
 #include <cups/cups.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +17,7 @@
 
 #include "qmutils/app/QMPrintTextC.h"
 #include "qmutils/platform/error.h"
+#include "qmutils_print/PrintQueue.h"
 #include "tests/print/Document.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempFolder.h"
@@ -100,7 +103,10 @@ TEST(CPrinterDC, HandsADocumentToAPrintQueue) {
   CPrinterDC dc("Plates", setup);
   EXPECT_GT(dc.StartDoc("aborted") + dc.StartPage(), 1);
   EXPECT_GT(dc.AbortDoc(), 0);
-  ASSERT_EQ(QMPrintTextC().PrintText2("to the printer", &dc, "The job", "t"), QMErrors::NoError);
+  ASSERT_EQ(QMPrintTextC().PrintText2(
+                "to the printer", &dc,
+                ("/a/long/path\t" + std::string(300, '/') + "The job").c_str(), "t"),
+            QMErrors::NoError);
   const qmtest::Document document(server.document());
   EXPECT_EQ(document.info("Pages"), "1");
   EXPECT_EQ(document.words().at(3).text, "printer");
@@ -125,6 +131,22 @@ TEST(CPrinterDC, TellsThatNoServerAnswers) {
   CPrinterDC dc("Plates");
   EXPECT_EQ(QMPrintTextC().PrintText2("x", &dc, "", ""),
             QMErrors::fromOsError(RPC_S_SERVER_UNAVAILABLE));
+
+  // One that takes the connection and never says a word.
+  const int silent = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string name = folder.file("silent");
+  name.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(silent, 8), 0);
+  cupsSetServer(name.c_str());
+  constexpr unsigned kPatienceMs = 1000;
+  qm::PrintQueue queue("Plates", {}, kPatienceMs);
+  EXPECT_TRUE(queue.Open("x") && queue.Write("y", 1));
+  EXPECT_EQ(queue.Close(), 0);
+  EXPECT_EQ(qm::platform::lastError(), RPC_S_SERVER_UNAVAILABLE);
+  close(silent);
   cupsSetServer(nullptr);
 }
 

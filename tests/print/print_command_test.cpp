@@ -31,10 +31,14 @@ TEST(PrintCommand, MakesADocument) {
   for (const auto& word : document.words()) text += word.text + " ";
   EXPECT_EQ(text, "My title one two three Page: 1 ");
 
-  Program input2 = print("- -o " + output + " --title x --font 'No Such Font' <" + input);
-  EXPECT_EQ(input2.wait(), 0) << input2.errors();
-  EXPECT_TRUE(input2.errors().starts_with("testtool print: there is no font 'No Such Font'; '"));
-  EXPECT_EQ(Document(output).words().size(), 6u);
+  // From standard input as from a file.
+  using namespace std::string_literals;
+  qmtest::writeFile(input, "\xFF\xFEo\0n\0e\0\0\0t\0w\0o\0"s);
+  Program piped = print("- -o " + output + " --title x --font 'No Such Font' <" + input);
+  EXPECT_EQ(piped.wait(), 0) << piped.errors();
+  EXPECT_TRUE(piped.errors().starts_with("testtool print: there is no font 'No Such Font'; '"));
+  EXPECT_EQ(Document(output).words().at(1).text, "one");
+  EXPECT_EQ(Document(output).words().at(2).text, "two");
 }
 
 TEST(PrintCommand, EndsTheDocumentWhenInterrupted) {
@@ -53,6 +57,14 @@ TEST(PrintCommand, EndsTheDocumentWhenInterrupted) {
   EXPECT_GE(pages, 3);
   EXPECT_LT(pages, 5'000);
   EXPECT_EQ(Document(output).info("Pages"), std::to_string(pages));
+
+  // While it waits for its text.
+  qmtest::writeFile(output, "former");
+  Program waiting(TESTTOOL " print - -o " + output + " --font 'No Such Font' </dev/zero");
+  ASSERT_TRUE(waiting.awaitText("stands in"));
+  waiting.signal(SIGINT);
+  EXPECT_EQ(waiting.wait(), 130);
+  EXPECT_EQ(qmtest::readFile(output), "former");
 }
 
 TEST(PrintCommand, ComplainsOfWhatItCannotPrint) {
@@ -68,9 +80,16 @@ TEST(PrintCommand, ComplainsOfWhatItCannotPrint) {
   EXPECT_EQ(printer.wait(), 1);
   EXPECT_NE(printer.errors().find("CPrinterDC::EndDoc(): printer no-such-printer: "),
             std::string::npos);
+  Program folderAsInput = print("- -o " + output + " <" + folder.path());
+  EXPECT_EQ(folderAsInput.wait(), 1);
+  const std::string input = folder.file("a.log");
+  qmtest::writeFile(input, "text");
+  Program same = print(input + " -o " + folder.path() + "/./a.log");
+  EXPECT_EQ(same.wait(), 2);
+  EXPECT_EQ(qmtest::readFile(input), "text");
   for (const char* wrong :
        {"", "/etc/passwd", "/etc/passwd -o x --printer y", "-o x", "/etc/passwd -o x --paper A99",
-        "/etc/passwd -o x --font 'Sans 0'", "/etc/passwd b -o x", "/etc/passwd -o"}) {
+        "/etc/passwd b -o x", "/etc/passwd -o"}) {
     Program program = print(wrong);
     EXPECT_EQ(program.wait(), 2) << wrong;
   }

@@ -4,11 +4,14 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "qmutils/platform/clock.h"
+#include "qmutils/platform/error.h"
 #include "qmutils/platform/posix/blocking_wait.h"
+#include "qmutils/platform/posix/errno_translation.h"
 
 namespace qm::platform {
 
@@ -18,8 +21,10 @@ long readStandardInput(char* buffer, std::size_t size, DWORD timeoutMs, HANDLE w
   const DWORD result = posix::waitReady(STDIN_FILENO, POLLIN, &wake, handles, deadline);
   if (result != WAIT_OBJECT_0 + handles) return -1;
   const ssize_t count = read(STDIN_FILENO, buffer, size);
-  if (count >= 0) return count;
-  return errno == EINTR || errno == EAGAIN ? -1 : 0;
+  if (count < 0 && (errno == EINTR || errno == EAGAIN)) return -1;
+  setLastError(ERROR_SUCCESS);
+  if (count < 0) (void)failWithErrno(errno);
+  return std::max<long>(count, 0);
 }
 
 bool takesOutput(std::FILE* stream) noexcept {

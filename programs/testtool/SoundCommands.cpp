@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <thread>
 
@@ -11,7 +12,6 @@
 #include "qmutils/platform/program.h"
 #include "qmutils/platform/sound.h"
 #include "qmutils/platform/standard_streams.h"
-#include "qmutils/platform/terminal.h"
 #include "qmutils/platform/waitable.h"
 
 namespace programs {
@@ -46,21 +46,44 @@ class SoundC : public BeepC {
   std::atomic<QMErrors::QMErrorT> m_Result{QMErrors::NoError};
 };
 
+/// Notes whether a tone has sounded, and hands everything on.
+class NotingDevice : public qm::platform::SoundDevice {
+ public:
+  NotingDevice()
+      : device_(qm::platform::soundDevice()), former_(qm::platform::replaceSoundDevice(this)) {}
+  ~NotingDevice() override { qm::platform::replaceSoundDevice(former_); }
+  bool hasToned() const { return hasToned_; }
+
+  bool play(const char* waveFile) noexcept override { return device_.play(waveFile); }
+  bool isPlaying() noexcept override { return device_.isPlaying(); }
+  bool purge() noexcept override { return device_.purge(); }
+  bool tone(DWORD hertz, DWORD milliseconds, HANDLE cancel) noexcept override {
+    hasToned_ = true;
+    return device_.tone(hertz, milliseconds, cancel);
+  }
+
+ private:
+  qm::platform::SoundDevice& device_;
+  qm::platform::SoundDevice* const former_;
+  std::atomic<bool> hasToned_{false};
+};
+
 /// Waits until the sound has ended, or somebody interrupts. A key at the terminal is passed on.
 void waitForEnd(SoundC& sound) {
   const qm::platform::KeyByKey keys;
-  bool takesKeys = qm::platform::isTerminal(stdin);
+  bool takesKeys = keys.takesKeys();
   std::thread signaller;  // as it waits until the present play is over
   while (sound.IsAlive() && !qm::platform::interrupted()) {
     if (!takesKeys) {
       (void)qm::platform::wait(sound.GetThread(), kLookMs);
       continue;
     }
-    char key;
-    const long count = qm::platform::readStandardInput(&key, 1, kLookMs);
-    if (count < 0) continue;
-    takesKeys = false;
-    if (count > 0) signaller = std::thread([&sound] { (void)sound.SignalKbHit(); });
+    char discarded[64];  // what follows one key is not for the shell either
+    const long count = qm::platform::readStandardInput(discarded, sizeof discarded, kLookMs);
+    takesKeys = count != 0;
+    if (count > 0 && !signaller.joinable()) {
+      signaller = std::thread([&sound] { (void)sound.SignalKbHit(); });
+    }
   }
   endThread(sound);
   if (signaller.joinable()) signaller.join();
@@ -69,6 +92,7 @@ void waitForEnd(SoundC& sound) {
 int play(const Options& options) {
   showLogLines(options.level);
   qm::platform::noteInterrupts();
+  const NotingDevice device;
   SoundC sound;
   QMPlaySoundC description(
       options.hasFile ? options.file.c_str() : nullptr, static_cast<unsigned>(options.repeats),
@@ -81,7 +105,9 @@ int play(const Options& options) {
   if (started != QMErrors::NoError) return kFailure;  // the reason is in the log
   waitForEnd(sound);
   if (qm::platform::interrupted()) return kInterrupted;
-  return sound.result() == QMErrors::NoError ? kSuccess : kFailure;
+  // Who names a file wants to know that it was not played, which the log has explained.
+  const bool isOther = options.hasFile && device.hasToned();
+  return sound.result() == QMErrors::NoError && !isOther ? kSuccess : kFailure;
 }
 
 /// Takes an option and its value; what is wrong with it, or an empty text.
@@ -93,8 +119,12 @@ std::string takeOption(const Arguments& arguments, std::size_t& i, bool wantsFil
     options.hasFile = true;
     return {};
   }
+  constexpr const char* kNames[] = {"--freq", "--mark", "--space", "--repeats", "--log"};
+  if (std::find(std::begin(kNames), std::end(kNames), name) == std::end(kNames)) {
+    return "unknown argument '" + name + "'";
+  }
   std::string value;
-  if (!takeValue(arguments, i, value)) return "unknown argument '" + name + "'";
+  if (!takeValue(arguments, i, value)) return name + " wants a value";
   bool fits = false;
   if (name == "--freq") {
     fits = parseNumber(value, static_cast<long long>(qm::platform::kLowestTone),
@@ -110,10 +140,10 @@ std::string takeOption(const Arguments& arguments, std::size_t& i, bool wantsFil
       options.repeats = QMPlaySoundC::kForever;
       fits = true;
     }
-  } else if (name == "--log") {
-    fits = parseLogLevel(value, options.level);
+  } else if (!parseLogLevel(value, options.level)) {
+    return kLogLevelWanted;
   } else {
-    return "unknown argument '" + name + "'";
+    fits = true;
   }
   return fits ? std::string() : "'" + value + "' is nothing for " + name;
 }
@@ -155,34 +185,33 @@ int runPlay(const Arguments& arguments) {
 const Command kBeepCommand = {
     "beep", "sound a tone",
     "usage: testtool beep [OPTIONS]\n"
-    "Sounds a tone, as often as asked. At a terminal any key ends it after the present tone; "
-    "Ctrl-C "
-    "ends\n"
-    "it at once.\n"
+    "Sounds a tone, as often as asked. At a terminal any key ends it after the present tone, or "
+    "in\n"
+    "a pause after the next; Ctrl-C ends it at once.\n"
     "  --freq HZ       37 to 32767 (1000)\n"
     "  --mark MS       how long a tone is (300)\n"
     "  --space MS      the pause after each (200)\n"
     "  --repeats N     how many tones, or 'forever' (1)\n"
     "  --log LEVEL     print the library's log lines up to this level (0: errors and warnings)\n"
-    "The environment variable QMUTILS_SOUND_DEVICE names the ALSA device (default), "
-    "QMUTILS_TONE_VOLUME\n"
-    "is the volume in percent (50).\n",
+    "The environment variable QMUTILS_SOUND_DEVICE names the ALSA device (default),\n"
+    "QMUTILS_TONE_VOLUME is the volume in percent (50).\n",
     runBeep};
 
 const Command kPlayCommand = {
     "play", "play a wave file",
     "usage: testtool play FILE.wav [OPTIONS]\n"
-    "Plays a wave file, as often as asked. At a terminal any key ends it after the present play; "
-    "Ctrl-C\n"
-    "ends it at once.\n"
+    "Plays a wave file, as often as asked. At a terminal any key ends it after the present play, "
+    "or\n"
+    "in a pause after the next; Ctrl-C ends it at once.\n"
     "  --repeats N     how often, or 'forever' (1)\n"
     "  --space MS      the pause after each play (200)\n"
     "  --freq HZ       the tone that stands in when the file cannot be played, 37 to 32767 (1000)\n"
     "  --mark MS       how long that is (300)\n"
     "  --log LEVEL     print the library's log lines up to this level (0: errors and warnings)\n"
-    "The environment variable QMUTILS_SOUND_DEVICE names the ALSA device (default), "
-    "QMUTILS_TONE_VOLUME\n"
-    "is the volume of tones in percent (50).\n",
+    "The environment variable QMUTILS_SOUND_DEVICE names the ALSA device (default),\n"
+    "QMUTILS_TONE_VOLUME is the volume of tones in percent (50). A file whose name begins with "
+    "'-'\n"
+    "is written as ./-FILE.wav.\n",
     runPlay};
 
 }  // namespace programs

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "qmutils/foundation/LogLine.h"
 #include "qmutils/platform/ascii_case.h"
@@ -34,25 +35,46 @@ bool isWaveName(std::string_view name) {
          qm::platform::isSameName(name.substr(name.size() - kWaveEnding.size()), kWaveEnding);
 }
 
+void warnOfFailure(const char* name, QMErrorT result) {
+  qm::logWarning(0, kPlaySound, "::PlaySound() failed for:", name,
+                 ", Reason: ", QMErrToStr(result));
+}
+
 }  // namespace
 
 BeepC::BeepC() : QMThreadC("BeepC", nullptr, INFINITE, 0) {}
 
 BeepC::~BeepC() { (void)stop(); }
 
+bool BeepC::IsOwnThread() const {
+  return IsAlive() && GetThreadID() == qm::platform::currentThreadId();
+}
+
+/// Keeps other starters out. Not on the sound thread, whose end another starter may wait for.
+std::unique_lock<std::recursive_mutex> BeepC::LockStarting() {
+  if (IsOwnThread()) return {};
+  return std::unique_lock(m_Starting);
+}
+
 QMErrorT BeepC::Start(unsigned int repeats, unsigned int freq, unsigned int mark,
                       unsigned int space, int bStopOnKbHit) {
+  const auto starting = LockStarting();
   (void)stop();  // reports by itself; a thread that goes on is left to start()
   {
     SectionUser user(&m_CS);
     const QMErrorT entered = user.EnterCriticalSection("BeepC::Start(): ", INFINITE);
     if (entered != QMErrors::NoError) return entered;
     m_Values = {repeats, freq, mark, space, bStopOnKbHit};
+    // Tones are not of a description that was started before.
+    m_pPlaySound = std::move(m_pNextSound);
+    // Before the thread runs: a key that comes from here on is for this run.
+    m_bKbHit = false;
   }
   return start();
 }
 
 QMErrorT BeepC::Start(QMPlaySoundC& sound) try {
+  const auto starting = LockStarting();
   // Before the end of the run, with which the description that is held goes; it may be this one.
   const auto copy = std::make_shared<QMPlaySoundC>(sound);
   (void)stop();
@@ -63,12 +85,12 @@ QMErrorT BeepC::Start(QMPlaySoundC& sound) try {
     SectionUser user(&m_CS);
     const QMErrorT entered = user.EnterCriticalSection(kStartSound, INFINITE);
     if (entered != QMErrors::NoError) return entered;
-    m_pPlaySound = copy;
+    m_pNextSound = copy;
   }
   const QMErrorT started = Start(copy->m_nRepeats, copy->m_AltBeepFreq, copy->m_AltBeepMark,
                                  copy->m_AltBeepSpace, copy->m_bStopOnKbHit);
-  // Without a run nobody else would let go of it, and tones that are started later are not its.
-  if (started != QMErrors::NoError && !IsAlive()) (void)DropSound(copy.get());
+  // Without a run nobody else would let go of it.
+  if (started != QMErrors::NoError && !IsAlive()) (void)DropSound();
   return started;
 } catch (const std::bad_alloc&) {
   (void)stop();
@@ -84,7 +106,7 @@ QMErrorT BeepC::SignalKbHit() {
 }
 
 QMErrorT BeepC::StopCurrentSound() {
-  if (IsAlive() && GetThreadID() != qm::platform::currentThreadId()) (void)stop();
+  if (IsAlive() && !IsOwnThread()) (void)stop();
   setLastError(ERROR_SUCCESS);  // without a reason it is no failure
   if (soundDevice().purge()) return QMErrors::NoError;
   const QMErrorT result = QMErrors::lastOsError();
@@ -119,31 +141,35 @@ QMErrorT BeepC::BeepPlaySound(int bQuiet) {
   setLastError(ERROR_GEN_FAILURE);  // of a device that fails without saying why
   if (soundDevice().play(name)) return QMErrors::NoError;
   const QMErrorT result = QMErrors::lastOsError();
-  warn("::PlaySound() failed for:", name, ", Reason: ", QMErrToStr(result));
+  if (bQuiet == 0) warnOfFailure(name, result);
   return result;
 }
 
 bool BeepC::IsPlaying() {
   const std::shared_ptr<QMPlaySoundC> sound = m_pPlaySound;
   if (sound == nullptr || !Exists(sound->GetSoundName())) return false;
+  setLastError(ERROR_SUCCESS);
   if (soundDevice().isPlaying()) return true;
+  m_PlayResult = QMErrors::lastOsError();
   (void)StopCurrentSound();  // reports by itself
   return false;
 }
 
-/// Lets go of the description that is held, if it is that one (null: whichever it is).
-QMErrorT BeepC::DropSound(const QMPlaySoundC* sound) {
+/// Lets go of the descriptions, and of a key that was hit.
+QMErrorT BeepC::DropSound() {
   SectionUser user(&m_CS);
   const QMErrorT entered = user.EnterCriticalSection(kRun, INFINITE);
   if (entered != QMErrors::NoError) return entered;
-  if (sound == nullptr || sound == m_pPlaySound.get()) m_pPlaySound.reset();
+  m_pPlaySound.reset();
+  m_pNextSound.reset();
+  m_bKbHit = false;
   return QMErrors::NoError;
 }
 
 QMErrorT BeepC::run() {
   const QMErrorT played = PlayAll();
   if (played == QMErrors::NoError) (void)StopCurrentSound();  // reports by itself
-  const QMErrorT dropped = DropSound(nullptr);
+  const QMErrorT dropped = DropSound();
   return played != QMErrors::NoError ? played : dropped;
 }
 
@@ -153,7 +179,6 @@ QMErrorT BeepC::PlayAll() {
     SectionUser user(&m_CS);
     const QMErrorT entered = user.EnterCriticalSection(kRun, INFINITE);
     if (entered != QMErrors::NoError) return entered;
-    m_bKbHit = false;
     values = m_Values;
     if (m_pPlaySound != nullptr && m_pPlaySound->m_bEnabled == 0) {
       qm::logInfo(1, kRun, "sound is disabled NOT playing it: ", nameOf(*m_pPlaySound));
@@ -170,7 +195,9 @@ QMErrorT BeepC::PlayAll() {
       qm::logInfo(1, kRun, "key hit so stopping sound.");
       break;
     }
-    if (!IsEndEventSignalled()) Pause(values.space);
+    // A tone without a length takes no time: it must not take all of the processor's either.
+    const bool takesNone = values.mark == 0 && values.space == 0;
+    if (!IsEndEventSignalled()) Pause(takesNone ? 1 : values.space);
   }
   return QMErrors::NoError;
 }
@@ -189,16 +216,22 @@ QMErrorT BeepC::PlayOnce(bool quiet, ValuesT& values) {
   SectionUser user(&m_CS);
   const QMErrorT entered = user.EnterCriticalSection(kRun, INFINITE);
   if (entered != QMErrors::NoError) return entered;
-  QMErrorT result = QMErrors::NoError;
-  const std::shared_ptr<QMPlaySoundC> sound = m_pPlaySound;
-  if (sound != nullptr && BeepPlaySound(quiet ? 1 : 0) == QMErrors::NoError) {
-    qm::logInfo(1, kRun, "playing sound: ", nameOf(*sound));
-    while (!IsEndEventSignalled() && IsPlaying()) (void)SleepEx(kPollMs, true);
-  } else {
-    result = PlayTone();
-  }
+  const bool isPlayed = m_pPlaySound != nullptr && PlayFile(quiet);
+  const QMErrorT result = isPlayed ? QMErrors::NoError : PlayTone();
   values = m_Values;
   return result;
+}
+
+/// False when the device has not played the file, or not to its end: the tone is needed then.
+bool BeepC::PlayFile(bool quiet) {
+  const std::shared_ptr<QMPlaySoundC> sound = m_pPlaySound;
+  if (BeepPlaySound(quiet ? 1 : 0) != QMErrors::NoError) return false;
+  qm::logInfo(1, kRun, "playing sound: ", nameOf(*sound));
+  m_PlayResult = QMErrors::NoError;
+  while (!IsEndEventSignalled() && IsPlaying()) (void)SleepEx(kPollMs, true);
+  if (m_PlayResult == QMErrors::NoError) return true;
+  if (!quiet) warnOfFailure(nameOf(*sound), m_PlayResult);
+  return false;
 }
 
 /// The end of the thread cuts the tone short, so that nobody who stops it waits for a long one.

@@ -5,13 +5,16 @@
 //   QMPlaySoundC alarm("alarm.wav", QMPlaySoundC::kForever, 1000, 300, 200, 1);
 //   beep.Start(alarm);      // copied; returns at once
 //   ...
-//   beep.SignalKbHit();     // ends it after the present play
+//   beep.SignalKbHit();       // ends it after the present play
 //   beep.StopCurrentSound();  // ends it now
 //
 // Any thread may call the public operations. Results: 0, the thread's codes (1006, 2011), 2001 no
 // memory, the lock's codes, or the system's number with bit 29 set (see
 // qmutils/platform/sound.h). Failures are logged at level 0, what is being played at level 1.
 // Nothing throws.
+//
+// A device that fails in the middle of a file is logged as one that does not begin, and the tone
+// sounds. A copy of a playing object in a forked process is of no use there: make another.
 //
 // One process plays one file at a time, so with several objects the last one to start a file is
 // heard; the others take its sound for theirs. A class derived from this one stops the thread in
@@ -20,6 +23,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 
 #include "qmutils/app/QMPlaySoundC.h"
 #include "qmutils/concurrency/QMCriticalSectionC.h"
@@ -47,15 +51,16 @@ class QMUTILS_API BeepC : public QMThreadC {
   /// run.
   QMErrors::QMErrorT Start(QMPlaySoundC& sound);
 
-  /// A key was hit: a sound that ends on keys ends after the present play. Returns when that play
-  /// is over, so a thread that must go on meanwhile does not call it itself. The lock's code.
+  /// A key was hit: a sound that ends on keys ends after the present play or, in the pause behind
+  /// one, after the next. Returns when the present play is over, so a thread that must go on
+  /// meanwhile does not call it itself. The lock's code.
   QMErrors::QMErrorT SignalKbHit();
 
   /// Ends the sound thread, unless called on it, and silences what the platform plays.
   QMErrors::QMErrorT StopCurrentSound();
 
  protected:
-  // For run(): with the lock held where another thread may be using the object.
+  // For run(), on the sound thread.
 
   /// Starts the held file. 0; 33536 "Sound file not found"; 2006 "Bad Command Line arguments" for a
   /// name that does not end in ".wav"; an OS code. Logs why not, unless `bQuiet` is non-zero.
@@ -76,15 +81,21 @@ class QMUTILS_API BeepC : public QMThreadC {
     int stopOnKbHit = 0;
   };
 
+  bool IsOwnThread() const;
+  std::unique_lock<std::recursive_mutex> LockStarting();
   QMErrors::QMErrorT PlayAll();
   QMErrors::QMErrorT PlayOnce(bool quiet, ValuesT& values);
+  bool PlayFile(bool quiet);
   QMErrors::QMErrorT PlayTone();
   void Pause(DWORD ms) const;
-  QMErrors::QMErrorT DropSound(const QMPlaySoundC* sound);
+  QMErrors::QMErrorT DropSound();
 
   ValuesT m_Values;
   // Shared with the run in progress, on whose thread another sound may be started.
   std::shared_ptr<QMPlaySoundC> m_pPlaySound;
+  std::shared_ptr<QMPlaySoundC> m_pNextSound;           // of a Start() that is under way
+  QMErrors::QMErrorT m_PlayResult = QMErrors::NoError;  // why the file has ended early
   std::atomic<bool> m_bKbHit{false};
-  QMCriticalSectionC m_CS;  // guards all of the above
+  QMCriticalSectionC m_CS;          // guards all of the above
+  std::recursive_mutex m_Starting;  // one starts a sound at a time; before m_CS
 };

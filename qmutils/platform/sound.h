@@ -3,7 +3,7 @@
 // Failures set the last error: 2 or 3 no such file, 5 not allowed, or no plain file, 8 no memory,
 // 13 no wave file or a damaged one, 20 no sound card or none of that name, 50 the card does not
 // play such a sound, 87 a frequency that cannot be, 170 others have the card, 1460 it does not
-// answer. Nothing throws.
+// answer within two seconds. Nothing throws.
 #pragma once
 
 #include "qmutils/platform/export.h"
@@ -23,7 +23,8 @@ class QMUTILS_API SoundDevice {
   /// Starts to play a file and returns; the sound that is playing is ended first. The path is not
   /// needed any more when it returns.
   virtual bool play(const char* waveFile) noexcept = 0;
-  /// True until the end of what play() has started has been heard, or purged.
+  /// True until the end of what play() has started has been heard, or purged. When it is false the
+  /// last error is 0, or the reason why that has ended early.
   virtual bool isPlaying() noexcept = 0;
   /// Ends what play() has started, if that still plays; silent when it returns true.
   virtual bool purge() noexcept = 0;

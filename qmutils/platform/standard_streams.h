@@ -24,11 +24,15 @@ inline constexpr std::size_t kOutputTakenAtOnce = 4096;
 QMUTILS_API bool takesOutput(std::FILE* stream) noexcept;
 
 /// While it lives, a terminal at standard input hands over each key at once, changes nothing about
-/// it and does not show it; Ctrl-C remains an interrupt. Without a terminal it does nothing.
+/// it and does not show it; Ctrl-C remains an interrupt. Without a
+/// terminal, and in the background, it does nothing.
 class QMUTILS_API KeyByKey {
  public:
   KeyByKey() noexcept;
   ~KeyByKey();
+  /// Keys come here. Not so without a terminal, or in the background: a program that reads there,
+  /// or changes the terminal, is stopped.
+  bool takesKeys() const noexcept { return changed_; }
   KeyByKey(const KeyByKey&) = delete;
   KeyByKey& operator=(const KeyByKey&) = delete;
 

@@ -2,18 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <thread>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "qmutils/platform/error.h"
 #include "qmutils/platform/sound.h"
 #include "qmutils/platform/thread.h"
 #include "qmutils/platform/waitable.h"
 #include "tests/support/FailingAllocation.h"
-#include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempFolder.h"
 
@@ -39,7 +41,8 @@ class RecordingDevice : public qm::platform::SoundDevice {
   bool isPlaying() noexcept override {
     note("playing?");
     const std::lock_guard lock(mutex_);
-    return looksPerFile == 0 || ++looks_ % looksPerFile != 0;
+    if (looksPerFile == 0 || ++looks_ % looksPerFile != 0) return true;
+    return result(endError) && false;
   }
   bool purge() noexcept override {
     note("purge");
@@ -67,7 +70,8 @@ class RecordingDevice : public qm::platform::SoundDevice {
   // Set while nothing plays.
   int looksPerFile = 1;  ///< the how manieth look finds that the file has ended; 0: none
   bool toneLasts = false;
-  DWORD playError = 0, purgeError = 0, toneError = 0;  ///< all ones: fails without a last error
+  DWORD playError = 0, endError = 0, purgeError = 0,
+        toneError = 0;  ///< all ones: fails without a last error
   std::function<void()> onPlay;
 
  private:
@@ -162,7 +166,6 @@ TEST_F(Beep, DisabledSoundsAreNeitherPlayedNorReplaced) {
 
 TEST_F(Beep, TheToneStandsInForFilesThatCannotBePlayed) {
   const std::string label = " WARNING: BeepC::PlaySound(): ";
-  const std::string noFile(".wav");
   const std::pair<QMPlaySoundC, std::string> cases[] = {
       {sound(missing_, 3), "m_pPlaySound->m_pSound(" + missing_ + ") does not exist."},
       {sound(other_, 3), "not a valid .wav file: " + other_},
@@ -187,6 +190,19 @@ TEST_F(Beep, TheToneStandsInForFilesThatCannotBePlayed) {
     EXPECT_TRUE(log_.contains(label + "::PlaySound() failed for:" + wave_ + ", Reason: " + why))
         << log_.text();
   }
+
+  // A device that fails in the middle of a file.
+  device_.playError = 0;
+  device_.endError = ERROR_DISK_FULL;
+  log_.clear();
+  EXPECT_EQ(play(sound(wave_, 2)), QMErrors::NoError);
+  const std::string once = "play a.WaV; playing?; purge; tone 1000 30; ";
+  EXPECT_EQ(device_.take(), once + once + "purge; ");
+  const std::string text = log_.text();
+  const std::size_t at =
+      text.find(label + "::PlaySound() failed for:" + wave_ + ", Reason: Error: 112");
+  EXPECT_NE(at, std::string::npos) << text;
+  EXPECT_EQ(text.find("WARNING", at + 8), std::string::npos) << "once: " << text;
 }
 
 TEST_F(Beep, AToneThatFailsEndsTheThreadWithItsError) {
@@ -228,22 +244,6 @@ TEST_F(Beep, StopsInTheMiddleOfFilesTonesAndSpaces) {
   EXPECT_EQ(device_.take(), "tone 600 1; purge; ");
 }
 
-TEST_F(Beep, SpaceFollowsEachPlay) {
-  qmtest::FakeClock clock;
-  EXPECT_EQ(beep_.Start(2, 700, 1, 60'000, 0), QMErrors::NoError);
-  device_.await("tone 700 1");
-  for (int second = 0; second < 119; ++second) {
-    clock.advanceMs(500);
-    std::this_thread::sleep_for(2ms);
-  }
-  EXPECT_EQ(device_.take(), "tone 700 1; ") << "59.5 s have passed";
-  while (beep_.IsAlive()) {
-    clock.advanceMs(1'000);
-    std::this_thread::sleep_for(1ms);
-  }
-  EXPECT_EQ(device_.take(), "tone 700 1; purge; ");
-}
-
 TEST_F(Beep, AKeyEndsWhatStopsOnKeysAfterThePlay) {
   // One that does not stop on keys first.
   EXPECT_EQ(beep_.Start(kForever, 100, 1, 0, 0), QMErrors::NoError);
@@ -253,17 +253,19 @@ TEST_F(Beep, AKeyEndsWhatStopsOnKeysAfterThePlay) {
   device_.await("tone 100 1", 3);
   EXPECT_EQ(beep_.stop(), QMErrors::NoError);
 
-  // Spaces of no length leave the lock to others for moments only.
+  // Spaces of no length leave the lock to others for moments only. The first key comes before the
+  // thread has begun.
   device_.looksPerFile = 2;
-  for (int i = 0; i < 20; ++i) {
-    device_.take();
-    QMPlaySoundC file = sound(i % 2 == 0 ? wave_ : missing_, kForever, 0, 1);
-    EXPECT_EQ(beep_.Start(file), QMErrors::NoError);
-    device_.await(i % 2 == 0 ? "play a.WaV" : "tone 1000 30");
-    EXPECT_EQ(beep_.SignalKbHit(), QMErrors::NoError);
-    EXPECT_EQ(awaitEnd(), QMErrors::NoError);
-    const std::string calls = device_.take();
-    EXPECT_EQ(calls, i % 2 == 0 ? "play a.WaV; playing?; playing?; purge; purge; " : calls);
+  for (const bool atOnce : {true, false}) {
+    for (const std::string& call : {std::string("play a.WaV"), std::string("tone 1000 30")}) {
+      device_.take();
+      QMPlaySoundC file = sound(call[0] == 'p' ? wave_ : missing_, kForever, 0, 1);
+      EXPECT_EQ(beep_.Start(file), QMErrors::NoError);
+      if (!atOnce) device_.await(call);
+      EXPECT_EQ(beep_.SignalKbHit(), QMErrors::NoError);
+      EXPECT_EQ(awaitEnd(), QMErrors::NoError);
+      EXPECT_TRUE(device_.take().starts_with(call));
+    }
   }
   EXPECT_TRUE(log_.contains(" INFO: BeepC::run(): key hit so stopping sound.\n"));
 }
@@ -289,6 +291,25 @@ TEST_F(Beep, ASoundMayBeStartedOnTheSoundThreadItself) {
   EXPECT_EQ(play(sound(wave_, 1)), QMErrors::NoError);
   EXPECT_EQ(device_.take(), "play a.WaV; playing?; purge; play next.wav; playing?; purge; purge; ");
   EXPECT_TRUE(log_.contains("playing sound: " + wave_ + "\n"));
+}
+
+TEST_F(Beep, TonesAreNotOfADescriptionThatWasStartedTooLate) {
+  struct LateC : SoundC {
+    ~LateC() override { (void)stop(); }
+    QMPlaySoundC* late = nullptr;
+    QMErrorT run() override {
+      const QMErrorT result = BeepC::run();
+      if (late != nullptr) (void)Start(*late);
+      return result;
+    }
+  } beep;
+  QMPlaySoundC file = sound(wave_, 1);
+  for (QMPlaySoundC* late : {&file, static_cast<QMPlaySoundC*>(nullptr)}) {
+    beep.late = late;
+    EXPECT_EQ(beep.Start(1, 440, 1, 0, 0), QMErrors::NoError);
+    EXPECT_EQ(qm::platform::wait(beep.GetThread(), 30'000), WAIT_OBJECT_0);
+    EXPECT_EQ(device_.take(), "tone 440 1; purge; ");
+  }
 }
 
 TEST_F(Beep, RunningOutOfMemoryStartsNothing) {

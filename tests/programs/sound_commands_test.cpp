@@ -34,6 +34,10 @@ TEST(SoundCommands, PlayPlaysWhatIsAWaveFile) {
   EXPECT_EQ(command("play --space 0 " + wave).wait(), 0);
   EXPECT_NEAR(double(capture.samples().size()), 800, 160);
 
+  // The tone that stands in fails as well.
+  capture.useDevice("capture:FILE=/dev/full");
+  EXPECT_EQ(command("play " + makeWave(capture.folder(), "b.wav", 10'000)).wait(), 1);
+
   const std::string mute = capture.folder().file("mute.wav"), odd = wave + "e";
   qmtest::writeFile(mute, "");
   qmtest::writeFile(odd, qmtest::readFile(wave));

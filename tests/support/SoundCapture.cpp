@@ -19,16 +19,6 @@ pcm.capture {
   file $FILE
   format raw
 }
-pcm.converted {
-  @args [ FILE ]
-  @args.FILE { type string }
-  type plug
-  slave {
-    pcm { type file slave.pcm "null" file $FILE format raw }
-    rate 44100
-    format S16_LE
-  }
-}
 )";
 
 template <class Sample>
@@ -60,13 +50,7 @@ void SoundCapture::useDevice(const std::string& name) const {
   setenv("QMUTILS_SOUND_DEVICE", name.c_str(), 1);
 }
 
-void SoundCapture::useConversion() const { useDevice("converted:FILE=" + file()); }
-
 Samples SoundCapture::samples() const { return samplesIn<std::int32_t>(file()); }
-
-std::vector<std::int16_t> SoundCapture::convertedSamples() const {
-  return samplesIn<std::int16_t>(file());
-}
 
 void writeWave(const std::string& path, int format, int rate, int channels,
                const Samples& samples) {

@@ -21,11 +21,8 @@ class SoundCapture {
 
   /// What has been played last, as far as it has been written; channels side by side.
   Samples samples() const;
-  /// The same with the converting device that useConversion() chooses: 16-bit, 44100 Hz.
-  std::vector<std::int16_t> convertedSamples() const;
 
   void useDevice(const std::string& name) const;
-  void useConversion() const;
 
   const TempFolder& folder() const { return folder_; }
 

@@ -25,8 +25,8 @@ namespace posix {
 
 namespace {
 
-constexpr unsigned kUsualVolume = 50;    // percent
-constexpr DWORD kEndPatienceMs = 2'000;  // a sound system that does not let go is left to itself
+constexpr unsigned kUsualVolume = 50;  // percent
+constexpr DWORD kPatienceMs = 2'000;   // with a sound system that does not come back
 
 /// Throws std::bad_alloc.
 unsigned toneVolume() {
@@ -37,56 +37,89 @@ unsigned toneVolume() {
   return error == std::errc() && rest == end && percent <= 100 ? percent : kUsualVolume;
 }
 
-/// One file being played, on a thread of its own. Thread and starter share it: a thread that does
-/// not end is left to itself.
+/// One sound being played, on a thread of its own. Thread and starter share it: a thread that does
+/// not end, as the sound system keeps it, is left to itself.
 class Player {
  public:
   explicit Player(std::unique_ptr<SampleSource> source) noexcept
-      : source_(std::move(source)), stop_(createEvent(true, false)) {}
+      : source_(std::move(source)),
+        stop_(createEvent(true, false)),
+        opened_(createEvent(true, false)) {}
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
   ~Player() {
-    if (thread_ != nullptr) closeHandle(thread_);
-    if (stop_ != nullptr) closeHandle(stop_);
+    for (const HANDLE handle : {thread_, stop_, opened_}) {
+      if (handle != nullptr) closeHandle(handle);
+    }
   }
 
-  /// Opens the device here, so that the caller learns why it cannot play, and plays there.
+  /// Returns when the device is open, so that the caller learns why it cannot play.
   static bool start(const std::shared_ptr<Player>& player) {
-    if (player->stop_ == nullptr) return failWith(ERROR_NOT_ENOUGH_MEMORY);
-    player->output_ = std::make_unique<SoundOutput>();
-    if (!player->output_->open(*player->source_)) return false;
-    player->threads_ = player;
-    player->thread_ = startThread(&Player::run, player.get(), nullptr);
-    if (player->thread_ != nullptr) return true;
-    player->threads_.reset();
-    return false;
+    if (player->stop_ == nullptr || player->opened_ == nullptr) {
+      return failWith(ERROR_NOT_ENOUGH_MEMORY);
+    }
+    auto share = std::make_unique<std::shared_ptr<Player>>(player);
+    player->thread_ = startThread(&Player::run, share.get(), nullptr);
+    if (player->thread_ == nullptr) return false;
+    (void)share.release();
+    if (wait(player->opened_, kPatienceMs) != WAIT_OBJECT_0) {
+      setEvent(player->stop_);
+      return failWith(ERROR_TIMEOUT);
+    }
+    return !player->ended_ || player->failure_ == 0 || failWith(player->failure_);
   }
 
-  bool isPlaying() const noexcept { return !ended_; }
+  /// False at the end, with the reason as the last error if it came early.
+  bool isPlaying() const noexcept {
+    if (!ended_) return true;
+    return failWith(failure_);
+  }
+  /// Also true when the sound system keeps it.
+  bool isRunning() const noexcept { return thread_ != nullptr && !ended_; }
+
+  /// Waits for the end, or until `cancel` (may be null) is signalled and it is silent. False with
+  /// the last error set when the device fails.
+  bool awaitEnd(HANDLE cancel) const noexcept {
+    const HANDLE handles[] = {thread_, cancel};
+    const DWORD ended = waitAny(handles, cancel != nullptr ? 2 : 1, INFINITE);
+    if (ended == WAIT_FAILED) return false;
+    if (ended != WAIT_OBJECT_0) return end();
+    return failure_ == 0 || failWith(failure_);
+  }
 
   /// False with the last error set when the thread does not end.
   bool end() const noexcept {
     setEvent(stop_);
-    return wait(thread_, kEndPatienceMs) == WAIT_OBJECT_0 || failWith(ERROR_TIMEOUT);
+    return wait(thread_, kPatienceMs) == WAIT_OBJECT_0 || failWith(ERROR_TIMEOUT);
   }
 
  private:
   static DWORD run(void* argument) {
-    Player& player = *static_cast<Player*>(argument);
-    const std::shared_ptr<Player> share = std::move(player.threads_);
-    // A device that fails in the middle has ended the sound; nobody waits for its code.
-    (void)player.output_->play(*player.source_, player.stop_);
-    player.ended_ = true;
-    player.output_.reset();
+    const std::unique_ptr<std::shared_ptr<Player>> share(
+        static_cast<std::shared_ptr<Player>*>(argument));
+    (*share)->play();
     return 0;
   }
 
+  void play() noexcept {
+    {
+      SoundOutput output;
+      bool played = output.open(*source_);
+      if (played) {
+        setEvent(opened_);
+        played = output.play(*source_, stop_);
+      }
+      if (!played) failure_ = lastError();
+    }
+    ended_ = true;
+    setEvent(opened_);
+  }
+
   const std::unique_ptr<SampleSource> source_;
-  // The thread's once it runs.
-  std::unique_ptr<SoundOutput> output_;
-  std::shared_ptr<Player> threads_;  // its share of this
   const HANDLE stop_;
+  const HANDLE opened_;
   HANDLE thread_ = nullptr;
+  std::atomic<DWORD> failure_{0};  // before ended_
   std::atomic<bool> ended_{false};
 };
 
@@ -99,7 +132,9 @@ struct Playing {
   const unsigned generation;
   const Playing* const parents;  // never destroyed, so never lost sight of
   std::mutex mutex;
-  std::shared_ptr<Player> player;  // under the mutex; null before the first sound
+  // Under the mutex; null before the first sound.
+  std::shared_ptr<Player> player;
+  std::shared_ptr<Player> stuckTone;  // that the sound system has never let go
 
   /// Under the mutex. A player that does not end stays, so that the next one does not begin before.
   bool end() noexcept {
@@ -119,9 +154,9 @@ class SystemSoundDevice : public SoundDevice {
     const std::lock_guard guard(playing.mutex);
     if (!playing.end()) return false;
     const auto player = std::make_shared<Player>(std::move(source));
-    if (!Player::start(player)) return false;
-    playing.player = player;
-    return true;
+    const bool started = Player::start(player);
+    if (started || player->isRunning()) playing.player = player;
+    return started;
   } catch (const std::bad_alloc&) {
     return failWith(ERROR_NOT_ENOUGH_MEMORY);
   }
@@ -146,9 +181,21 @@ class SystemSoundDevice : public SoundDevice {
       const DWORD result = wait(cancel, 0);
       if (result != WAIT_TIMEOUT) return result != WAIT_FAILED;
     }
-    Tone source(hertz, milliseconds, toneVolume());
-    SoundOutput output;
-    return output.open(source) && output.play(source, cancel);
+    if (milliseconds == 0) return true;
+    Playing& playing = ensurePlaying();
+    {
+      const std::lock_guard guard(playing.mutex);
+      if (playing.stuckTone != nullptr && playing.stuckTone->isRunning()) {
+        return failWith(ERROR_TIMEOUT);
+      }
+    }
+    const auto player =
+        std::make_shared<Player>(std::make_unique<Tone>(hertz, milliseconds, toneVolume()));
+    if (Player::start(player) && player->awaitEnd(cancel)) return true;
+    const DWORD reason = lastError();
+    const std::lock_guard guard(playing.mutex);
+    if (player->isRunning()) playing.stuckTone = player;
+    return failWith(reason);
   } catch (const std::bad_alloc&) {
     return failWith(ERROR_NOT_ENOUGH_MEMORY);
   }

@@ -70,38 +70,48 @@ bool isStopped(HANDLE stop, DWORD ms) noexcept {
   return false;
 }
 
-bool chooseHardware(snd_pcm_t* pcm, unsigned rate, unsigned channels, snd_pcm_uframes_t* period) {
+// Both give 0, or the sound system's error.
+
+int chooseHardware(snd_pcm_t* pcm, unsigned rate, unsigned channels, snd_pcm_uframes_t* period) {
   snd_pcm_hw_params_t* hardware;
   snd_pcm_hw_params_alloca(&hardware);
   unsigned actualRate = rate;
   unsigned bufferTime = kBufferMicroseconds;
   unsigned periodTime = kPeriodMicroseconds;
-  return snd_pcm_hw_params_any(pcm, hardware) >= 0 &&
-         snd_pcm_hw_params_set_rate_resample(pcm, hardware, 1) >= 0 &&
-         snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_RW_INTERLEAVED) >= 0 &&
-         snd_pcm_hw_params_set_format(pcm, hardware, SND_PCM_FORMAT_S32) >= 0 &&
-         snd_pcm_hw_params_set_channels(pcm, hardware, channels) >= 0 &&
-         snd_pcm_hw_params_set_rate_near(pcm, hardware, &actualRate, nullptr) >= 0 &&
-         actualRate == rate &&  // else it would be another sound
-         snd_pcm_hw_params_set_buffer_time_near(pcm, hardware, &bufferTime, nullptr) >= 0 &&
-         snd_pcm_hw_params_set_period_time_near(pcm, hardware, &periodTime, nullptr) >= 0 &&
-         snd_pcm_hw_params(pcm, hardware) >= 0 &&
-         snd_pcm_hw_params_get_period_size(hardware, period, nullptr) >= 0;
+  int error;
+  if ((error = snd_pcm_hw_params_any(pcm, hardware)) < 0 ||
+      (error = snd_pcm_hw_params_set_rate_resample(pcm, hardware, 1)) < 0 ||
+      (error = snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_RW_INTERLEAVED)) < 0 ||
+      (error = snd_pcm_hw_params_set_format(pcm, hardware, SND_PCM_FORMAT_S32)) < 0 ||
+      (error = snd_pcm_hw_params_set_channels(pcm, hardware, channels)) < 0 ||
+      (error = snd_pcm_hw_params_set_rate_near(pcm, hardware, &actualRate, nullptr)) < 0) {
+    return error;
+  }
+  if (actualRate != rate) return -EINVAL;  // it would be another sound
+  if ((error = snd_pcm_hw_params_set_buffer_time_near(pcm, hardware, &bufferTime, nullptr)) < 0 ||
+      (error = snd_pcm_hw_params_set_period_time_near(pcm, hardware, &periodTime, nullptr)) < 0 ||
+      (error = snd_pcm_hw_params(pcm, hardware)) < 0) {
+    return error;
+  }
+  return std::min(snd_pcm_hw_params_get_period_size(hardware, period, nullptr), 0);
 }
 
-bool chooseSoftware(snd_pcm_t* pcm) {
+int chooseSoftware(snd_pcm_t* pcm) {
   snd_pcm_sw_params_t* software;
   snd_pcm_sw_params_alloca(&software);
   snd_pcm_uframes_t boundary = 0;
-  return snd_pcm_sw_params_current(pcm, software) >= 0 &&
-         snd_pcm_sw_params_get_boundary(software, &boundary) >= 0 &&
-         // Started by us, as a short sound would never fill the buffer.
-         snd_pcm_sw_params_set_start_threshold(pcm, software, boundary) >= 0 &&
-         // What has been played becomes silence, so that a card that is late in stopping does not
-         // play it again.
-         snd_pcm_sw_params_set_silence_threshold(pcm, software, 0) >= 0 &&
-         snd_pcm_sw_params_set_silence_size(pcm, software, boundary) >= 0 &&
-         snd_pcm_sw_params(pcm, software) >= 0;
+  int error;
+  if ((error = snd_pcm_sw_params_current(pcm, software)) < 0 ||
+      (error = snd_pcm_sw_params_get_boundary(software, &boundary)) < 0 ||
+      // Started by us, as a short sound would never fill the buffer.
+      (error = snd_pcm_sw_params_set_start_threshold(pcm, software, boundary)) < 0 ||
+      // What has been played becomes silence, so that a card that is late in stopping does not play
+      // it again.
+      (error = snd_pcm_sw_params_set_silence_threshold(pcm, software, 0)) < 0 ||
+      (error = snd_pcm_sw_params_set_silence_size(pcm, software, boundary)) < 0) {
+    return error;
+  }
+  return std::min(snd_pcm_sw_params(pcm, software), 0);
 }
 
 }  // namespace
@@ -130,9 +140,10 @@ bool SoundOutput::open(const SampleSource& source) noexcept try {
 bool SoundOutput::setUp(const SampleSource& source) noexcept {
   rate_ = source.rate();
   channels_ = source.channels();
-  if (!chooseHardware(pcm_, rate_, channels_, &period_) || !chooseSoftware(pcm_)) {
-    return failWith(ERROR_NOT_SUPPORTED);
-  }
+  int error = chooseHardware(pcm_, rate_, channels_, &period_);
+  if (error == 0) error = chooseSoftware(pcm_);
+  if (error == -EINVAL) return failWith(ERROR_NOT_SUPPORTED);
+  if (error != 0) return failWithSoundError(error);
   piece_.reset(new (std::nothrow) Sample[kPieceFrames * channels_]);
   if (piece_ == nullptr) return failWith(ERROR_NOT_ENOUGH_MEMORY);
   begin_ = lastMove_ = monotonicNanoseconds();

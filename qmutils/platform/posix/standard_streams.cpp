@@ -35,6 +35,9 @@ bool takesOutput(std::FILE* stream) noexcept {
 KeyByKey::KeyByKey() noexcept : changed_(false) {
   termios mode;
   static_assert(sizeof mode <= sizeof formerMode_ && alignof(termios) <= 8);
+  // Of a terminal that does not control us there is no background.
+  const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+  if (foreground >= 0 && foreground != getpgrp()) return;
   if (tcgetattr(STDIN_FILENO, &mode) != 0) return;
   std::memcpy(formerMode_, &mode, sizeof mode);
   mode.c_iflag &= ~static_cast<tcflag_t>(ICRNL | INLCR | IGNCR | IXON);

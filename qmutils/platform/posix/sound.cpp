@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -66,7 +67,7 @@ class Player {
       setEvent(player->stop_);
       return failWith(ERROR_TIMEOUT);
     }
-    return !player->ended_ || player->failure_ == 0 || failWith(player->failure_);
+    return player->isOpen_ || failWith(player->failure_);
   }
 
   /// False at the end, with the reason as the last error if it came early.
@@ -102,23 +103,25 @@ class Player {
   }
 
   void play() noexcept {
-    {
-      SoundOutput output;
-      bool played = output.open(*source_);
-      if (played) {
-        setEvent(opened_);
-        played = output.play(*source_, stop_);
-      }
-      if (!played) failure_ = lastError();
+    output_.emplace();
+    isOpen_ = output_->open(*source_);
+    bool isWell = isOpen_;
+    if (isWell) {
+      setEvent(opened_);
+      isWell = output_->play(*source_, stop_);
     }
+    if (!isWell) failure_ = lastError();
+    output_.reset();
     ended_ = true;
     setEvent(opened_);
   }
 
   const std::unique_ptr<SampleSource> source_;
+  std::optional<SoundOutput> output_;  // the thread's
   const HANDLE stop_;
   const HANDLE opened_;
   HANDLE thread_ = nullptr;
+  std::atomic<bool> isOpen_{false};
   std::atomic<DWORD> failure_{0};  // before ended_
   std::atomic<bool> ended_{false};
 };

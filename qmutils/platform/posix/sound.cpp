@@ -166,9 +166,9 @@ class SystemSoundDevice : public SoundDevice {
 
   bool isPlaying() noexcept override {
     Playing* const playing = ownPlaying();
-    if (playing == nullptr) return false;
+    if (playing == nullptr) return failWith(ERROR_SUCCESS);
     const std::lock_guard guard(playing->mutex);
-    return playing->player != nullptr && playing->player->isPlaying();
+    return playing->player != nullptr ? playing->player->isPlaying() : failWith(ERROR_SUCCESS);
   }
 
   bool purge() noexcept override {

@@ -1,4 +1,4 @@
-// An alarm sound that stands in a settings file and played until somebody hits a key.
+// An alarm sound that stands in a settings file and is played until somebody hits a key.
 #include <cstdio>
 
 #include "qmutils/app/BeepC.h"

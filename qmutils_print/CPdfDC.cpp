@@ -127,8 +127,10 @@ class CPdfDC::ImplC {
 
 namespace {
 
-std::unique_ptr<CPdfDC::OutputC> fileOutput(const char* file) noexcept {
-  return std::unique_ptr<CPdfDC::OutputC>(new (std::nothrow) qm::PdfFile(file));
+std::unique_ptr<CPdfDC::OutputC> fileOutput(const char* file) noexcept try {
+  return std::make_unique<qm::PdfFile>(file);
+} catch (const std::bad_alloc&) {
+  return nullptr;
 }
 
 }  // namespace

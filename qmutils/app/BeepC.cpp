@@ -65,8 +65,9 @@ QMErrorT BeepC::Start(unsigned int repeats, unsigned int freq, unsigned int mark
     const QMErrorT entered = user.EnterCriticalSection("BeepC::Start(): ", INFINITE);
     if (entered != QMErrors::NoError) return entered;
     m_Values = {repeats, freq, mark, space, bStopOnKbHit};
-    // Tones are not of a description that was started before.
-    m_pPlaySound = std::move(m_pNextSound);
+    // Tones are not of a description that was started before; but a run that gives itself other
+    // values goes on with its own.
+    if (m_pNextSound != nullptr || !IsOwnThread()) m_pPlaySound = std::move(m_pNextSound);
     // Before the thread runs: a key that comes from here on is for this run.
     m_bKbHit = false;
   }

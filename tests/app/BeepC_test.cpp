@@ -42,7 +42,8 @@ class RecordingDevice : public qm::platform::SoundDevice {
     note("playing?");
     const std::lock_guard lock(mutex_);
     if (looksPerFile == 0 || ++looks_ % looksPerFile != 0) return true;
-    return result(endError) && false;
+    (void)result(endError);
+    return false;
   }
   bool purge() noexcept override {
     note("purge");
@@ -291,6 +292,14 @@ TEST_F(Beep, ASoundMayBeStartedOnTheSoundThreadItself) {
   EXPECT_EQ(play(sound(wave_, 1)), QMErrors::NoError);
   EXPECT_EQ(device_.take(), "play a.WaV; playing?; purge; play next.wav; playing?; purge; purge; ");
   EXPECT_TRUE(log_.contains("playing sound: " + wave_ + "\n"));
+
+  // Other values only: the file that is held plays on.
+  device_.onPlay = [&] {
+    device_.onPlay = nullptr;
+    EXPECT_EQ(beep_.Start(2, 440, 1, 0, 0), QMErrors::NoError);
+  };
+  EXPECT_EQ(play(sound(wave_, 1)), QMErrors::NoError);
+  EXPECT_EQ(device_.take(), "play a.WaV; playing?; purge; play a.WaV; playing?; purge; purge; ");
 }
 
 TEST_F(Beep, TonesAreNotOfADescriptionThatWasStartedTooLate) {
